@@ -1,0 +1,9 @@
+// zepos_sys.h - processor, clock and scheduling stand-ins of the OS layer.
+#ifndef ZEPOS_SYS_H
+#define ZEPOS_SYS_H
+
+#include "zeptypes.h"
+
+namespace zepos {}
+
+#endif
