@@ -1,0 +1,20 @@
+// zep.h - everything zep exports.
+#ifndef ZEP_H
+#define ZEP_H
+
+#include "zeptypes.h"
+#include "zepecf.h"
+#include "zeperror.h"
+#include "zeplib.h"
+#include "zeplog.h"
+#include "gtrace.h"
+#include "zepmemdbg.h"
+#include "zepfile.h"
+
+// primitives: begin
+// primitives: end
+
+// numerics: begin
+// numerics: end
+
+#endif
