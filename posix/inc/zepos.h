@@ -7,12 +7,17 @@
 // translated from errno by the one table in zepos_core.cpp.
 //
 // Nothing here calls back into the frame, the log or the trace.
+//
+// The layer's symbols are visible from libzep.so so that the library's own tests can reach
+// them; no installed header declares them, and they are no interface for callers.
 #ifndef ZEPOS_H
 #define ZEPOS_H
 
 #include "zeptypes.h"
 
-namespace zepos {
+#define ZEPOS_VISIBLE __attribute__((visibility("default")))
+
+namespace ZEPOS_VISIBLE zepos {
 
 typedef int BOOL;  // the platform's 32-bit truth value: non-zero on success
 typedef void* HANDLE;
@@ -82,6 +87,10 @@ Uint32 TranslateErrno(int err, ErrnoUse use = ErrnoUse::General);
 // Stores the translation of errno (or of err) as the last error; for the stand-ins' failure
 // paths.
 void SetLastErrorFromErrno(ErrnoUse use = ErrnoUse::General);
+
+// ENOENT says "not found" for the file and for a directory on its way alike; the platform tells
+// them apart (2 for the file, 3 for the path). This decides which one `path` meets.
+Uint32 NotFoundError(const char* path);
 
 Uint32 GetCurrentThreadId();
 Uint32 GetCurrentProcessId();

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,6 +93,21 @@ Uint32 TranslateErrno(int err, ErrnoUse use) {
 
 void SetLastErrorFromErrno(ErrnoUse use) { t_lastError = TranslateErrno(errno, use); }
 
+Uint32 NotFoundError(const char* path) {
+    // The parent is everything before the last separator; a bare name lives in the current
+    // directory, which exists.
+    const char* slash = strrchr(path, ZEP_PATH_SEPARATOR);
+    if (slash == nullptr || slash == path) return ERROR_FILE_NOT_FOUND;
+    size_t n = static_cast<size_t>(slash - path);
+    if (n >= 4096) return ERROR_PATH_NOT_FOUND;
+    char parent[4096];
+    memcpy(parent, path, n);
+    parent[n] = 0;
+    struct stat st;
+    return stat(parent, &st) == 0 && S_ISDIR(st.st_mode) ? ERROR_FILE_NOT_FOUND
+                                                          : ERROR_PATH_NOT_FOUND;
+}
+
 Uint32 GetCurrentThreadId() {
     Uint32 tid = t_threadId;
     if (tid == 0) {
@@ -132,7 +148,12 @@ BOOL MoveFileA(const char* existingName, const char* newName) {
             err = errno;
         }
     }
-    SetLastError(TranslateErrno(err, ErrnoUse::Create));
+    if (err == ENOENT) {
+        struct stat st;
+        SetLastError(NotFoundError(lstat(existingName, &st) == 0 ? newName : existingName));
+    } else {
+        SetLastError(TranslateErrno(err, ErrnoUse::Create));
+    }
     return 0;
 }
 
