@@ -4,6 +4,6 @@
 
 #include "zeptypes.h"
 
-namespace zepos {}
+namespace ZEPOS_VISIBLE zepos {}
 
 #endif
