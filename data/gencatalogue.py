@@ -105,7 +105,14 @@ def main():
         value, name = codes[index][0], codes[index][1]
         if name:
             h.append(f"#define {name} ((Uint32)0x{value:08X}u)")
-    h += ["", f"#define ECF_SET_CODE_COUNT {set_count}u", "", "#endif", ""]
+    h += ["", f"#define ECF_SET_CODE_COUNT {set_count}u", "",
+          "// Every named code once, for tables keyed by name: X(name, value).",
+          "#define ZEP_ECF_CODE_LIST(X) \\"]
+    for index in sorted(codes):
+        value, name = codes[index][0], codes[index][1]
+        if name:
+            h.append(f"    X({name}, 0x{value:08X}u) \\")
+    h += ["", "#endif", ""]
     write_if_changed(os.path.join(out, "zepecfcodes.h"), "\n".join(h))
 
     # --- zepfuncids.h

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds zep and runs the demo: the catalogue tool on a few codes and identifiers, then a
+# program whose operations fail and report it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${ZEP_BUILD_DIR:-build}
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" --target zep zeperr zepdemo >/dev/null
+bin="$build/bin"
+
+run() { printf '\n$ %s\n' "$*"; "$@"; }
+run "$bin/zeperr" 0x9000001A
+run "$bin/zeperr" 0x081A0016
+run "$bin/zeperr" ECF_PARTIAL_INFO MoveFile
+run "$bin/zeperr" 0x9000052B || true
+echo
+run "$bin/zepdemo"

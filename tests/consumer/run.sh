@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs the built library into a scratch prefix, then builds and runs a separate project
+# against it twice: through find_package(zep) and through pkg-config.
+set -euo pipefail
+build=$1
+src=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+cmake -S "$src" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/consumer" >/dev/null
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/consumer/consumer"
+lib=$(ls -d "$work"/prefix/lib*/pkgconfig | head -n 1)
+flags=$(PKG_CONFIG_PATH="$lib" pkg-config --cflags --libs zep)
+c++ -std=c++20 "$src/main.cpp" $flags -o "$work/pc_consumer"
+LD_LIBRARY_PATH="$(dirname "$lib")" "$work/pc_consumer"
+objdump -p "$(dirname "$lib")/libzep.so" | grep -q 'SONAME *libzep.so.1$'
