@@ -8,16 +8,19 @@
 //
 // Nothing here calls back into the frame, the log or the trace.
 //
-// The layer's symbols are visible from libzep.so so that the library's own tests can reach
+// The layer's symbols (everything declared between the visibility pragmas, the area headers
+// included at the end among them) are visible from libzep.so so that the library's own tests can reach
 // them; no installed header declares them, and they are no interface for callers.
 #ifndef ZEPOS_H
 #define ZEPOS_H
 
 #include "zeptypes.h"
 
-#define ZEPOS_VISIBLE __attribute__((visibility("default")))
+// Kept for headers of the layer that spell it; the pragma below does the work.
+#define ZEPOS_VISIBLE
 
-namespace ZEPOS_VISIBLE zepos {
+#pragma GCC visibility push(default)
+namespace zepos {
 
 typedef int BOOL;  // the platform's 32-bit truth value: non-zero on success
 typedef void* HANDLE;
@@ -102,5 +105,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 }  // namespace zepos
 
 #include "zepos_sys.h"
+
+#pragma GCC visibility pop
 
 #endif
