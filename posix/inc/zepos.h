@@ -105,6 +105,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 }  // namespace zepos
 
 #include "zepos_sys.h"
+#include "zepos_file.h"
 
 #pragma GCC visibility pop
 
