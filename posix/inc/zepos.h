@@ -95,6 +95,12 @@ void SetLastErrorFromErrno(ErrnoUse use = ErrnoUse::General);
 // them apart (2 for the file, 3 for the path). This decides which one `path` meets.
 Uint32 NotFoundError(const char* path);
 
+// The calendar time of the local zone, to the millisecond.
+struct SYSTEMTIME {
+    Uint16 wYear, wMonth, wDayOfWeek, wDay, wHour, wMinute, wSecond, wMilliseconds;
+};
+void GetLocalTime(SYSTEMTIME* st);
+
 Uint32 GetCurrentThreadId();
 Uint32 GetCurrentProcessId();
 

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace zepos {
@@ -106,6 +107,21 @@ Uint32 NotFoundError(const char* path) {
     struct stat st;
     return stat(parent, &st) == 0 && S_ISDIR(st.st_mode) ? ERROR_FILE_NOT_FOUND
                                                           : ERROR_PATH_NOT_FOUND;
+}
+
+void GetLocalTime(SYSTEMTIME* st) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm t;
+    localtime_r(&ts.tv_sec, &t);
+    st->wYear = static_cast<Uint16>(t.tm_year + 1900);
+    st->wMonth = static_cast<Uint16>(t.tm_mon + 1);
+    st->wDayOfWeek = static_cast<Uint16>(t.tm_wday);
+    st->wDay = static_cast<Uint16>(t.tm_mday);
+    st->wHour = static_cast<Uint16>(t.tm_hour);
+    st->wMinute = static_cast<Uint16>(t.tm_min);
+    st->wSecond = static_cast<Uint16>(t.tm_sec);
+    st->wMilliseconds = static_cast<Uint16>(ts.tv_nsec / 1000000);
 }
 
 Uint32 GetCurrentThreadId() {
