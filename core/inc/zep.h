@@ -10,6 +10,7 @@
 #include "gtrace.h"
 #include "zepmemdbg.h"
 #include "zepfile.h"
+#include "zephfile.h"
 
 // primitives: begin
 // primitives: end
