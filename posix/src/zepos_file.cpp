@@ -1,0 +1,754 @@
+// zepos_file.cpp - file handles, byte-range locks, file mappings and views on Linux.
+#include "zepos.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zepos {
+
+namespace {
+
+// A handle holds few ranges at once (the library's own use is byte 0 alone); a fixed table
+// keeps the lock path free of allocation.
+constexpr int kMaxRanges = 8;
+
+struct LockRange {
+    Uint64 offset;
+    Uint64 length;  // 0: the slot is free
+    Uint32 count;   // identical shared ranges stack
+    bool exclusive;
+    bool pending;  // a waiting LockFileEx has claimed it and is in the kernel
+};
+
+struct FileRecord {
+    HandleRecord head;
+    int fd;
+    // A second description of the same file, opened on demand for the lock type that the
+    // descriptor's mode can't carry (F_WRLCK needs write, F_RDLCK read; the platform locks
+    // either way on any handle with read or write access).
+    int altFd;
+    Uint32 access;    // GENERIC_READ | GENERIC_WRITE, as asked
+    int deleteDirFd;  // delete on close: the directory of the name, else -1
+    const char* deleteName;
+    pthread_mutex_t rangeMutex;
+    LockRange ranges[kMaxRanges];
+};
+
+struct MappingRecord {
+    HandleRecord head;
+    int fd;  // a duplicate: the mapping outlives the file handle, as on the platform
+    Uint32 protect;
+    Uint64 size;
+};
+
+// Views by base address, for UnmapViewOfFile, which is given the address alone.
+struct View {
+    void* base;
+    size_t length;
+    View* next;
+};
+pthread_mutex_t s_viewMutex = PTHREAD_MUTEX_INITIALIZER;
+View* s_views = nullptr;
+
+size_t pageSize() {
+    static const size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
+
+BOOL fail(Uint32 error) {
+    SetLastError(error);
+    return 0;
+}
+
+BOOL failErrno(ErrnoUse use = ErrnoUse::General) {
+    SetLastErrorFromErrno(use);
+    return 0;
+}
+
+FileRecord* fileOf(HANDLE h) {
+    return reinterpret_cast<FileRecord*>(HandleOfKind(h, HANDLE_KIND_FILE));
+}
+
+// ---- locks
+
+bool overlaps(const LockRange& r, Uint64 offset, Uint64 length) {
+    return r.length != 0 && offset < r.offset + r.length && r.offset < offset + length;
+}
+
+// The descriptor that can carry a lock of this type, opening the second description if the
+// handle's own mode can't. -1 with the last error set if the file refuses that mode.
+int lockFd(FileRecord* f, bool exclusive) {
+    const Uint32 needs = exclusive ? GENERIC_WRITE : GENERIC_READ;
+    if (f->access & needs) return f->fd;
+    if (f->altFd < 0) {
+        char self[32];
+        snprintf(self, sizeof self, "/proc/self/fd/%d", f->fd);
+        f->altFd = open(self, (exclusive ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+        if (f->altFd < 0) {
+            SetLastErrorFromErrno();
+            return -1;
+        }
+    }
+    return f->altFd;
+}
+
+int ofdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait) {
+    struct flock fl;
+    memset(&fl, 0, sizeof fl);
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = static_cast<off_t>(offset);
+    fl.l_len = static_cast<off_t>(length);
+    int rc;
+    do {
+        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
+// Releases the parts of [offset, offset+length) that no other range of the handle still covers,
+// so that a shared range overlapping another keeps its bytes locked. Only shared ranges ever
+// overlap within a handle. Called with the range mutex held.
+void releaseUncovered(FileRecord* f, int skip, Uint64 offset, Uint64 length) {
+    const Uint64 end = offset + length;
+    Uint64 at = offset;
+    while (at < end) {
+        // The covered piece that starts first at or after `at`.
+        Uint64 coverStart = end, coverEnd = end;
+        for (int i = 0; i < kMaxRanges; ++i) {
+            const LockRange& r = f->ranges[i];
+            if (i == skip || r.length == 0 || r.pending || !overlaps(r, at, end - at)) continue;
+            Uint64 s = r.offset > at ? r.offset : at;
+            if (s < coverStart || (s == coverStart && r.offset + r.length > coverEnd)) {
+                coverStart = s;
+                coverEnd = r.offset + r.length;
+            }
+        }
+        if (coverStart > at) {
+            // Both descriptors: the piece may have been taken through either.
+            ofdLock(f->fd, F_UNLCK, at, coverStart - at, false);
+            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, at, coverStart - at, false);
+        }
+        at = coverEnd;
+    }
+}
+
+// ---- handle kinds
+
+BOOL closeFile(HandleRecord* h) {
+    FileRecord* f = reinterpret_cast<FileRecord*>(h);
+    // The description may live on in a mapping's duplicate or a forked child; the handle's locks
+    // end with the handle all the same.
+    bool holds = false;
+    for (const LockRange& r : f->ranges) holds |= r.length != 0;
+    if (holds) {
+        ofdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
+        if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, 0, 0, false);
+    }
+    if (f->deleteDirFd >= 0) {
+        // Only while the name is still this file: another may have taken it since.
+        struct stat mine, named;
+        if (fstat(f->fd, &mine) == 0 &&
+            fstatat(f->deleteDirFd, f->deleteName, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino)
+            unlinkat(f->deleteDirFd, f->deleteName, 0);
+        close(f->deleteDirFd);
+    }
+    if (f->altFd >= 0) close(f->altFd);
+    // close() reports EINTR or EIO after the descriptor is gone: the handle is closed either way.
+    int rc = close(f->fd);
+    int err = errno;
+    pthread_mutex_destroy(&f->rangeMutex);
+    f->head.magic = 0;
+    free(f);
+    if (rc != 0 && err != EINTR) return fail(TranslateErrno(err));
+    return 1;
+}
+
+BOOL closeMapping(HandleRecord* h) {
+    MappingRecord* m = reinterpret_cast<MappingRecord*>(h);
+    close(m->fd);
+    m->head.magic = 0;
+    free(m);
+    return 1;
+}
+
+}  // namespace
+
+HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind) {
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    HandleRecord* r = static_cast<HandleRecord*>(handle);
+    if (r->magic != HANDLE_MAGIC || r->kind != kind) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return r;
+}
+
+BOOL CloseHandle(HANDLE handle) {
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return fail(ERROR_INVALID_HANDLE);
+    HandleRecord* r = static_cast<HandleRecord*>(handle);
+    if (r->magic != HANDLE_MAGIC || r->close == nullptr) return fail(ERROR_INVALID_HANDLE);
+    return r->close(r);
+}
+
+// ---- CreateFileA
+
+HANDLE CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32 shareMode, void*,
+                   Uint32 creationDisposition, Uint32 flagsAndAttributes, HANDLE) {
+    if (fileName == nullptr ||
+        (shareMode & ~(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)) != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (fileName[0] == 0) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    const Uint32 rw = desiredAccess & (GENERIC_READ | GENERIC_WRITE);
+    int mode;
+    switch (rw) {
+        case GENERIC_READ:
+            mode = O_RDONLY;
+            break;
+        case GENERIC_WRITE:
+            mode = O_WRONLY;
+            break;
+        case GENERIC_READ | GENERIC_WRITE:
+            mode = O_RDWR;
+            break;
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return INVALID_HANDLE_VALUE;
+    }
+    mode |= O_CLOEXEC;
+    if (flagsAndAttributes & FILE_FLAG_WRITE_THROUGH) mode |= O_DSYNC;
+
+    // How to open a file that is there, and whether the disposition may create one when it
+    // isn't. CREATE_ALWAYS and OPEN_ALWAYS report whether they met an existing file; opening that
+    // first costs one call in the common case (the log reopens its file for every record).
+    int existing = mode;
+    bool mayCreate = false;
+    switch (creationDisposition) {
+        case CREATE_NEW:
+            existing = -1, mayCreate = true;
+            break;
+        case CREATE_ALWAYS:
+            existing = mode | O_TRUNC, mayCreate = true;
+            break;
+        case OPEN_EXISTING:
+            break;
+        case OPEN_ALWAYS:
+            mayCreate = true;
+            break;
+        case TRUNCATE_EXISTING:
+            if (!(rw & GENERIC_WRITE)) {
+                SetLastError(ERROR_INVALID_PARAMETER);
+                return INVALID_HANDLE_VALUE;
+            }
+            existing = mode | O_TRUNC;
+            break;
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return INVALID_HANDLE_VALUE;
+    }
+    bool existed = false;
+    int fd = -1;
+    // A name that appears or vanishes between the two attempts sends us round again.
+    for (int round = 0; round < 64; ++round) {
+        if (existing >= 0) {
+            fd = open(fileName, existing);
+            if (fd >= 0) {
+                existed = true;
+                break;
+            }
+            if (errno != ENOENT || !mayCreate) break;
+        }
+        fd = open(fileName, mode | O_CREAT | O_EXCL, 0666);
+        if (fd >= 0 || errno != EEXIST || existing < 0) break;
+    }
+    if (fd < 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(fileName));
+        else
+            SetLastErrorFromErrno();
+        return INVALID_HANDLE_VALUE;
+    }
+    // Opening a directory for writing fails in the kernel already; for reading it succeeds, and
+    // the platform refuses a directory as a file.
+    if (rw == GENERIC_READ) {
+        struct stat st;
+        if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+            close(fd);
+            SetLastError(ERROR_ACCESS_DENIED);
+            return INVALID_HANDLE_VALUE;
+        }
+    }
+
+    const char* base = nullptr;
+    size_t nameLength = 0;
+    int dirFd = -1;
+    if (flagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) {
+        // The directory is held open so the name is found again even if the working directory
+        // changes before the close.
+        const char* slash = strrchr(fileName, '/');
+        base = slash ? slash + 1 : fileName;
+        nameLength = strlen(base);
+        if (slash == nullptr) {
+            dirFd = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        } else if (slash == fileName) {
+            dirFd = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        } else {
+            char* dir = strndup(fileName, static_cast<size_t>(slash - fileName));
+            dirFd = dir ? open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
+            free(dir);
+        }
+        if (dirFd < 0) {
+            SetLastErrorFromErrno();
+            close(fd);
+            return INVALID_HANDLE_VALUE;
+        }
+    }
+
+    FileRecord* f = static_cast<FileRecord*>(malloc(sizeof(FileRecord) + nameLength + 1));
+    if (f == nullptr) {
+        if (dirFd >= 0) close(dirFd);
+        close(fd);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return INVALID_HANDLE_VALUE;
+    }
+    memset(f, 0, sizeof(FileRecord));
+    f->head.magic = HANDLE_MAGIC;
+    f->head.kind = HANDLE_KIND_FILE;
+    f->head.close = closeFile;
+    f->fd = fd;
+    f->altFd = -1;
+    f->access = rw;
+    f->deleteDirFd = dirFd;
+    if (dirFd >= 0) {
+        char* name = reinterpret_cast<char*>(f + 1);
+        memcpy(name, base, nameLength + 1);
+        f->deleteName = name;
+    }
+    pthread_mutex_init(&f->rangeMutex, nullptr);
+    SetLastError(existed && mayCreate ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    return &f->head;
+}
+
+Uint32 GetFileAttributesA(const char* fileName) {
+    struct stat st;
+    if (fileName == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    if (fileName[0] == 0) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    if (stat(fileName, &st) != 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(fileName));
+        else
+            SetLastErrorFromErrno();
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    Uint32 attributes = 0;
+    if (S_ISDIR(st.st_mode)) attributes |= FILE_ATTRIBUTE_DIRECTORY;
+    if ((st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) attributes |= FILE_ATTRIBUTE_READONLY;
+    return attributes ? attributes : FILE_ATTRIBUTE_NORMAL;
+}
+
+// ---- size, pointer, data
+
+Uint32 GetFileSize(HANDLE file, Uint32* fileSizeHigh) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return INVALID_FILE_SIZE;
+    struct stat st;
+    if (fstat(f->fd, &st) != 0) {
+        SetLastErrorFromErrno();
+        return INVALID_FILE_SIZE;
+    }
+    const Uint64 size = static_cast<Uint64>(st.st_size);
+    if (fileSizeHigh) *fileSizeHigh = static_cast<Uint32>(size >> 32);
+    SetLastError(ERROR_SUCCESS);
+    return static_cast<Uint32>(size);
+}
+
+Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return INVALID_SET_FILE_POINTER;
+    int whence;
+    switch (moveMethod) {
+        case FILE_BEGIN:
+            whence = SEEK_SET;
+            break;
+        case FILE_CURRENT:
+            whence = SEEK_CUR;
+            break;
+        case FILE_END:
+            whence = SEEK_END;
+            break;
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return INVALID_SET_FILE_POINTER;
+    }
+    Sint64 distance =
+        distanceHigh
+            ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
+                                  static_cast<Uint32>(distanceLow))
+            : static_cast<Sint64>(distanceLow);
+    off_t at = lseek(f->fd, static_cast<off_t>(distance), whence);
+    if (at < 0) {
+        // lseek says EINVAL for a position before the start, the platform has its own number.
+        SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
+        return INVALID_SET_FILE_POINTER;
+    }
+    const Uint64 position = static_cast<Uint64>(at);
+    if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
+    SetLastError(ERROR_SUCCESS);
+    return static_cast<Uint32>(position);
+}
+
+BOOL SetEndOfFile(HANDLE file) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    if (!(f->access & GENERIC_WRITE)) return fail(ERROR_ACCESS_DENIED);
+    off_t at = lseek(f->fd, 0, SEEK_CUR);
+    if (at < 0 || ftruncate(f->fd, at) != 0) return failErrno();
+    return 1;
+}
+
+BOOL ReadFile(HANDLE file, void* buffer, Uint32 toRead, Uint32* bytesRead, OVERLAPPED* overlapped) {
+    if (bytesRead) *bytesRead = 0;
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    if (overlapped != nullptr || bytesRead == nullptr) return fail(ERROR_INVALID_PARAMETER);
+    if (!(f->access & GENERIC_READ)) return fail(ERROR_ACCESS_DENIED);
+    // The platform delivers everything up to the end of the file; read(2) may stop early (a
+    // signal, a very large request), so go on until the request is met or the end reached.
+    char* at = static_cast<char*>(buffer);
+    Uint32 done = 0;
+    while (done < toRead) {
+        ssize_t n = read(f->fd, at + done, toRead - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *bytesRead = done;
+            return failErrno();
+        }
+        if (n == 0) break;
+        done += static_cast<Uint32>(n);
+    }
+    *bytesRead = done;
+    return 1;
+}
+
+BOOL WriteFile(HANDLE file, const void* buffer, Uint32 toWrite, Uint32* bytesWritten,
+               OVERLAPPED* overlapped) {
+    if (bytesWritten) *bytesWritten = 0;
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    if (overlapped != nullptr || bytesWritten == nullptr) return fail(ERROR_INVALID_PARAMETER);
+    if (!(f->access & GENERIC_WRITE)) return fail(ERROR_ACCESS_DENIED);
+    const char* at = static_cast<const char*>(buffer);
+    Uint32 done = 0;
+    while (done < toWrite) {
+        ssize_t n = write(f->fd, at + done, toWrite - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            *bytesWritten = done;
+            return failErrno();
+        }
+        if (n == 0) break;
+        done += static_cast<Uint32>(n);
+    }
+    *bytesWritten = done;
+    return 1;
+}
+
+BOOL FlushFileBuffers(HANDLE file) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    if (!(f->access & GENERIC_WRITE)) return fail(ERROR_ACCESS_DENIED);
+    if (fsync(f->fd) != 0) return failErrno();
+    return 1;
+}
+
+// ---- byte-range locks
+
+namespace {
+
+// The range of a lock call, or false (last error 87) when it can't be locked here.
+bool lockRange(Uint32 bytesLow, Uint32 bytesHigh, const OVERLAPPED* overlapped, Uint64* offset,
+               Uint64* length) {
+    if (overlapped == nullptr) return false;
+    *offset = (static_cast<Uint64>(overlapped->OffsetHigh) << 32) | overlapped->Offset;
+    *length = (static_cast<Uint64>(bytesHigh) << 32) | bytesLow;
+    // The kernel's range is a signed offset and a length where 0 means "to the end".
+    const Uint64 limit = static_cast<Uint64>(INT64_MAX);
+    return *length != 0 && *offset <= limit && *length <= limit - *offset;
+}
+
+}  // namespace
+
+BOOL LockFileEx(HANDLE file, Uint32 flags, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHigh,
+                OVERLAPPED* overlapped) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    Uint64 offset, length;
+    if (reserved != 0 || !lockRange(bytesLow, bytesHigh, overlapped, &offset, &length))
+        return fail(ERROR_INVALID_PARAMETER);
+    const bool exclusive = (flags & LOCKFILE_EXCLUSIVE_LOCK) != 0;
+    const bool wait = (flags & LOCKFILE_FAIL_IMMEDIATELY) == 0;
+
+    pthread_mutex_lock(&f->rangeMutex);
+    // Against the handle's own ranges the platform's rules apply before the kernel is asked:
+    // the kernel would merge or convert them, since they belong to one description.
+    int slot = -1, same = -1;
+    for (int i = 0; i < kMaxRanges; ++i) {
+        LockRange& r = f->ranges[i];
+        if (r.length == 0) {
+            if (slot < 0) slot = i;
+            continue;
+        }
+        if (!overlaps(r, offset, length)) continue;
+        if (exclusive || r.exclusive || r.pending) {
+            pthread_mutex_unlock(&f->rangeMutex);
+            return fail(ERROR_LOCK_VIOLATION);
+        }
+        if (r.offset == offset && r.length == length) same = i;
+    }
+    if (same >= 0) {
+        // Already held shared through this handle: the platform counts it again.
+        ++f->ranges[same].count;
+        pthread_mutex_unlock(&f->rangeMutex);
+        return 1;
+    }
+    if (slot < 0) {
+        pthread_mutex_unlock(&f->rangeMutex);
+        return fail(ERROR_SHARING_BUFFER_EXCEEDED);
+    }
+    const int fd = lockFd(f, exclusive);
+    if (fd < 0) {
+        pthread_mutex_unlock(&f->rangeMutex);
+        return 0;
+    }
+    LockRange& r = f->ranges[slot];
+    const short type = exclusive ? F_WRLCK : F_RDLCK;
+    if (ofdLock(fd, type, offset, length, false) == 0) {
+        r = LockRange{offset, length, 1, exclusive, false};
+        pthread_mutex_unlock(&f->rangeMutex);
+        return 1;
+    }
+    int err = errno;
+    if (!wait || (err != EAGAIN && err != EACCES)) {
+        pthread_mutex_unlock(&f->rangeMutex);
+        return fail(TranslateErrno(err, ErrnoUse::Lock));
+    }
+    // Waiting: the slot is claimed so that other threads of the handle see the range, and the
+    // mutex is free while the kernel waits.
+    r = LockRange{offset, length, 1, exclusive, true};
+    pthread_mutex_unlock(&f->rangeMutex);
+    int rc = ofdLock(fd, type, offset, length, true);
+    err = errno;
+    pthread_mutex_lock(&f->rangeMutex);
+    if (rc == 0)
+        r.pending = false;
+    else
+        r.length = 0;
+    pthread_mutex_unlock(&f->rangeMutex);
+    return rc == 0 ? 1 : fail(TranslateErrno(err, ErrnoUse::Lock));
+}
+
+BOOL UnlockFileEx(HANDLE file, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHigh,
+                  OVERLAPPED* overlapped) {
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return 0;
+    Uint64 offset, length;
+    if (reserved != 0 || overlapped == nullptr) return fail(ERROR_INVALID_PARAMETER);
+    if (!lockRange(bytesLow, bytesHigh, overlapped, &offset, &length))
+        return fail(ERROR_NOT_LOCKED);
+    pthread_mutex_lock(&f->rangeMutex);
+    for (int i = 0; i < kMaxRanges; ++i) {
+        LockRange& r = f->ranges[i];
+        if (r.length == 0 || r.pending || r.offset != offset || r.length != length) continue;
+        if (--r.count == 0) {
+            r.length = 0;
+            releaseUncovered(f, i, offset, length);
+        }
+        pthread_mutex_unlock(&f->rangeMutex);
+        return 1;
+    }
+    pthread_mutex_unlock(&f->rangeMutex);
+    return fail(ERROR_NOT_LOCKED);
+}
+
+// ---- mappings and views
+
+HANDLE CreateFileMappingA(HANDLE file, void*, Uint32 protect, Uint32 maximumSizeHigh,
+                          Uint32 maximumSizeLow, const char* name) {
+    if (name != nullptr || file == INVALID_HANDLE_VALUE) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    FileRecord* f = fileOf(file);
+    if (f == nullptr) return nullptr;
+    Uint32 needs;
+    switch (protect) {
+        case PAGE_READONLY:
+        case PAGE_WRITECOPY:
+            needs = GENERIC_READ;
+            break;
+        case PAGE_READWRITE:
+            needs = GENERIC_READ | GENERIC_WRITE;
+            break;
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return nullptr;
+    }
+    if ((f->access & needs) != needs) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(f->fd, &st) != 0) {
+        SetLastErrorFromErrno();
+        return nullptr;
+    }
+    Uint64 size = (static_cast<Uint64>(maximumSizeHigh) << 32) | maximumSizeLow;
+    const Uint64 fileSize = static_cast<Uint64>(st.st_size);
+    if (size == 0) {
+        if (fileSize == 0) {
+            SetLastError(ERROR_FILE_INVALID);
+            return nullptr;
+        }
+        size = fileSize;
+    } else if (size > fileSize) {
+        // A writable mapping grows the file to its size; a read-only one has no right to.
+        if (protect != PAGE_READWRITE) {
+            SetLastError(ERROR_ACCESS_DENIED);
+            return nullptr;
+        }
+        if (size > static_cast<Uint64>(INT64_MAX) ||
+            ftruncate(f->fd, static_cast<off_t>(size)) != 0) {
+            SetLastErrorFromErrno();
+            return nullptr;
+        }
+    }
+    MappingRecord* m = static_cast<MappingRecord*>(malloc(sizeof(MappingRecord)));
+    if (m == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    m->fd = fcntl(f->fd, F_DUPFD_CLOEXEC, 0);
+    if (m->fd < 0) {
+        SetLastErrorFromErrno();
+        free(m);
+        return nullptr;
+    }
+    m->head.magic = HANDLE_MAGIC;
+    m->head.kind = HANDLE_KIND_FILE_MAPPING;
+    m->head.close = closeMapping;
+    m->protect = protect;
+    m->size = size;
+    SetLastError(ERROR_SUCCESS);
+    return &m->head;
+}
+
+void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, Uint32 offsetLow,
+                      size_t bytes, void* baseAddress) {
+    MappingRecord* m =
+        reinterpret_cast<MappingRecord*>(HandleOfKind(mapping, HANDLE_KIND_FILE_MAPPING));
+    if (m == nullptr) return nullptr;
+    int prot, flags = MAP_SHARED;
+    switch (desiredAccess) {
+        case FILE_MAP_READ:
+            prot = PROT_READ;
+            break;
+        case FILE_MAP_WRITE:
+        case FILE_MAP_WRITE | FILE_MAP_READ:
+            if (m->protect != PAGE_READWRITE) {
+                SetLastError(ERROR_ACCESS_DENIED);
+                return nullptr;
+            }
+            prot = PROT_READ | PROT_WRITE;
+            break;
+        case FILE_MAP_COPY:
+            prot = PROT_READ | PROT_WRITE;
+            flags = MAP_PRIVATE;
+            break;
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return nullptr;
+    }
+    const Uint64 offset = (static_cast<Uint64>(offsetHigh) << 32) | offsetLow;
+    if (offset % pageSize() != 0) {
+        SetLastError(ERROR_MAPPED_ALIGNMENT);
+        return nullptr;
+    }
+    if (offset >= m->size || bytes > m->size - offset) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+    }
+    const size_t length = bytes ? bytes : static_cast<size_t>(m->size - offset);
+    if (baseAddress != nullptr) {
+        if (reinterpret_cast<uintptr_t>(baseAddress) % pageSize() != 0) {
+            SetLastError(ERROR_INVALID_ADDRESS);
+            return nullptr;
+        }
+        flags |= MAP_FIXED_NOREPLACE;
+    }
+    View* view = static_cast<View*>(malloc(sizeof(View)));
+    if (view == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    void* at = mmap(baseAddress, length, prot, flags, m->fd, static_cast<off_t>(offset));
+    if (at == MAP_FAILED) {
+        // EEXIST: something lives at the wished address.
+        SetLastError(errno == EEXIST ? ERROR_INVALID_ADDRESS : TranslateErrno(errno));
+        free(view);
+        return nullptr;
+    }
+    if (baseAddress != nullptr && at != baseAddress) {
+        // A kernel that doesn't know MAP_FIXED_NOREPLACE takes the address as a hint only.
+        munmap(at, length);
+        free(view);
+        SetLastError(ERROR_INVALID_ADDRESS);
+        return nullptr;
+    }
+    view->base = at;
+    view->length = length;
+    pthread_mutex_lock(&s_viewMutex);
+    view->next = s_views;
+    s_views = view;
+    pthread_mutex_unlock(&s_viewMutex);
+    SetLastError(ERROR_SUCCESS);
+    return at;
+}
+
+BOOL UnmapViewOfFile(const void* baseAddress) {
+    pthread_mutex_lock(&s_viewMutex);
+    View** link = &s_views;
+    while (*link != nullptr && (*link)->base != baseAddress) link = &(*link)->next;
+    View* view = *link;
+    if (view != nullptr) *link = view->next;
+    pthread_mutex_unlock(&s_viewMutex);
+    if (view == nullptr) return fail(ERROR_INVALID_ADDRESS);
+    int rc = munmap(view->base, view->length);
+    int err = errno;
+    free(view);
+    if (rc != 0) return fail(TranslateErrno(err));
+    return 1;
+}
+
+}  // namespace zepos
