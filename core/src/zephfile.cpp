@@ -183,8 +183,8 @@ Uint32 ZEPHFile::seek(const ZEPFileSeekParam* param, Uint64* newPosition) {
             file_, 0, &high,
             param->origin == ZEP_FILE_SEEK_CURRENT ? zepos::FILE_CURRENT : zepos::FILE_END);
         if (failedWithAllOnes(low, &osError)) {
-            f.fail(mapped(f, 130, SYSFN_SetFilePointer, osError, &level), 130, level,
-                   ZepLogHex(this, sizeof *this));
+            const Uint32 rc = mapped(f, 130, SYSFN_SetFilePointer, osError, &level);
+            f.fail(rc, 130, level, ZepLogHex(this, sizeof *this));
             return f.exit();
         }
         base = static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(high)) << 32) | low);
@@ -216,8 +216,8 @@ Uint32 ZEPHFile::seek(const ZEPFileSeekParam* param, Uint64* newPosition) {
     const Uint32 low =
         zepos::SetFilePointer(file_, static_cast<Sint32>(position), &high, zepos::FILE_BEGIN);
     if (failedWithAllOnes(low, &osError)) {
-        f.fail(mapped(f, 160, SYSFN_SetFilePointer, osError, &level), 160, level,
-               ZepLogHex(this, sizeof *this));
+        const Uint32 rc = mapped(f, 160, SYSFN_SetFilePointer, osError, &level);
+        f.fail(rc, 160, level, ZepLogHex(this, sizeof *this));
         return f.exit();
     }
     const Uint64 reported = (static_cast<Uint64>(static_cast<Uint32>(high)) << 32) | low;
