@@ -16,8 +16,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -412,9 +414,43 @@ TEST_F(HFile, OpenRefusals) {
     EXPECT_TRUE(zepos::CloseHandle(first));
 }
 
-TEST_F(HFile, DeleteOnClose) {
-    const std::string p = path("temp");
+// The open flags of the descriptor that the layer holds for `path`, from /proc.
+long descriptorFlags(const std::string& path) {
+    for (int fd = 0; fd < 1024; ++fd) {
+        char link[64], target[4096];
+        snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        ssize_t n = readlink(link, target, sizeof target - 1);
+        if (n <= 0 || std::string(target, static_cast<size_t>(n)) != path) continue;
+        snprintf(link, sizeof link, "/proc/self/fdinfo/%d", fd);
+        std::string info = slurp(link);
+        size_t at = info.find("flags:");
+        return at == std::string::npos ? -1 : strtol(info.c_str() + at + 6, nullptr, 8);
+    }
+    return -1;
+}
+
+TEST_F(HFile, OpenOptions) {
+    // Write-through is synchronous data writes; every descriptor stays out of executed programs.
     ZEPHFile h;
+    ASSERT_EQ(open(h, path("wt"), ZEP_FILE_CREATE_NEW, ZEP_FILE_ACCESS_WRITE,
+                   ZEP_FILE_OPTION_WRITE_THROUGH),
+              0u);
+    long flags = descriptorFlags(path("wt"));
+    EXPECT_EQ(flags & O_ACCMODE, O_WRONLY);
+    EXPECT_TRUE(flags & O_DSYNC);
+    EXPECT_TRUE(flags & O_CLOEXEC);
+    EXPECT_EQ(h.close(), 0u);
+    ASSERT_EQ(open(h, path("wt"), ZEP_FILE_OPEN_EXISTING, ZEP_FILE_ACCESS_READ,
+                   ZEP_FILE_OPTION_PERMISSIONS),
+              0u);
+    flags = descriptorFlags(path("wt"));
+    EXPECT_EQ(flags & O_ACCMODE, O_RDONLY);
+    EXPECT_FALSE(flags & O_DSYNC);
+    EXPECT_TRUE(flags & O_CLOEXEC);
+    EXPECT_EQ(h.close(), 0u);
+
+    // Delete on close.
+    const std::string p = path("temp");
     ASSERT_EQ(open(h, p, ZEP_FILE_CREATE_NEW, ZEP_FILE_ACCESS_READ_WRITE,
                    ZEP_FILE_OPTION_DELETE_ON_CLOSE),
               0u);
@@ -783,6 +819,62 @@ TEST_F(HFile, LockBetweenProcesses) {
     EXPECT_EQ(otherProcessTries(p, ZEP_FILE_LOCK_EXCLUSIVE), 0u);
     EXPECT_EQ(mapped.unmap(), 0u);
     EXPECT_TRUE(g_calls.empty());
+}
+
+// The log's cycle from two processes and two threads at once: every record whole, in its own
+// place, and each one written where the size read under the lock said the end was.
+TEST_F(HFile, AppendersUnderTheLockLoseNothing) {
+    const std::string p = path("log");
+    constexpr int kEach = 150;
+    Helper a = spawn("append", p, kEach), b = spawn("append", p, kEach);
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&, t] {
+            ZEPFileOpenParam o;
+            o.path = p.c_str();
+            o.creation = ZEP_FILE_OPEN_OR_CREATE;
+            o.access = ZEP_FILE_ACCESS_READ_WRITE;
+            ZEPFileLockParam lock(ZEP_FILE_LOCK_EXCLUSIVE, ZEP_FILE_LOCK_WAIT);
+            ZEPFileSeekParam end;
+            end.origin = ZEP_FILE_SEEK_END;
+            for (int i = 0; i < kEach; ++i) {
+                ZEPHFile h;
+                Uint64 at = 0;
+                char record[64];
+                ZEPFileWriteParam w;
+                w.buffer = record;
+                Uint32 n = 0;
+                if (h.open(&o) || h.lock(&lock) || h.getSize(&at) || h.seek(&end)) {
+                    ++failures;
+                    return;
+                }
+                w.length = static_cast<Uint32>(snprintf(record, sizeof record,
+                                                        "%08d %08d %012llu\n", 90000000 + t, i,
+                                                        static_cast<unsigned long long>(at)));
+                if (h.write(&w, &n) || h.unlock() || h.close()) ++failures;
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(a.line(60000), "done");
+    EXPECT_EQ(b.line(60000), "done");
+    EXPECT_EQ(a.finish(), 0);
+    EXPECT_EQ(b.finish(), 0);
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_TRUE(g_calls.empty());
+
+    const std::string all = slurp(p);
+    constexpr size_t kRecord = 31;
+    ASSERT_EQ(all.size(), 4 * kEach * kRecord);
+    std::map<int, int> next;  // writer -> the number it wrote last + 1
+    for (size_t off = 0; off < all.size(); off += kRecord) {
+        int writer = 0, number = 0;
+        unsigned long long at = 0;
+        ASSERT_EQ(sscanf(all.c_str() + off, "%d %d %llu", &writer, &number, &at), 3) << off;
+        EXPECT_EQ(at, off);
+        EXPECT_EQ(number, next[writer]++) << writer;
+    }
+    EXPECT_EQ(next.size(), 4u);
 }
 
 TEST_F(HFile, LockRulesOfOneHandle) {
