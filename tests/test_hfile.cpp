@@ -51,6 +51,13 @@ Item take(const void* p, Uint32 length, Sint32 type) {
     return it;
 }
 
+// A log item: pointer, length, type.
+Item logItem(va_list& ap) {
+    const void* p = va_arg(ap, const void*);
+    Uint32 n = va_arg(ap, Uint32);
+    return take(p, n, va_arg(ap, Sint32));
+}
+
 }  // namespace
 
 extern "C" {
@@ -61,11 +68,7 @@ Uint32 zepLog(ZEPLogFacility*, Uint32 fid, Uint32 code, Uint32 probe, Uint32 lev
     c.what = "log", c.fid = fid, c.code = code, c.probe = probe, c.level = level, c.count = count;
     va_list ap;
     va_start(ap, count);
-    for (Sint32 i = 0; i < count; ++i) {
-        const void* p = va_arg(ap, const void*);
-        Uint32 n = va_arg(ap, Uint32);
-        c.items.push_back(take(p, n, va_arg(ap, Sint32)));
-    }
+    for (Sint32 i = 0; i < count; ++i) c.items.push_back(logItem(ap));
     va_end(ap);
     g_calls.push_back(c);
     return 0;
@@ -85,12 +88,8 @@ Uint32 zepLogSysRC(ZEPLogFacility*, Uint32 fid, Uint32 called, Uint32 osError, U
     c.probe = probe, c.level = level, c.count = mask;
     va_list ap;
     va_start(ap, mask);
-    for (int bit = 0; bit < 31; ++bit) {
-        if (!(mask & (1 << bit))) continue;
-        const void* p = va_arg(ap, const void*);
-        Uint32 n = va_arg(ap, Uint32);
-        c.items.push_back(take(p, n, va_arg(ap, Sint32)));
-    }
+    for (int bit = 0; bit < 31; ++bit)
+        if (mask & (1 << bit)) c.items.push_back(logItem(ap));
     va_end(ap);
     g_calls.push_back(c);
     return 0;

@@ -428,51 +428,45 @@ BOOL SetEndOfFile(HANDLE file) {
     return 1;
 }
 
-BOOL ReadFile(HANDLE file, void* buffer, Uint32 toRead, Uint32* bytesRead, OVERLAPPED* overlapped) {
-    if (bytesRead) *bytesRead = 0;
+namespace {
+
+// The platform moves everything asked up to the end of the file; read(2) and write(2) may stop
+// early (a signal, a very large request), so go on until the request is met, the end is reached,
+// or an error comes. The count of what went through is kept either way.
+template <class Buffer, class Transfer>
+BOOL transferAll(HANDLE file, Uint32 access, Buffer* buffer, Uint32 length, Uint32* moved,
+                 OVERLAPPED* overlapped, Transfer transfer) {
+    if (moved) *moved = 0;
     FileRecord* f = fileOf(file);
     if (f == nullptr) return 0;
-    if (overlapped != nullptr || bytesRead == nullptr) return fail(ERROR_INVALID_PARAMETER);
-    if (!(f->access & GENERIC_READ)) return fail(ERROR_ACCESS_DENIED);
-    // The platform delivers everything up to the end of the file; read(2) may stop early (a
-    // signal, a very large request), so go on until the request is met or the end reached.
-    char* at = static_cast<char*>(buffer);
+    if (overlapped != nullptr || moved == nullptr) return fail(ERROR_INVALID_PARAMETER);
+    if (!(f->access & access)) return fail(ERROR_ACCESS_DENIED);
     Uint32 done = 0;
-    while (done < toRead) {
-        ssize_t n = read(f->fd, at + done, toRead - done);
+    while (done < length) {
+        ssize_t n = transfer(f->fd, buffer + done, length - done);
         if (n < 0) {
             if (errno == EINTR) continue;
-            *bytesRead = done;
+            *moved = done;
             return failErrno();
         }
         if (n == 0) break;
         done += static_cast<Uint32>(n);
     }
-    *bytesRead = done;
+    *moved = done;
     return 1;
+}
+
+}  // namespace
+
+BOOL ReadFile(HANDLE file, void* buffer, Uint32 toRead, Uint32* bytesRead, OVERLAPPED* overlapped) {
+    return transferAll(file, GENERIC_READ, static_cast<char*>(buffer), toRead, bytesRead,
+                       overlapped, ::read);
 }
 
 BOOL WriteFile(HANDLE file, const void* buffer, Uint32 toWrite, Uint32* bytesWritten,
                OVERLAPPED* overlapped) {
-    if (bytesWritten) *bytesWritten = 0;
-    FileRecord* f = fileOf(file);
-    if (f == nullptr) return 0;
-    if (overlapped != nullptr || bytesWritten == nullptr) return fail(ERROR_INVALID_PARAMETER);
-    if (!(f->access & GENERIC_WRITE)) return fail(ERROR_ACCESS_DENIED);
-    const char* at = static_cast<const char*>(buffer);
-    Uint32 done = 0;
-    while (done < toWrite) {
-        ssize_t n = write(f->fd, at + done, toWrite - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            *bytesWritten = done;
-            return failErrno();
-        }
-        if (n == 0) break;
-        done += static_cast<Uint32>(n);
-    }
-    *bytesWritten = done;
-    return 1;
+    return transferAll(file, GENERIC_WRITE, static_cast<const char*>(buffer), toWrite, bytesWritten,
+                       overlapped, ::write);
 }
 
 BOOL FlushFileBuffers(HANDLE file) {
