@@ -144,31 +144,38 @@ void releaseUncovered(FileRecord* f, int skip, Uint64 offset, Uint64 length) {
 
 BOOL closeFile(HandleRecord* h) {
     FileRecord* f = reinterpret_cast<FileRecord*>(h);
-    // The description may live on in a mapping's duplicate or a forked child; the handle's locks
-    // end with the handle all the same.
-    bool holds = false;
-    for (const LockRange& r : f->ranges) holds |= r.length != 0;
-    if (holds) {
-        ofdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
-        if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, 0, 0, false);
+    if (f->fd >= 0) {
+        // The description may live on in a mapping's duplicate or a forked child; the handle's
+        // locks end with the handle all the same.
+        bool holds = false;
+        for (const LockRange& r : f->ranges) holds |= r.length != 0;
+        if (holds) {
+            ofdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
+            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, 0, 0, false);
+        }
+        if (f->deleteDirFd >= 0) {
+            // Only while the name is still this file: another may have taken it since.
+            struct stat mine, named;
+            if (fstat(f->fd, &mine) == 0 &&
+                fstatat(f->deleteDirFd, f->deleteName, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                mine.st_dev == named.st_dev && mine.st_ino == named.st_ino)
+                unlinkat(f->deleteDirFd, f->deleteName, 0);
+            close(f->deleteDirFd);
+        }
+        if (f->altFd >= 0) close(f->altFd);
+        // close() reports EIO (data that never reached the disk) after the descriptor is gone.
+        // The caller hears of it and keeps its handle, so the record stays, empty, and the next
+        // close frees it rather than touching freed memory. EINTR is no failure on this kernel.
+        if (close(f->fd) != 0 && errno != EINTR) {
+            const int err = errno;
+            f->fd = f->altFd = f->deleteDirFd = -1;
+            memset(f->ranges, 0, sizeof f->ranges);
+            return fail(TranslateErrno(err));
+        }
     }
-    if (f->deleteDirFd >= 0) {
-        // Only while the name is still this file: another may have taken it since.
-        struct stat mine, named;
-        if (fstat(f->fd, &mine) == 0 &&
-            fstatat(f->deleteDirFd, f->deleteName, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino)
-            unlinkat(f->deleteDirFd, f->deleteName, 0);
-        close(f->deleteDirFd);
-    }
-    if (f->altFd >= 0) close(f->altFd);
-    // close() reports EINTR or EIO after the descriptor is gone: the handle is closed either way.
-    int rc = close(f->fd);
-    int err = errno;
     pthread_mutex_destroy(&f->rangeMutex);
     f->head.magic = 0;
     free(f);
-    if (rc != 0 && err != EINTR) return fail(TranslateErrno(err));
     return 1;
 }
 
