@@ -13,9 +13,15 @@
 #include "zephfile.h"
 
 // primitives: begin
+#include "zepatomic.h"
+#include "zeplatch.h"
+#include "zeptime.h"
+#include "zepnumconv.h"
 // primitives: end
 
 // numerics: begin
+#include "zepint128.h"
+#include "zepdecfloat.h"
 // numerics: end
 
 #endif

@@ -1,0 +1,796 @@
+// zepdecengine.cpp - decimal text and interchange formats.
+//
+// Reading works on the digits of the text itself: the digits that fit the precision are taken
+// as they stand, and the discarded ones are only looked at to form the residue, so a text of
+// any length is read without a work area and without allocation (insufficient storage, which a
+// copy of a long text into a heap area could raise, cannot arise here). The rounded digits are
+// kept one per byte while the number is finalised and are packed into base-10000 units once,
+// at the end.
+//
+// The residue summarises what rounding discarded: 0 nothing, below 5 less than half a unit of
+// the last place, 5 exactly half, above 5 more than half. The first discarded digit gives 0, 3,
+// 5 or 7, and any non-zero digit after it adds 1.
+#include "zepdecengine.h"
+
+#include <string.h>
+
+namespace {
+
+const Sint32 kMaxDigits = ZEP_DEC_UNITS * 4;
+
+// --- densely packed decimal: three digits in ten bits
+
+// The declet of a number 0..999, canonical: the unused bit pair of the all-large-digits form is
+// 00.
+constexpr Uint16 dpdEncode(unsigned n) {
+    unsigned d2 = n / 100, d1 = n / 10 % 10, d0 = n % 10;
+    unsigned i = d0 & 1, f = d1 & 1, c = d2 & 1;
+    bool b2 = d2 >= 8, b1 = d1 >= 8, b0 = d0 >= 8;
+    unsigned r;
+    if (!b2 && !b1 && !b0) {
+        r = (d2 << 7) | (d1 << 4) | d0;
+    } else if (!b2 && !b1) {
+        r = (d2 << 7) | (d1 << 4) | 0x8 | i;
+    } else if (!b2 && !b0) {
+        r = (d2 << 7) | (((d0 >> 1) & 3) << 5) | (f << 4) | 0xA | i;
+    } else if (!b1 && !b0) {
+        r = (((d0 >> 1) & 3) << 8) | (c << 7) | (d1 << 4) | 0xC | i;
+    } else if (!b0) {
+        r = (((d0 >> 1) & 3) << 8) | (c << 7) | (0u << 5) | (f << 4) | 0xE | i;
+    } else if (!b1) {
+        r = (((d1 >> 1) & 3) << 8) | (c << 7) | (1u << 5) | (f << 4) | 0xE | i;
+    } else if (!b2) {
+        r = (d2 << 7) | (2u << 5) | (f << 4) | 0xE | i;
+    } else {
+        r = (c << 7) | (3u << 5) | (f << 4) | 0xE | i;
+    }
+    return (Uint16)r;
+}
+
+// The number 0..999 of any of the 1024 declets, the 24 non-canonical ones included (they are
+// the all-large-digits form with a non-zero unused bit pair, which the decoding ignores).
+constexpr Uint16 dpdDecode(unsigned x) {
+    unsigned b9 = (x >> 9) & 1, b8 = (x >> 8) & 1, b7 = (x >> 7) & 1, b6 = (x >> 6) & 1,
+             b5 = (x >> 5) & 1, b4 = (x >> 4) & 1, b0 = x & 1;
+    unsigned d2, d1, d0;
+    if (((x >> 3) & 1) == 0) {
+        d2 = (x >> 7) & 7;
+        d1 = (x >> 4) & 7;
+        d0 = x & 7;
+    } else {
+        switch ((x >> 1) & 3) {
+            case 0:
+                d2 = (x >> 7) & 7;
+                d1 = (x >> 4) & 7;
+                d0 = 8 + b0;
+                break;
+            case 1:
+                d2 = (x >> 7) & 7;
+                d1 = 8 + b4;
+                d0 = (b6 << 2) | (b5 << 1) | b0;
+                break;
+            case 2:
+                d2 = 8 + b7;
+                d1 = (x >> 4) & 7;
+                d0 = (b9 << 2) | (b8 << 1) | b0;
+                break;
+            default:
+                switch ((x >> 5) & 3) {
+                    case 0:
+                        d2 = 8 + b7;
+                        d1 = 8 + b4;
+                        d0 = (b9 << 2) | (b8 << 1) | b0;
+                        break;
+                    case 1:
+                        d2 = 8 + b7;
+                        d1 = (b9 << 2) | (b8 << 1) | b4;
+                        d0 = 8 + b0;
+                        break;
+                    case 2:
+                        d2 = (x >> 7) & 7;
+                        d1 = 8 + b4;
+                        d0 = 8 + b0;
+                        break;
+                    default:
+                        d2 = 8 + b7;
+                        d1 = 8 + b4;
+                        d0 = 8 + b0;
+                        break;
+                }
+        }
+    }
+    return (Uint16)(d2 * 100 + d1 * 10 + d0);
+}
+
+struct DpdTables {
+    Uint16 encode[1000];
+    Uint16 decode[1024];
+};
+
+constexpr DpdTables makeDpdTables() {
+    DpdTables t{};
+    for (unsigned n = 0; n < 1000; ++n) t.encode[n] = dpdEncode(n);
+    for (unsigned x = 0; x < 1024; ++x) t.decode[x] = dpdDecode(x);
+    return t;
+}
+
+constexpr DpdTables kDpd = makeDpdTables();
+
+constexpr bool dpdTablesAgree() {
+    for (unsigned n = 0; n < 1000; ++n)
+        if (kDpd.decode[kDpd.encode[n]] != n) return false;
+    return true;
+}
+static_assert(dpdTablesAgree(), "declet tables disagree");
+static_assert(kDpd.encode[999] == 0x0FF && kDpd.encode[345] == 0x1C5, "declet encoding");
+
+// --- base-10000 units and base-1000 groups; 12 digits are three units or four groups
+
+void unitsToGroups(const Uint16* u, Uint16* g) {
+    for (int t = 0; t < 3; ++t) {
+        unsigned a = u[3 * t], b = u[3 * t + 1], c = u[3 * t + 2];
+        g[4 * t] = (Uint16)(a % 1000);
+        g[4 * t + 1] = (Uint16)(a / 1000 + b % 100 * 10);
+        g[4 * t + 2] = (Uint16)(b / 100 + c % 10 * 100);
+        g[4 * t + 3] = (Uint16)(c / 10);
+    }
+}
+
+void groupsToUnits(const Uint16* g, Uint16* u) {
+    for (int t = 0; t < 3; ++t) {
+        unsigned g0 = g[4 * t], g1 = g[4 * t + 1], g2 = g[4 * t + 2], g3 = g[4 * t + 3];
+        u[3 * t] = (Uint16)(g0 + g1 % 10 * 1000);
+        u[3 * t + 1] = (Uint16)(g1 / 10 + g2 % 100 * 100);
+        u[3 * t + 2] = (Uint16)(g2 / 100 + g3 * 10);
+    }
+}
+
+Sint32 countDigits(const Uint16* u) {
+    for (int k = ZEP_DEC_UNITS - 1; k >= 0; --k) {
+        unsigned v = u[k];
+        if (v != 0) return 4 * k + (v >= 1000 ? 4 : v >= 100 ? 3 : v >= 10 ? 2 : 1);
+    }
+    return 1;
+}
+
+const char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// Writes the coefficient's units as characters, four a unit, ending at `end`; the `digits`
+// characters before `end` are then the coefficient.
+void unitsToChars(const Uint16* u, Sint32 digits, char* end) {
+    for (Sint32 k = 0; 4 * k < digits; ++k) {
+        unsigned v = u[k], hi = v / 100, lo = v - hi * 100;
+        end -= 4;
+        memcpy(end, kDigitPairs + 2 * hi, 2);
+        memcpy(end + 2, kDigitPairs + 2 * lo, 2);
+    }
+}
+
+// --- the number while it is read and finalised
+
+struct Work {
+    Uint8 d[kMaxDigits + 4];  // digit values, most significant first
+    Sint32 n;                 // digits in use, at least 1
+    Sint64 exponent;
+    Uint8 bits;
+};
+
+Sint32 precisionOf(const ZEPDecContext* ctx) {
+    return ctx->digits < 1 ? 1 : ctx->digits > kMaxDigits ? kMaxDigits : ctx->digits;
+}
+
+bool isZero(const Work& w) {
+    return w.n == 1 && w.d[0] == 0;
+}
+
+void setZeroDigits(Work& w) {
+    w.n = 1;
+    w.d[0] = 0;
+}
+
+// The residue of a first discarded digit.
+const Uint8 kResidueOf[10] = {0, 3, 3, 3, 3, 5, 7, 7, 7, 7};
+
+void setOverflow(Work& w, const ZEPDecContext* ctx, Sint32 p, Uint32& status) {
+    if (isZero(w)) {
+        Sint64 limit = ctx->emax - (ctx->clamp ? p - 1 : 0);
+        if (w.exponent > limit) {
+            w.exponent = limit;
+            status |= ZEP_DEC_CLAMPED;
+        }
+        return;
+    }
+    bool negative = (w.bits & ZEP_DEC_NEG) != 0;
+    bool largest;
+    switch (ctx->round) {
+        case ZEP_DECFLOAT_ROUND_DOWN:
+            largest = true;
+            break;
+        case ZEP_DECFLOAT_ROUND_CEILING:
+            largest = negative;
+            break;
+        case ZEP_DECFLOAT_ROUND_FLOOR:
+            largest = !negative;
+            break;
+        default:
+            largest = false;
+            break;
+    }
+    if (largest) {
+        memset(w.d, 9, (size_t)p);
+        w.n = p;
+        w.exponent = (Sint64)ctx->emax - p + 1;
+    } else {
+        setZeroDigits(w);
+        w.exponent = 0;
+        w.bits = (Uint8)((w.bits & ZEP_DEC_NEG) | ZEP_DEC_INF);
+    }
+    status |= ZEP_DEC_OVERFLOW | ZEP_DEC_INEXACT | ZEP_DEC_ROUNDED;
+}
+
+// Adds 1 to the magnitude when the mode says so. Returns false when that overflowed.
+bool applyRound(Work& w, const ZEPDecContext* ctx, Sint32 p, int residue, Uint32& status) {
+    if (residue == 0) return true;
+    bool negative = (w.bits & ZEP_DEC_NEG) != 0;
+    bool bump;
+    switch (ctx->round) {
+        case ZEP_DECFLOAT_ROUND_HALF_EVEN:
+            bump = residue > 5 || (residue == 5 && (w.d[w.n - 1] & 1) != 0);
+            break;
+        case ZEP_DECFLOAT_ROUND_HALF_UP:
+            bump = residue >= 5;
+            break;
+        case ZEP_DECFLOAT_ROUND_DOWN:
+            bump = false;
+            break;
+        case ZEP_DECFLOAT_ROUND_CEILING:
+            bump = !negative;
+            break;
+        case ZEP_DECFLOAT_ROUND_FLOOR:
+            bump = negative;
+            break;
+        case ZEP_DECFLOAT_ROUND_HALF_DOWN:
+            bump = residue > 5;
+            break;
+        case ZEP_DECFLOAT_ROUND_UP:
+            bump = true;
+            break;
+        default:
+            status |= ZEP_DEC_INVALID_CONTEXT;
+            bump = false;
+            break;
+    }
+    if (!bump) return true;
+    Sint32 i = w.n - 1;
+    while (i >= 0 && w.d[i] == 9) w.d[i--] = 0;
+    if (i >= 0) {
+        w.d[i]++;
+        return true;
+    }
+    // All nines: the digit count stays, the exponent goes up.
+    w.d[0] = 1;
+    w.exponent++;
+    if (w.exponent + w.n > (Sint64)ctx->emax + 1) {
+        setOverflow(w, ctx, p, status);
+        return false;
+    }
+    return true;
+}
+
+// Shortens the coefficient to `keep` digits (which may be 0 or below), carrying an earlier
+// residue along as a sticky digit.
+void roundTo(Work& w, Sint64 keep, int& residue, Uint32& status) {
+    Sint64 discard = w.n - keep;
+    if (discard <= 0) {
+        if (residue != 0) status |= ZEP_DEC_INEXACT | ZEP_DEC_ROUNDED;
+        return;
+    }
+    w.exponent += discard;
+    status |= ZEP_DEC_ROUNDED;
+    if (residue > 1) residue = 1;
+    if (discard > w.n) {
+        if (residue == 0) {
+            for (Sint32 i = 0; i < w.n; ++i)
+                if (w.d[i] != 0) {
+                    residue = 1;
+                    break;
+                }
+        }
+        if (residue != 0) status |= ZEP_DEC_INEXACT;
+        setZeroDigits(w);
+        return;
+    }
+    Sint32 kept = (Sint32)keep;
+    for (Sint32 i = kept + 1; i < w.n; ++i)
+        if (w.d[i] != 0) {
+            residue = 1;
+            break;
+        }
+    residue += kResidueOf[w.d[kept]];
+    if (residue != 0) status |= ZEP_DEC_INEXACT;
+    if (kept == 0)
+        setZeroDigits(w);
+    else
+        w.n = kept;
+}
+
+void setSubnormal(Work& w, const ZEPDecContext* ctx, Sint32 p, int residue, Uint32& status) {
+    Sint64 etiny = (Sint64)ctx->emin - p + 1;
+    if (isZero(w)) {
+        if (w.exponent < etiny) {
+            w.exponent = etiny;
+            status |= ZEP_DEC_CLAMPED;
+        }
+        return;
+    }
+    status |= ZEP_DEC_SUBNORMAL;
+    Sint64 adjust = etiny - w.exponent;
+    if (adjust <= 0) {
+        if (status & ZEP_DEC_INEXACT) status |= ZEP_DEC_UNDERFLOW;
+        return;
+    }
+    roundTo(w, w.n - adjust, residue, status);
+    applyRound(w, ctx, p, residue, status);
+    if (status & ZEP_DEC_INEXACT) status |= ZEP_DEC_UNDERFLOW;
+    // A carry out of all nines raised the exponent past etiny: take it back with a zero.
+    if (w.exponent > etiny) {
+        w.d[w.n++] = 0;
+        w.exponent--;
+    }
+}
+
+void finalise(Work& w, const ZEPDecContext* ctx, Sint32 p, int residue, Uint32& status) {
+    if (w.exponent < 0 && w.exponent < (Sint64)ctx->emin - w.n + 1) {
+        setSubnormal(w, ctx, p, residue, status);
+        return;
+    }
+    if (!applyRound(w, ctx, p, residue, status)) return;
+    Sint64 top = (Sint64)ctx->emax - p + 1;
+    if (w.exponent <= top) return;
+    if (w.exponent > (Sint64)ctx->emax - w.n + 1) {
+        setOverflow(w, ctx, p, status);
+        return;
+    }
+    if (!ctx->clamp) return;
+    // Fold-down: the coefficient takes zeros below so that the exponent fits the format.
+    Sint32 shift = (Sint32)(w.exponent - top);
+    if (!isZero(w)) {
+        memset(w.d + w.n, 0, (size_t)shift);
+        w.n += shift;
+    }
+    w.exponent = top;
+    status |= ZEP_DEC_CLAMPED;
+}
+
+void storeWork(const Work& w, ZEPDecValue* v) {
+    memset(v->coefficient, 0, sizeof v->coefficient);
+    const Uint8* end = w.d + w.n;
+    Sint32 k = 0;
+    Sint32 left = w.n;
+    while (left >= 4) {
+        end -= 4;
+        v->coefficient[k++] = (Uint16)(end[0] * 1000 + end[1] * 100 + end[2] * 10 + end[3]);
+        left -= 4;
+    }
+    unsigned u = 0;
+    for (Sint32 i = 0; i < left; ++i) u = u * 10 + w.d[i];
+    if (left > 0) v->coefficient[k] = (Uint16)u;
+    v->digits = w.n;
+    Sint64 e = w.exponent;
+    v->exponent = e > 2147483647 ? 2147483647 : e < -2147483647 ? -2147483647 : (Sint32)e;
+    v->bits = w.bits;
+}
+
+void setQuietNaN(ZEPDecValue* v) {
+    zepDecValueZero(v);
+    v->bits = ZEP_DEC_NAN;
+}
+
+inline bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+inline char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? (char)(c + ('a' - 'A')) : c;
+}
+
+// Whole-text, case-insensitive match against a lower-case word.
+bool matchesWord(const char* s, const char* word) {
+    for (; *word != 0; ++s, ++word)
+        if (lower(*s) != *word) return false;
+    return *s == 0;
+}
+
+// Reads a NaN with a payload: an optional "s", "nan", then digits to the end, of which those
+// after the leading zeros must fit the precision. False when the text is no such NaN.
+bool readNaNPayload(const char* c, Uint8 sign, Sint32 p, ZEPDecValue* v) {
+    Uint8 kind = ZEP_DEC_NAN;
+    if (lower(*c) == 's') {
+        kind = ZEP_DEC_SNAN;
+        ++c;
+    }
+    if (lower(c[0]) != 'n' || lower(c[1]) != 'a' || lower(c[2]) != 'n') return false;
+    c += 3;
+    while (*c == '0') ++c;
+    const char* first = c;
+    while (isDigit(*c)) ++c;
+    if (*c != 0 || c - first > p) return false;
+    Work w;
+    w.n = (Sint32)(c - first);
+    for (Sint32 i = 0; i < w.n; ++i) w.d[i] = (Uint8)(first[i] - '0');
+    if (w.n == 0) setZeroDigits(w);
+    w.exponent = 0;
+    w.bits = (Uint8)(sign | kind);
+    storeWork(w, v);
+    return true;
+}
+
+}  // namespace
+
+Uint32 zepDecContextInit(ZEPDecContext* context, Uint32 bits) {
+    context->status = 0;
+    if (bits == 64) {
+        context->digits = 16;
+        context->emax = 384;
+        context->emin = -383;
+        context->formatBytes = 8;
+        context->bias = 398;
+    } else if (bits == 128) {
+        context->digits = 34;
+        context->emax = 6144;
+        context->emin = -6143;
+        context->formatBytes = 16;
+        context->bias = 6176;
+    } else {
+        return 1;
+    }
+    context->round = ZEP_DECFLOAT_ROUND_HALF_EVEN;
+    context->traps = 0;
+    context->specialText = 0;
+    context->clamp = 1;
+    return 0;
+}
+
+void zepDecValueZero(ZEPDecValue* value) {
+    value->digits = 1;
+    value->exponent = 0;
+    value->bits = 0;
+    memset(value->coefficient, 0, sizeof value->coefficient);
+}
+
+void zepDecValueFromText(ZEPDecValue* value, String text, ZEPDecContext* context) {
+    context->specialText = 0;
+    const Sint32 p = precisionOf(context);
+    Uint32 status = 0;
+    const char* c = text;
+    Uint8 sign = 0;
+    if (*c == '-') {
+        sign = ZEP_DEC_NEG;
+        ++c;
+    } else if (*c == '+') {
+        ++c;
+    }
+
+    // Special values named outright.
+    if (!isDigit(*c) && *c != '.') {
+        Uint8 special = 0;
+        if (matchesWord(c, "infinity") || matchesWord(c, "inf"))
+            special = ZEP_DEC_INF;
+        else if (matchesWord(c, "nan"))
+            special = ZEP_DEC_NAN;
+        else if (matchesWord(c, "snan"))
+            special = ZEP_DEC_SNAN;
+        if (special != 0) {
+            zepDecValueZero(value);
+            value->bits = (Uint8)(sign | special);
+            context->specialText = 1;
+            return;
+        }
+    }
+
+    // Digits with at most one point among them.
+    const char* start = c;
+    const char* dot = nullptr;
+    const char* last = nullptr;
+    for (;; ++c) {
+        if (isDigit(*c)) {
+            last = c;
+            continue;
+        }
+        if (*c == '.' && dot == nullptr) {
+            dot = c;
+            continue;
+        }
+        break;
+    }
+
+    if (last == nullptr) {
+        if (*c == 0 || dot != nullptr || !readNaNPayload(c, sign, p, value)) {
+            setQuietNaN(value);
+            context->status |= ZEP_DEC_CONVERSION_SYNTAX;
+        }
+        return;
+    }
+
+    Sint64 exponent = 0;
+    if (*c != 0) {
+        if (*c != 'e' && *c != 'E') {
+            setQuietNaN(value);
+            context->status |= ZEP_DEC_CONVERSION_SYNTAX;
+            return;
+        }
+        ++c;
+        bool negativeExponent = false;
+        if (*c == '-') {
+            negativeExponent = true;
+            ++c;
+        } else if (*c == '+') {
+            ++c;
+        }
+        while (*c == '0' && c[1] != 0) ++c;
+        const char* firstExp = c;
+        while (isDigit(*c)) ++c;
+        if (*c != 0 || c == firstExp) {
+            setQuietNaN(value);
+            context->status |= ZEP_DEC_CONVERSION_SYNTAX;
+            return;
+        }
+        Sint64 length = c - firstExp;
+        if (length > 10 || (length == 10 && *firstExp > '1')) {
+            exponent = ZEP_DEC_HUGE_EXPONENT;
+        } else {
+            for (const char* e = firstExp; e < c; ++e) exponent = exponent * 10 + (*e - '0');
+        }
+        if (negativeExponent) exponent = -exponent;
+    }
+    if (dot != nullptr && dot < last) exponent -= last - dot;
+
+    // Leading zeros go, a last digit stays.
+    const char* first = start;
+    while (first < last && (*first == '0' || *first == '.')) ++first;
+
+    Work w;
+    w.bits = sign;
+    int residue = 0;
+    Sint32 n = 0;
+    const char* s = first;
+    for (; s <= last && n < p; ++s) {
+        if (*s != '.') w.d[n++] = (Uint8)(*s - '0');
+    }
+    w.n = n;
+    if (s <= last) {
+        // More digits than the precision: the rest is only looked at for the residue.
+        while (*s == '.') ++s;
+        int firstDiscarded = *s - '0';
+        Sint64 discarded = 1;
+        bool sticky = false;
+        for (++s; s <= last; ++s) {
+            if (*s == '.') continue;
+            ++discarded;
+            if (*s != '0') sticky = true;
+        }
+        residue = kResidueOf[firstDiscarded] + (sticky ? 1 : 0);
+        exponent += discarded;
+        status |= ZEP_DEC_ROUNDED;
+        if (residue != 0) status |= ZEP_DEC_INEXACT;
+    }
+    w.exponent = exponent;
+    finalise(w, context, p, residue, status);
+    if (status & ZEP_DEC_NAN_FLAGS)
+        setQuietNaN(value);
+    else
+        storeWork(w, value);
+    context->status |= status;
+}
+
+Sint32 zepDecValueToText(const ZEPDecValue* value, Char* buffer) {
+    char* c = buffer;
+    if (value->bits & ZEP_DEC_NEG) *c++ = '-';
+    Sint32 n = value->digits < 1 ? 1 : value->digits > kMaxDigits ? kMaxDigits : value->digits;
+    if (value->bits & ZEP_DEC_INF) {
+        memcpy(c, "Infinity", 9);
+        return (Sint32)(c + 8 - buffer);
+    }
+    char digits[kMaxDigits];
+    char* end = digits + kMaxDigits;
+    unitsToChars(value->coefficient, n, end);
+    const char* d = end - n;
+    if (value->bits & (ZEP_DEC_NAN | ZEP_DEC_SNAN)) {
+        if (value->bits & ZEP_DEC_SNAN) *c++ = 's';
+        memcpy(c, "NaN", 3);
+        c += 3;
+        // The payload, if there is one, as an integer.
+        if (value->exponent == 0 && !(n == 1 && *d == '0')) {
+            memcpy(c, d, (size_t)n);
+            c += n;
+        }
+        *c = 0;
+        return (Sint32)(c - buffer);
+    }
+    Sint64 e = value->exponent;
+    if (e == 0) {
+        memcpy(c, d, (size_t)n);
+        c += n;
+        *c = 0;
+        return (Sint32)(c - buffer);
+    }
+    Sint64 pre = n + e;
+    Sint64 shown = 0;  // the adjusted exponent when it is written
+    if (e > 0 || pre < -5) {
+        shown = e + n - 1;
+        pre = 1;
+    }
+    if (pre > 0) {
+        memcpy(c, d, (size_t)pre);
+        c += pre;
+        if (n > pre) {
+            *c++ = '.';
+            memcpy(c, d + pre, (size_t)(n - pre));
+            c += n - pre;
+        }
+    } else {
+        *c++ = '0';
+        *c++ = '.';
+        for (; pre < 0; ++pre) *c++ = '0';
+        memcpy(c, d, (size_t)n);
+        c += n;
+    }
+    if (shown != 0) {
+        *c++ = 'E';
+        *c++ = shown < 0 ? '-' : '+';
+        Uint64 u = (Uint64)(shown < 0 ? -shown : shown);
+        char tmp[20];
+        int k = 0;
+        do {
+            tmp[k++] = (char)('0' + u % 10);
+            u /= 10;
+        } while (u != 0);
+        while (k > 0) *c++ = tmp[--k];
+    }
+    *c = 0;
+    return (Sint32)(c - buffer);
+}
+
+namespace {
+
+typedef unsigned __int128 U128;
+
+struct Format {
+    Sint32 bytes;    // 8 or 16
+    Sint32 digits;   // 16 or 34
+    Sint32 expBits;  // exponent continuation: 8 or 12
+    Sint32 bias;     // 398 or 6176
+    Sint32 declets;  // 5 or 11
+};
+
+const Format kDecimal64 = {8, 16, 8, 398, 5};
+const Format kDecimal128 = {16, 34, 12, 6176, 11};
+
+// The fields of the format go into one number of 64 or 128 bits, most significant first:
+// sign, combination (5 bits), exponent continuation, coefficient continuation.
+void encode(Uint8* bytes, const ZEPDecValue* v, ZEPDecContext* ctx, const Format& f) {
+    const Sint32 width = f.bytes * 8;
+    const Sint32 maxBiased = (3 << f.expBits) - 1;  // bias + emax - digits + 1
+    U128 word = 0;
+    Uint16 units[ZEP_DEC_UNITS];
+    memcpy(units, v->coefficient, sizeof units);
+    unsigned combination;
+    Uint32 biased = 0;
+    bool withCoefficient = true;
+    if (v->bits & ZEP_DEC_INF) {
+        combination = 0x1E;
+        withCoefficient = false;
+    } else if (v->bits & (ZEP_DEC_NAN | ZEP_DEC_SNAN)) {
+        combination = 0x1F;
+        if (v->bits & ZEP_DEC_SNAN) biased = (Uint32)1 << (f.expBits - 1);
+        // Only a payload that leaves the top digit free fits.
+        Sint32 payloadDigits = countDigits(units);
+        bool payload = !(payloadDigits == 1 && units[0] == 0);
+        if (!payload || payloadDigits >= f.digits) withCoefficient = false;
+    } else {
+        Sint64 b = (Sint64)v->exponent + f.bias;
+        Sint32 n = countDigits(units);
+        bool zero = n == 1 && units[0] == 0;
+        if (zero) {
+            if (b < 0 || b > maxBiased) {
+                b = b < 0 ? 0 : maxBiased;
+                ctx->status |= ZEP_DEC_CLAMPED;
+            }
+        } else if (b > maxBiased) {
+            // Fold-down: zeros below the coefficient bring the exponent into the format.
+            Sint32 pad = (Sint32)(b - maxBiased);
+            char digits[kMaxDigits * 2];
+            memset(digits, '0', sizeof digits);
+            char* end = digits + kMaxDigits;
+            unitsToChars(units, n, end);
+            if (pad > kMaxDigits) pad = kMaxDigits;
+            memset(end, '0', (size_t)pad);
+            end += pad;
+            memset(units, 0, sizeof units);
+            for (Sint32 k = 0; k < ZEP_DEC_UNITS && end - 4 >= digits; ++k) {
+                end -= 4;
+                units[k] = (Uint16)((end[0] - '0') * 1000 + (end[1] - '0') * 100 +
+                                    (end[2] - '0') * 10 + (end[3] - '0'));
+            }
+            b = maxBiased;
+            ctx->status |= ZEP_DEC_CLAMPED;
+        }
+        biased = (Uint32)b;
+        combination = 0;  // set below with the top digit
+    }
+    Uint16 groups[12];
+    unitsToGroups(units, groups);
+    if (withCoefficient) {
+        for (Sint32 i = f.declets - 1; i >= 0; --i)
+            word = (word << 10) | kDpd.encode[groups[i] % 1000];
+    }
+    if (!(v->bits & ZEP_DEC_SPECIAL)) {
+        unsigned top = (biased >> f.expBits) & 3;
+        unsigned msd = groups[f.declets] % 10;
+        combination = msd < 8 ? (top << 3) | msd : 0x18 | (top << 1) | (msd & 1);
+    }
+    U128 head = ((U128)((v->bits & ZEP_DEC_NEG) ? 1 : 0) << 5) | combination;
+    head = (head << f.expBits) | (biased & ((1u << f.expBits) - 1));
+    word |= head << (width - 6 - f.expBits);
+    for (Sint32 i = f.bytes - 1; i >= 0; --i) {
+        bytes[i] = (Uint8)word;
+        word >>= 8;
+    }
+}
+
+void decode(const Uint8* bytes, ZEPDecValue* v, const Format& f) {
+    const Sint32 width = f.bytes * 8;
+    U128 word = 0;
+    for (Sint32 i = 0; i < f.bytes; ++i) word = (word << 8) | bytes[i];
+    zepDecValueZero(v);
+    Uint8 sign = (bytes[0] & 0x80) ? ZEP_DEC_NEG : 0;
+    unsigned combination = (bytes[0] >> 2) & 0x1F;
+    Uint16 groups[12] = {};
+    if (combination == 0x1E) {
+        v->bits = (Uint8)(sign | ZEP_DEC_INF);
+        return;
+    }
+    if (combination == 0x1F) {
+        v->bits = (Uint8)(sign | ((bytes[0] & 0x02) ? ZEP_DEC_SNAN : ZEP_DEC_NAN));
+    } else {
+        unsigned top, msd;
+        if (combination < 0x18) {
+            top = combination >> 3;
+            msd = combination & 7;
+        } else {
+            top = (combination >> 1) & 3;
+            msd = 8 + (combination & 1);
+        }
+        unsigned cont = (unsigned)(word >> (width - 6 - f.expBits)) & ((1u << f.expBits) - 1);
+        v->exponent = (Sint32)((top << f.expBits) | cont) - f.bias;
+        v->bits = sign;
+        groups[f.declets] = (Uint16)msd;
+    }
+    for (Sint32 i = 0; i < f.declets; ++i) {
+        groups[i] = kDpd.decode[(unsigned)word & 0x3FF];
+        word >>= 10;
+    }
+    groupsToUnits(groups, v->coefficient);
+    v->digits = countDigits(v->coefficient);
+}
+
+}  // namespace
+
+void zepDecEncode64(Uint8* bytes, const ZEPDecValue* value, ZEPDecContext* context) {
+    encode(bytes, value, context, kDecimal64);
+}
+
+void zepDecEncode128(Uint8* bytes, const ZEPDecValue* value, ZEPDecContext* context) {
+    encode(bytes, value, context, kDecimal128);
+}
+
+void zepDecDecode64(const Uint8* bytes, ZEPDecValue* value, ZEPDecContext*) {
+    decode(bytes, value, kDecimal64);
+}
+
+void zepDecDecode128(const Uint8* bytes, ZEPDecValue* value, ZEPDecContext*) {
+    decode(bytes, value, kDecimal128);
+}
