@@ -13,10 +13,6 @@
 #include "zephfile.h"
 
 // primitives: begin
-#include "zepatomic.h"
-#include "zeplatch.h"
-#include "zeptime.h"
-#include "zepnumconv.h"
 // primitives: end
 
 // numerics: begin
