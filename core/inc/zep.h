@@ -13,6 +13,10 @@
 #include "zephfile.h"
 
 // primitives: begin
+#include "zepatomic.h"
+#include "zeplatch.h"
+#include "zeptime.h"
+#include "zepnumconv.h"
 // primitives: end
 
 // numerics: begin

@@ -6,6 +6,8 @@
 // objects. Each step either succeeds or leaves its all-zero default; nothing here can fail in a
 // way a caller sees.
 #include "zeplib.h"
+#include "zepatomic.h"
+#include "zeplatch.h"
 
 Bool g_bIsPlatformID_Win32OnNT = 0;
 Bool g_bIsPlatformID_Win2k = 0;
@@ -33,8 +35,8 @@ __attribute__((constructor)) void zepStartupPass() {
     if (!s_startupPending) return;
     s_startupPending = 0;
 
-    // step 1: latch tuning
-    // step 2: tick register test
+    zepLatchTuneForProcessors();
+    zepTickRegisterTest();
     // step 3: memory debugging
     setPlatformFlags();
 }
