@@ -1,0 +1,87 @@
+// helper_tick - the other process of the tick and start-up tests.
+//
+//   helper_tick startup        print "tune L C D R S register N": the spin tuning and the
+//                              tick-register flag that this process's start-up pass chose
+//   helper_tick factor FD      in the shared mapping FD: write this process's conversion factor,
+//                              then a tick read together with CLOCK_REALTIME
+//
+// This program defines the processor stand-ins of the OS layer itself, so that the library's
+// start-up pass meets the processor that the environment describes: ZEP_FAKE_PROCESSORS (the
+// processor count), ZEP_FAKE_LEVEL (wProcessorLevel) and ZEP_FAKE_EDX (the feature word of leaf 1).
+// What isn't set is taken from this machine.
+#include <cpuid.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "zep.h"
+#include "zepos.h"
+
+namespace {
+
+bool fake(const char* name, Uint32* value) {
+    const char* s = getenv(name);
+    if (s == nullptr) return false;
+    *value = static_cast<Uint32>(strtoul(s, nullptr, 0));
+    return true;
+}
+
+}  // namespace
+
+// These run inside the library's start-up pass, before this program's own initialisation:
+// they touch nothing but the environment and the processor.
+namespace zepos {
+
+void GetSystemInfo(SYSTEM_INFO* info) {
+    memset(info, 0, sizeof *info);
+    Uint32 v;
+    info->dwNumberOfProcessors =
+        fake("ZEP_FAKE_PROCESSORS", &v) ? v : static_cast<Uint32>(sysconf(_SC_NPROCESSORS_ONLN));
+    unsigned a = 0, b, c, d;
+    __get_cpuid(1, &a, &b, &c, &d);
+    info->wProcessorLevel = static_cast<Uint16>(fake("ZEP_FAKE_LEVEL", &v) ? v : (a >> 8) & 0xF);
+}
+
+void Cpuid(Uint32 leaf, Uint32 regs[4]) {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    __get_cpuid(leaf, &a, &b, &c, &d);
+    Uint32 v;
+    if (leaf == 1 && fake("ZEP_FAKE_EDX", &v)) d = v;
+    regs[0] = a, regs[1] = b, regs[2] = c, regs[3] = d;
+}
+
+}  // namespace zepos
+
+struct TickShared {
+    ZEPTickConversionFactor factor;
+    Uint64 tick;
+    Sint64 realtimeNs;
+};
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && strcmp(argv[1], "startup") == 0) {
+        ZEPSpinTune t;
+        ZEPLatch::getSpinCounts(t);
+        printf("tune %u %u %u %u %u register %u\n", t.spinLimit, t.spinCount, t.spinDelay,
+               t.spinReserved, t.sleepStep, zepCanUseRegister());
+        return 0;
+    }
+    if (argc == 3 && strcmp(argv[1], "factor") == 0) {
+        void* p =
+            mmap(nullptr, sizeof(TickShared), PROT_READ | PROT_WRITE, MAP_SHARED, atoi(argv[2]), 0);
+        if (p == MAP_FAILED) return 3;
+        TickShared* shared = static_cast<TickShared*>(p);
+        shared->factor.initialize();
+        ZEPTick tick;
+        struct timespec ts;
+        clock_gettime(CLOCK_REALTIME, &ts);
+        tick.read();
+        shared->tick = tick.value;
+        shared->realtimeNs = static_cast<Sint64>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+        return 0;
+    }
+    return 2;
+}
