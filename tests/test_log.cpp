@@ -1,0 +1,447 @@
+// The log as its readers see it: the exact text of records in a file, the location fields, the
+// level rule, the targets, and many processes appending to one file.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "zep.h"
+#include "zeplogitems.h"
+
+namespace {
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    for (size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
+        out.push_back(text.substr(at, end - at));
+    if (at < text.size()) out.push_back(text.substr(at));
+    return out;
+}
+
+class Log : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/zeplogXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        path_ = dir_ + "/zep.log";
+    }
+    void TearDown() override {
+        zepLogFacClose(nullptr);
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+    void open(Uint32 level = ZEP_LOG_INFO, Uint32 target = ZEP_LOG_TARGET_FILE,
+              ZEPLogFacility* f = nullptr) {
+        ZEPLogFacilityParam p;
+        snprintf(p.path, sizeof p.path, "%s", path_.c_str());
+        snprintf(p.name, sizeof p.name, "zeptest");
+        p.level = level;
+        p.target = target;
+        p.permissions = 0644;
+        ASSERT_EQ(zepLogFacOpen(&p, f), 0u);
+    }
+    std::string log() { return slurp(path_); }
+    std::string dir_, path_;
+};
+
+TEST_F(Log, WorkedRecordOfAFailingRename) {
+    open();
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    EXPECT_EQ(zepFileRename("a", "b"), ECF_FILE_DOESNT_EXIST);
+    ASSERT_EQ(chdir(cwd), 0);
+
+    std::string text = log();
+    std::vector<std::string> l = lines(text);
+    ASSERT_EQ(l.size(), 10u) << text;
+    EXPECT_EQ(l[0], "");
+    // 26-character local time stamp, zone, the location field, " LEVEL: ".
+    std::regex head(R"(\d{4}-\d\d-\d\d-\d\d\.\d\d\.\d\d\.\d{3}000[+-]\d{3} I2H(\d+) +LEVEL: Info \(OS\))");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(l[1], m, head)) << l[1];
+    EXPECT_EQ(std::stoul(m[1]), text.size() - 2);
+    EXPECT_EQ(l[1].find(" LEVEL: "), 49u);
+    char pid[64];
+    snprintf(pid, sizeof pid, "PID     : %-21uTID : %u", getpid(), static_cast<unsigned>(gettid()));
+    EXPECT_EQ(l[2], pid);
+    EXPECT_EQ(l[3], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:30");
+    EXPECT_EQ(l[4], "MESSAGE : ECF=0x9000001A File doesn't exist");
+    EXPECT_EQ(l[5], "CALLED  : OS, -, MoveFile" + std::string(25, ' ') +
+                        "OSERR: ERROR_FILE_NOT_FOUND (2)");
+    EXPECT_EQ(l[6], "ARG  #1 : String, 1 bytes");
+    EXPECT_EQ(l[7], "a");
+    EXPECT_EQ(l[8], "ARG  #2 : String, 1 bytes");
+    EXPECT_EQ(l[9], "b");
+    EXPECT_EQ(text.substr(text.size() - 3), "b\r\n");
+}
+
+TEST_F(Log, LocationFieldsChainRecords) {
+    open();
+    for (int i = 0; i < 3; ++i) zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0);
+    std::string text = log();
+    size_t pos = 0;
+    int n = 0;
+    while (pos < text.size()) {
+        ASSERT_EQ(text.compare(pos, 2, "\r\n"), 0);
+        char field[18] = {};
+        memcpy(field, text.data() + pos + 33, 17);
+        unsigned long long off = 0, len = 0;
+        ASSERT_EQ(sscanf(field, "I%lluH%llu", &off, &len), 2) << field;
+        EXPECT_EQ(off, pos + 2);
+        EXPECT_EQ(text[pos + 50], ' ');
+        pos = off + len;
+        ++n;
+    }
+    EXPECT_EQ(pos, text.size());
+    EXPECT_EQ(n, 3);
+}
+
+TEST_F(Log, LongLocationFieldIsCutBeforeLevel) {
+    // A sparse file puts the next record at a 13-digit offset: the field would have 18
+    // characters and is cut to 17, leaving " LEVEL: " where it belongs.
+    const long long kAt = 1000000000000LL;
+    int fd = ::open(path_.c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, kAt), 0);
+    close(fd);
+    open();
+    ASSERT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0), 0u);
+    struct stat st;
+    ASSERT_EQ(stat(path_.c_str(), &st), 0);
+    fd = ::open(path_.c_str(), O_RDONLY);
+    char rec[128] = {};
+    ASSERT_EQ(pread(fd, rec, 100, kAt), 100);
+    close(fd);
+    std::string field = "I" + std::to_string(kAt + 2) + "H" + std::to_string(st.st_size - kAt - 2);
+    ASSERT_EQ(field.size(), 18u);
+    EXPECT_EQ(std::string(rec + 33, 17), field.substr(0, 17));
+    EXPECT_EQ(std::string(rec + 50, 9), "  LEVEL: ");
+    unlink(path_.c_str());
+}
+
+TEST_F(Log, LevelRule) {
+    for (Uint32 facility = 0; facility <= 5; ++facility) {
+        open(facility);
+        unlink(path_.c_str());
+        for (Uint32 record = 0; record <= 6; ++record) {
+            off_t before = 0;
+            struct stat st;
+            if (stat(path_.c_str(), &st) == 0) before = st.st_size;
+            EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, record, 0), 0u);
+            off_t after = stat(path_.c_str(), &st) == 0 ? st.st_size : 0;
+            bool expected = facility == 5 ? record == 5
+                                          : record == 5 || (record != 0 && record <= facility);
+            EXPECT_EQ(after > before, expected) << "facility " << facility << " record " << record;
+        }
+    }
+    // An out-of-range facility level set afterwards goes by the same rule.
+    open(4);
+    EXPECT_EQ(zepLogFacSetLevel(nullptr, 9), 0u);
+    unlink(path_.c_str());
+    zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 6, 0);
+    EXPECT_EQ(access(path_.c_str(), F_OK), 0);
+}
+
+TEST_F(Log, FacilityCalls) {
+    ZEPLogFacilityParam p;
+    EXPECT_EQ(p.version, 0x09010007u);
+    snprintf(p.name, sizeof p.name, "n");
+    p.level = 4;
+    p.target = 3;
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    p.target = ZEP_LOG_TARGET_FILE;  // with an empty path
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    p.target = ZEP_LOG_TARGET_EVENTLOG;  // needs no path
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), 0u);
+    p.level = 6;
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    p.level = 4;
+    p.name[0] = 0;
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    p.version = 20040701;
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepLogFacOpen(nullptr, nullptr), ECF_INVALID_PARAMETER);
+
+    EXPECT_EQ(zepLogFacClose(nullptr), 0u);
+    EXPECT_EQ(zepLogFacClose(nullptr), 0u);
+    EXPECT_EQ(zepLogFacSetLevel(nullptr, 4), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_INVALID_PARAMETER);
+
+    // A facility of the caller's own, in its memory.
+    ZEPLogFacility mine = {};
+    open(ZEP_LOG_INFO, ZEP_LOG_TARGET_FILE, &mine);
+    EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, 0), 0u);
+    EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(lines(log()).size(), 4u);
+
+    // Bad counts and masks, and an unwritable file.
+    EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, -1), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepLogRC(&mine, ZEPFN_zepFileRename, 0, 0, 0, 10, 4, 1), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepLogSysRC(&mine, ZEPFN_zepFileRename, 0, 0, 0, 10, 4, 1), ECF_INVALID_PARAMETER);
+    snprintf(mine.path, sizeof mine.path, "%s/no/such/dir/x.log", dir_.c_str());
+    EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_FAILED);
+}
+
+TEST_F(Log, RecordParts) {
+    open();
+    // Mask 0x80000005: arguments 1 and 3. A null item. A named platform error of a library call.
+    Uint32 one = 1;
+    zepLogSysRC(nullptr, ZEPFN_zepFileRename, SYSFN_CreateFile, 1, ECF_UNKNOWN, 20, 2,
+                static_cast<Sint32>(0x80000005u), &one, 4u, ZEP_LOGDATA_UINT, nullptr, 7u,
+                ZEP_LOGDATA_HEX);
+    zepLogRC(nullptr, ZEPFN_zepFileRename, ZEPFN_ZEPHFile_open, ECF_FILE_LOCK, 0, 40, 4, 0);
+    zepLog(nullptr, 0xFFFFFFFFu, 0, 50, 4, 0);
+    std::vector<std::string> l = lines(log());
+    ASSERT_EQ(l.size(), 20u);
+    EXPECT_NE(l[1].find("LEVEL: Error (OS)"), std::string::npos);
+    EXPECT_EQ(l[3], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:20");
+    EXPECT_EQ(l[4], "MESSAGE : ECF=0x90000007 Unknown");
+    EXPECT_EQ(l[5], "CALLED  : OS, -, CreateFile" + std::string(23, ' ') + "OSERR: 1");
+    EXPECT_EQ(l[6], "ARG  #1 : Uint32, 4 bytes");
+    EXPECT_EQ(l[7], "1");
+    EXPECT_EQ(l[8], "ARG  #3 : ");
+    EXPECT_EQ(l[9], "NULL");
+    // Code 0: no MESSAGE line; a nested library call shows by its catalogue names.
+    EXPECT_EQ(l[10], "");
+    EXPECT_NE(l[11].find("LEVEL: Info"), std::string::npos);
+    EXPECT_EQ(l[11].find("(OS)"), std::string::npos);
+    EXPECT_EQ(l[13], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:40");
+    EXPECT_EQ(l[14], "CALLED  : VRN Common, ZEPe, ZEPHFile::open");
+    EXPECT_EQ(l[15], "RETCODE : ECF=0x90000014 " + std::string(ecfErrorGetDescription(ECF_FILE_LOCK)));
+    // An identifier the catalogue doesn't know prints empty names; no CALLED line without one.
+    EXPECT_EQ(l[19], "FUNCTION: , , , probe:50");
+}
+
+TEST_F(Log, ItemRendering) {
+    char buf[700];
+    auto typed = [&](const void* p, Uint32 n, Sint32 type) {
+        Uint32 len = zepLogRenderTyped(buf, sizeof buf, p, n, type);
+        return std::string(buf, len);
+    };
+    Uint32 u4 = 4000000000u;
+    Uint16 b2 = 0x0100;
+    Sint8 s1 = -1;
+    Uint16 h2 = 0xBEEF;
+    Uint64 u8 = 18446744073709551615ull;
+    EXPECT_EQ(typed(&u4, 4, ZEP_LOGDATA_UINT), "Uint32, 4 bytes\r\n4000000000\r\n");
+    EXPECT_EQ(typed(&u4, 3, ZEP_LOGDATA_UINT), "");  // the dump takes it
+    EXPECT_EQ(typed(&b2, 2, ZEP_LOGDATA_BOOL), "Bool, 2 bytes\r\ntrue\r\n");
+    EXPECT_EQ(typed(&s1, 1, ZEP_LOGDATA_SINT), "Sint8, 1 bytes\r\n-1\r\n");
+    EXPECT_EQ(typed(&h2, 2, ZEP_LOGDATA_HEX), "Hex, 2 bytes\r\n0xBEEF\r\n");
+    EXPECT_EQ(typed(&u8, 8, ZEP_LOGDATA_UINT), "Uint64, 8 bytes\r\n18446744073709551615\r\n");
+    EXPECT_EQ(typed("hello", 5, ZEP_LOGDATA_CHAR), "Char, 5 bytes\r\nh\r\n");
+    EXPECT_EQ(typed(&u4, 4, -9), "");
+    EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
+
+    std::string long600(600, 'x');
+    std::string s = typed(long600.c_str(), 512, ZEP_LOGDATA_STRING);
+    EXPECT_EQ(s, "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
+    // Too little room for the text and its line end: the line stays open.
+    Uint32 n = zepLogRenderTyped(buf, 30, long600.c_str(), 512, ZEP_LOGDATA_STRING);
+    EXPECT_EQ(std::string(buf, n), "String, 512 bytes\r\n" + std::string(10, 'x'));
+
+    // Dumps: 20 bytes in two lines; 600 bytes of true length; a record nearly full.
+    unsigned char data[600];
+    for (int i = 0; i < 600; ++i) data[i] = static_cast<unsigned char>('A' + i % 26);
+    n = zepLogRenderDump(buf, sizeof buf, data, 20, 20);
+    EXPECT_EQ(std::string(buf, n),
+              "<hexdump>, 20 bytes\r\n"
+              "41424344  45464748  494A4B4C  4D4E4F50    ABCDEFGHIJKLMNOP\r\n"
+              "51525354                                  QRST\r\n");
+    char big[4096];
+    n = zepLogRenderDump(big, sizeof big, data, 512, 600);
+    std::vector<std::string> l = lines(std::string(big, n));
+    EXPECT_EQ(l[0], "<hexdump>, 512 bytesof 600");
+    EXPECT_EQ(l.size(), 33u);
+    // 200 bytes hold three lines of 61 but for the head: two whole lines come out, none cut.
+    n = zepLogRenderDump(buf, 200, data, 100, 100);
+    l = lines(std::string(buf, n));
+    EXPECT_EQ(l[0], "<hexdump>, 100 bytesof 100");
+    ASSERT_EQ(l.size(), 3u);
+    EXPECT_EQ(l[2].substr(0, 8), "51525354");
+    EXPECT_LT(n, 200u);
+}
+
+TEST_F(Log, ZoneArithmetic) {
+    // local and UTC seconds since midnight of one moment -> minutes east of UTC
+    EXPECT_EQ(zepLogZoneMinutes(3600, 0), 60);
+    EXPECT_EQ(zepLogZoneMinutes(0, 18000), -300);
+    EXPECT_EQ(zepLogZoneMinutes(1800, 84600), 60);   // local just after midnight, UTC before
+    EXPECT_EQ(zepLogZoneMinutes(84600, 1800), -60);  // the other way round
+    EXPECT_EQ(zepLogZoneMinutes(43200, 0), 720);     // +12 h
+    EXPECT_EQ(zepLogZoneMinutes(0, 43200), 720);     // -12 h and +12 h are the same moment
+    EXPECT_EQ(zepLogZoneMinutes(46800, 86399), -659);
+    EXPECT_EQ(zepLogZoneMinutes(30, 0), 0);          // truncation toward zero
+    EXPECT_EQ(zepLogZoneMinutes(0, 30), 0);
+}
+
+TEST_F(Log, StandardErrorTarget) {
+    open(ZEP_LOG_INFO, ZEP_LOG_TARGET_STDERR);
+    std::string out = dir_ + "/stderr";
+    fflush(stderr);
+    int saved = dup(2);
+    int fd = ::open(out.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+    dup2(fd, 2);
+    EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_ERROR, 0), 0u);
+    fflush(stderr);
+    dup2(saved, 2);
+    close(fd);
+    close(saved);
+    std::string text = slurp(out);
+    std::vector<std::string> l = lines(text);
+    ASSERT_EQ(l.size(), 5u);
+    EXPECT_EQ(l[1].substr(30, 27), std::string(19, ' ') + " LEVEL: ");  // no location field
+    EXPECT_EQ(l[4], "MESSAGE : ECF=0x90000002 Failed");
+}
+
+TEST_F(Log, ManyProcessesAppendToOneFile) {
+    const int kProcesses = 4, kRecords = 2000;
+    std::vector<pid_t> kids;
+    for (int i = 0; i < kProcesses; ++i) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            std::string n = std::to_string(kRecords);
+            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(), n.c_str(),
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        kids.push_back(pid);
+    }
+    for (pid_t k : kids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(k, &status, 0), k);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    // The library's own reader walks the file by its fields.
+    std::string cmd = std::string(ZEP_TOOL_BIN_DIR "/zeplog --check ") + path_ + " > " + dir_ + "/check";
+    EXPECT_EQ(system(cmd.c_str()), 0);
+    EXPECT_NE(slurp(dir_ + "/check").find(": 8000 records, 0 damaged"), std::string::npos)
+        << slurp(dir_ + "/check");
+}
+
+TEST(HexDump, Lines) {
+    unsigned char data[20];
+    for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(i == 3 ? 'z' : i);
+    char line[ZEP_HEXDUMP_LINE_SIZE];
+    Uint32 n = zepHexDumpLine(line, data, 16, 0);
+    EXPECT_EQ(n, 62u);
+    EXPECT_EQ(std::string(line), "0001 027A 0405 0607 0809 0A0B 0C0D 0E0F    ...z............\r\n");
+    n = zepHexDumpLine(line, data, 16, ZEP_HEXDUMP_ADDRESS);
+    EXPECT_EQ(n, 75u);
+    EXPECT_EQ(strlen(line), 74u);
+    char addr[16];
+    snprintf(addr, sizeof addr, "0x%08X : ", static_cast<unsigned>(reinterpret_cast<uintptr_t>(data)));
+    EXPECT_EQ(std::string(line, 13), addr);
+    EXPECT_EQ(std::string(line + 56), "...z............\r\n");
+    Uint32 word = 0x12345678;
+    n = zepHexDumpLine(line, &word, 4, ZEP_HEXDUMP_WORD | ZEP_HEXDUMP_NO_CHARS);
+    EXPECT_EQ(std::string(line), "0x12345678" + std::string(33, ' ') + "\r\n");
+    EXPECT_EQ(n, 46u);
+    n = zepHexDumpLine(line, data, 3, 0);
+    EXPECT_EQ(std::string(line), "0001 02" + std::string(36, ' ') + "...\r\n");
+}
+
+TEST(HexDump, ToBuffer) {
+    unsigned char data[20];
+    for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(0x41 + i);
+    char buf[512];
+    zepHexDumpToBuffer(data, 20, buf, sizeof buf, "> ", 0);
+    EXPECT_EQ(std::string(buf),
+              "> 4142 4344 4546 4748 494A 4B4C 4D4E 4F50    ABCDEFGHIJKLMNOP\r\n"
+              "> 5152 5354                                  QRST\r\n");
+    // Room for one line only: the dump stops after it.
+    zepHexDumpToBuffer(data, 20, buf, 2 + 62 + 2 + 10, "> ", 0);
+    EXPECT_EQ(std::string(buf), "> 4142 4344 4546 4748 494A 4B4C 4D4E 4F50    ABCDEFGHIJKLMNOP\r\n");
+    // Not even the first line: an empty string.
+    strcpy(buf, "junk");
+    zepHexDumpToBuffer(data, 20, buf, 60, nullptr, 0);
+    EXPECT_EQ(buf[0], 0);
+    strcpy(buf, "junk");
+    zepHexDumpToBuffer(data, 0, buf, sizeof buf, nullptr, 0);
+    EXPECT_EQ(buf[0], 0);
+    zepHexDumpToBuffer(data, 20, nullptr, 0, nullptr, 0);  // nothing to write into: no crash
+}
+
+}  // namespace
+
+namespace {
+
+struct ToolRun {
+    int status;
+    std::string out;
+};
+ToolRun zeplogTool(const std::string& args, const std::string& dir) {
+    std::string out = dir + "/tool.out";
+    std::string cmd = std::string(ZEP_TOOL_BIN_DIR "/zeplog ") + args + " > " + out + " 2>&1";
+    int st = system(cmd.c_str());
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, slurp(out)};
+}
+
+TEST_F(Log, ReaderFindsDamageAndFilters) {
+    open();
+    Uint32 v = 5;
+    zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_INFO, 1, &v, 4u, ZEP_LOGDATA_UINT);
+    zepLog(nullptr, ZEPFN_zepFileCopy, ECF_FILE_EXISTS, 20, ZEP_LOG_ERROR, 0);
+    zepLog(nullptr, ZEPFN_zepFileRename, 0, 30, ZEP_LOG_EVENT, 0);
+    std::string good = log();
+
+    ToolRun r = zeplogTool("--ecf ECF_FILE_EXISTS " + path_, dir_);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("3 records, 0 damaged stretches, 1 shown"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("FUNCTION: VRN Common, ZEPe, zepFileCopy, probe:20"), std::string::npos);
+    r = zeplogTool("--function zepFileRename --level 4 " + path_, dir_);
+    EXPECT_NE(r.out.find("1 shown"), std::string::npos) << r.out;  // the Event record is less severe
+    r = zeplogTool("--pid " + std::to_string(getpid() + 1) + " " + path_, dir_);
+    EXPECT_NE(r.out.find("0 shown"), std::string::npos) << r.out;
+
+    // Cut short: the last record is reported as truncated.
+    std::string cut = dir_ + "/cut.log";
+    std::ofstream(cut, std::ios::binary) << good.substr(0, good.size() - 10);
+    r = zeplogTool("--check " + cut, dir_);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("TRUNCATED"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 records, 1 damaged"), std::string::npos) << r.out;
+
+    // Bytes inside the second record: that stretch is damaged, the records around it survive
+    // (the third is found again, though its field no longer matches its place).
+    std::string hurt = dir_ + "/hurt.log";
+    size_t second = good.find("\r\n\r\n") + 2;
+    std::ofstream(hurt, std::ios::binary) << good.substr(0, second + 100) << "XXXX"
+                                          << good.substr(second + 100);
+    r = zeplogTool("--check " + hurt, dir_);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("DAMAGED"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("MISPLACED"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 records"), std::string::npos) << r.out;
+
+    std::string junk = dir_ + "/junk.log";
+    std::ofstream(junk) << "hello\n";
+    r = zeplogTool(junk, dir_);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("is not a zep log file"), std::string::npos) << r.out;
+    r = zeplogTool(dir_ + "/missing.log", dir_);
+    EXPECT_EQ(r.status, 2);
+    r = zeplogTool("--ecf ECF_NO_SUCH " + path_, dir_);
+    EXPECT_EQ(r.status, 2);
+}
+
+}  // namespace
