@@ -6,6 +6,7 @@
 #include "zeplog.h"
 #include "zeplogitems.h"
 #include "zepnumconv.h"
+#include "zeptext.h"
 
 namespace {
 
@@ -96,71 +97,65 @@ void zepHexDumpToBuffer(const void* data, Uint32 length, char* buffer, Uint32 si
 
 // ---------------------------------------------------------------- log items
 
+namespace {
+
+// "<Name>, <L> bytes\r\n" opens every typed rendering.
+ZepText& head(ZepText& t, const char* name, Uint32 length) {
+    return t.str(name).str(", ").dec(length).str(" bytes\r\n");
+}
+
+}  // namespace
+
 Uint32 zepLogRenderTyped(char* buf, Uint32 space, const void* data, Uint32 length, Sint32 type) {
-    Sint32 n = 0;
+    ZepText t(buf, space);
+    const bool word = length == 1 || length == 2 || length == 4 || length == 8;
+    Uint64 u = 0;  // the value of a word, unsigned
+    Sint64 v = 0;  // and sign-extended
+    switch (length) {
+        case 1: u = load<Uint8>(data), v = load<Sint8>(data); break;
+        case 2: u = load<Uint16>(data), v = load<Sint16>(data); break;
+        case 4: u = load<Uint32>(data), v = load<Sint32>(data); break;
+        case 8: u = load<Uint64>(data), v = load<Sint64>(data); break;
+    }
     switch (type) {
         case ZEP_LOGDATA_HEX:
-            switch (length) {
-                case 1: n = zepSnprintf(buf, space, "Hex, %u bytes\r\n0x%hX\r\n", length, (unsigned short)load<Uint8>(data)); break;
-                case 2: n = zepSnprintf(buf, space, "Hex, %u bytes\r\n0x%hX\r\n", length, load<Uint16>(data)); break;
-                case 4: n = zepSnprintf(buf, space, "Hex, %u bytes\r\n0x%X\r\n", length, load<Uint32>(data)); break;
-                case 8: n = zepSnprintf(buf, space, "Hex, %u bytes\r\n0x%llX\r\n", length, (unsigned long long)load<Uint64>(data)); break;
-            }
+            if (!word) return 0;
+            head(t, "Hex", length).str("0x").hex(u).str("\r\n");
             break;
         case ZEP_LOGDATA_SINT:
-            switch (length) {
-                case 1: n = zepSnprintf(buf, space, "Sint8, %u bytes\r\n%hd\r\n", length, (short)load<Sint8>(data)); break;
-                case 2: n = zepSnprintf(buf, space, "Sint16, %u bytes\r\n%hd\r\n", length, load<Sint16>(data)); break;
-                case 4: n = zepSnprintf(buf, space, "Sint32, %u bytes\r\n%d\r\n", length, load<Sint32>(data)); break;
-                case 8: n = zepSnprintf(buf, space, "Sint64, %u bytes\r\n%lld\r\n", length, (long long)load<Sint64>(data)); break;
-            }
+            if (!word) return 0;
+            head(t, length == 1 ? "Sint8" : length == 2 ? "Sint16" : length == 4 ? "Sint32" : "Sint64",
+                 length)
+                .sdec(v)
+                .str("\r\n");
             break;
         case ZEP_LOGDATA_UINT:
-            switch (length) {
-                case 1: n = zepSnprintf(buf, space, "Uint8, %u bytes\r\n%hu\r\n", length, (unsigned short)load<Uint8>(data)); break;
-                case 2: n = zepSnprintf(buf, space, "Uint16, %u bytes\r\n%hu\r\n", length, load<Uint16>(data)); break;
-                case 4: n = zepSnprintf(buf, space, "Uint32, %u bytes\r\n%u\r\n", length, load<Uint32>(data)); break;
-                case 8: n = zepSnprintf(buf, space, "Uint64, %u bytes\r\n%llu\r\n", length, (unsigned long long)load<Uint64>(data)); break;
-            }
+            if (!word) return 0;
+            head(t, length == 1 ? "Uint8" : length == 2 ? "Uint16" : length == 4 ? "Uint32" : "Uint64",
+                 length)
+                .dec(u)
+                .str("\r\n");
             break;
-        case ZEP_LOGDATA_BOOL: {
-            bool set;
-            switch (length) {
-                case 1: set = load<Uint8>(data) != 0; break;
-                case 2: set = load<Uint16>(data) != 0; break;
-                case 4: set = load<Uint32>(data) != 0; break;
-                case 8: set = load<Uint64>(data) != 0; break;
-                default: return 0;
-            }
-            n = zepSnprintf(buf, space, "Bool, %u bytes\r\n%s\r\n", length, set ? "true" : "false");
+        case ZEP_LOGDATA_BOOL:
+            if (!word) return 0;
+            head(t, "Bool", length).str(u ? "true" : "false").str("\r\n");
             break;
-        }
         case ZEP_LOGDATA_CHAR:
-            n = zepSnprintf(buf, space, "Char, %u bytes\r\n%c\r\n", length, *static_cast<const char*>(data));
+            head(t, "Char", length).chars(*static_cast<const char*>(data), 1).str("\r\n");
             break;
         case ZEP_LOGDATA_STRING: {
-            n = zepSnprintf(buf, space, "String, %u bytes\r\n", length);
-            Uint32 used = static_cast<Uint32>(n);
+            head(t, "String", length);
             // The text runs to its terminator, not to the item's length; the limit is the clamp
-            // or the space left, terminator included.
-            Uint32 left = space - used;
-            Uint32 limit = left < kZepLogItemClamp ? left : kZepLogItemClamp;
-            const char* text = static_cast<const char*>(data);
-            Uint32 copied = 0;
-            while (copied + 1 < limit && text[copied] != 0) {
-                buf[used + copied] = text[copied];
-                ++copied;
-            }
-            used += copied;
-            if (used + 3 <= space) {
-                buf[used++] = '\r';
-                buf[used++] = '\n';
-            }
-            buf[used] = 0;
-            return used;
+            // or the space left, terminator included. The line end follows only if it fits.
+            t.str(static_cast<const char*>(data), (t.space() < kZepLogItemClamp ? t.space()
+                                                                                 : kZepLogItemClamp) -
+                                                      1);
+            if (t.space() >= 3) t.str("\r\n");
+            break;
         }
+        default: return 0;
     }
-    return n > 0 ? static_cast<Uint32>(n) : 0;
+    return t.length();
 }
 
 Uint32 zepLogRenderDump(char* buf, Uint32 space, const void* data, Uint32 length,
@@ -171,10 +166,11 @@ Uint32 zepLogRenderDump(char* buf, Uint32 space, const void* data, Uint32 length
         shown = ((space - 1) / kLine) * 16;
         if (shown > length) shown = length;
     }
-    Uint32 used = static_cast<Uint32>(zepSnprintf(buf, space, "<hexdump>, %u bytes", length));
-    if (trueLength != shown)
-        used += static_cast<Uint32>(zepSnprintf(buf + used, space - used, "of %u", trueLength));
-    used += static_cast<Uint32>(zepSnprintf(buf + used, space - used, "\r\n"));
+    ZepText t(buf, space);
+    t.str("<hexdump>, ").dec(length).str(" bytes");
+    if (trueLength != shown) t.str("of ").dec(trueLength);
+    t.str("\r\n");
+    Uint32 used = t.length();
 
     const Uint8* bytes = static_cast<const Uint8*>(data);
     for (Uint32 offset = 0; offset < shown; offset += 16) {

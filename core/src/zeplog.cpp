@@ -12,6 +12,7 @@
 #include "zephfile.h"
 #include "zeplib.h"
 #include "zeplogitems.h"
+#include "zeptext.h"
 #include "zepnumconv.h"
 #include "zepos.h"
 #include "zeptime.h"
@@ -75,49 +76,43 @@ bool passes(Uint32 facilityLevel, Uint32 recordLevel) {
 const char* orEmpty(const char* s) { return s ? s : ""; }
 
 // Minutes between local time and UTC now, from two broken-down times of one second; no time
-// zone call is needed.
+// zone call is needed. A zone changes its offset only at a second's boundary, so the answer is
+// kept for the second it was worked out in: records of the same second skip both conversions.
 Sint32 zoneMinutes() {
-    Sint32 now = zepTimeGetUTC(nullptr);
+    static Uint64 s_cache = ~0ull;  // second in the high word, minutes in the low one
+    const Sint32 now = zepTimeGetUTC(nullptr);
+    const Uint64 cached = __atomic_load_n(&s_cache, __ATOMIC_RELAXED);
+    if (cached != ~0ull && static_cast<Sint32>(cached >> 32) == now)
+        return static_cast<Sint32>(static_cast<Uint32>(cached));
     struct tm local, utc;
     zepTimeLocalTime(now, &local);
     zepTimeGmTime(now, &utc);
-    return zepLogZoneMinutes(local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec,
-                             utc.tm_hour * 3600 + utc.tm_min * 60 + utc.tm_sec);
+    const Sint32 minutes =
+        zepLogZoneMinutes(local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec,
+                          utc.tm_hour * 3600 + utc.tm_min * 60 + utc.tm_sec);
+    __atomic_store_n(&s_cache,
+                     (static_cast<Uint64>(static_cast<Uint32>(now)) << 32) |
+                         static_cast<Uint32>(minutes),
+                     __ATOMIC_RELAXED);
+    return minutes;
 }
 
-// The record under construction: every part is bounded by the space left, and the text never
-// exceeds 4,095 bytes.
-class Writer {
+// The record under construction, in a 4,096-byte buffer on the stack.
+class Writer : public ZepText {
 public:
-    Writer() { buf_[0] = 0; }
-    char* data() { return buf_; }
-    Uint32 length() const { return used_; }
-    Uint32 space() const { return kRecordSize - used_; }
-    char* cursor() { return buf_ + used_; }
-    void advance(Uint32 n) { used_ += n; }
-
-    void printf(const char* format, ...) __attribute__((format(printf, 2, 3))) {
-        va_list ap;
-        va_start(ap, format);
-        int n = vsnprintf(cursor(), space(), format, ap);
-        va_end(ap);
-        if (n < 0) {
-            *cursor() = 0;
-            return;
-        }
-        used_ += static_cast<Uint32>(n) < space() ? static_cast<Uint32>(n) : space() - 1;
-    }
+    Writer() : ZepText(buf_, kRecordSize) {}
 
 private:
     char buf_[kRecordSize];
-    Uint32 used_ = 0;
 };
 
+// "DATA #%-2u: " or "ARG  #%-2u: ", then the item.
 void formatItem(Writer& w, const char* label, Uint32 number, const void* data, Uint32 length,
                 Sint32 type) {
-    w.printf(label, number);
+    const Uint32 at = w.str(label).length();
+    w.dec(number).padTo(at, 2).str(": ");
     if (data == nullptr) {
-        w.printf("\r\nNULL\r\n");
+        w.str("\r\nNULL\r\n");
         return;
     }
     if (w.space() <= 1) return;
@@ -129,48 +124,49 @@ void formatItem(Writer& w, const char* label, Uint32 number, const void* data, U
 }
 
 void formatRecord(Writer& w, const Record& r, Sint32 countOrMask, va_list ap) {
-    // Local time; the milliseconds are shown as microseconds, so the last three digits are 0.
+    // Local time "%04d-%02d-%02d-%02d.%02d.%02d.%06d", the milliseconds shown as microseconds
+    // (the last three digits are 0), then the zone "%+.3d" in a field of 23.
     zepos::SYSTEMTIME st;
     zepos::GetLocalTime(&st);
-    char stamp[32];
-    zepSnprintf(stamp, sizeof stamp, "%04d-%02d-%02d-%02d.%02d.%02d.%06d", st.wYear, st.wMonth,
-                st.wDay, st.wHour, st.wMinute, st.wSecond, st.wMilliseconds * 1000);
-    char zone[8];
-    zepSnprintf(zone, sizeof zone, "%+.3d", zoneMinutes());
+    w.str("\r\n").dec(st.wYear, 4).str("-").dec(st.wMonth, 2).str("-").dec(st.wDay, 2);
+    w.str("-").dec(st.wHour, 2).str(".").dec(st.wMinute, 2).str(".").dec(st.wSecond, 2);
+    w.str(".").dec(st.wMilliseconds * 1000u, 6);
+    const Uint32 zoneAt = w.length();
+    const Sint32 zone = zoneMinutes();
+    w.chars(zone < 0 ? '-' : '+', 1).dec(static_cast<Uint32>(zone < 0 ? -zone : zone), 3);
+    w.padTo(zoneAt, 23).str(" LEVEL: ").str(levelWord(r.level));
+    if (r.kind == Kind::System) w.str(" (OS)");
+    const Uint32 pidAt = w.str("\r\nPID     : ").length();
+    w.dec(zepProcessID()).padTo(pidAt, 21).str("TID : ").dec(zepThreadID());
+    w.str("\r\nFUNCTION: ").str(orEmpty(ecfGetProductName(r.fid)), 40);
+    w.str(", ").str(orEmpty(ecfGetComponentName(r.fid)), 40);
+    w.str(", ").str(orEmpty(ecfGetFunctionName(r.fid)), 40);
+    w.str(", probe:").dec(r.probe).str("\r\n");
 
-    w.printf("\r\n%s%-23s LEVEL: %s%s\r\nPID     : %-21luTID : %llu\r\n"
-             "FUNCTION: %.40s, %.40s, %.40s, probe:%u\r\n",
-             stamp, zone, levelWord(r.level), r.kind == Kind::System ? " (OS)" : "",
-             static_cast<unsigned long>(zepProcessID()),
-             static_cast<unsigned long long>(zepThreadID()), orEmpty(ecfGetProductName(r.fid)),
-             orEmpty(ecfGetComponentName(r.fid)), orEmpty(ecfGetFunctionName(r.fid)), r.probe);
-
-    if (r.code != 0)
-        w.printf("MESSAGE : ECF=0x%X %.128s\r\n", r.code, orEmpty(ecfErrorGetDescription(r.code)));
+    if (r.code != 0) {
+        w.str("MESSAGE : ECF=0x").hex(r.code).str(" ");
+        w.str(orEmpty(ecfErrorGetDescription(r.code)), 128).str("\r\n");
+    }
 
     if (r.kind != Kind::Plain && r.calledId != 0) {
         // Operating-system functions are shown as "OS", "-" rather than by their catalogue rows.
         const bool os = ZEP_FUNC_PRODUCT(r.calledId) == 1 &&
                         ZEP_FUNC_COMPONENT(r.calledId) == COMP_SYSFUNCS;
-        const char* product = os ? "OS" : orEmpty(ecfGetProductName(r.calledId));
-        const char* component = os ? "-" : orEmpty(ecfGetComponentName(r.calledId));
-        const char* function = orEmpty(ecfGetFunctionName(r.calledId));
+        const Uint32 lineAt = w.length();
+        w.str("CALLED  : ").str(os ? "OS" : orEmpty(ecfGetProductName(r.calledId)), 40);
+        w.str(", ").str(os ? "-" : orEmpty(ecfGetComponentName(r.calledId)), 40);
+        w.str(", ").str(orEmpty(ecfGetFunctionName(r.calledId)), 40);
         if (r.kind == Kind::Nested) {
-            w.printf("CALLED  : %.40s, %.40s, %.40s\r\nRETCODE : ECF=0x%X %.128s\r\n", product,
-                     component, function, r.calledValue,
-                     orEmpty(ecfErrorGetDescription(r.calledValue)));
+            w.str("\r\nRETCODE : ECF=0x").hex(r.calledValue).str(" ");
+            w.str(orEmpty(ecfErrorGetDescription(r.calledValue)), 128).str("\r\n");
         } else {
             // The platform error's tag stands at column 50, or one blank behind a longer line.
-            Uint32 lineStart = w.length();
-            w.printf("CALLED  : %.40s, %.40s, %.40s", product, component, function);
-            int width = 50 - static_cast<int>(w.length() - lineStart);
-            if (width < 0) width = 0;
+            w.padTo(lineAt, 49).str(" OSERR: ");
             const char* name = zepErrorNameMapSystem(r.calledId, r.calledValue);
-            if (name)
-                w.printf("%*s%s%s (%d)\r\n", width, " ", "OSERR: ", name,
-                         static_cast<int>(r.calledValue));
-            else
-                w.printf("%*s%s%d\r\n", width, " ", "OSERR: ", static_cast<int>(r.calledValue));
+            if (name) w.str(name).str(" (");
+            w.sdec(static_cast<Sint32>(r.calledValue));
+            if (name) w.str(")");
+            w.str("\r\n");
         }
     }
 
@@ -182,11 +178,11 @@ void formatRecord(Writer& w, const Record& r, Sint32 countOrMask, va_list ap) {
         formatItem(w, label, number, p, len, type);
     };
     if (r.kind == Kind::Plain) {
-        for (Sint32 i = 0; i < countOrMask; ++i) item("DATA #%-2u: ", static_cast<Uint32>(i + 1));
+        for (Sint32 i = 0; i < countOrMask; ++i) item("DATA #", static_cast<Uint32>(i + 1));
     } else {
         const Uint32 mask = static_cast<Uint32>(countOrMask);
         for (Uint32 arg = 1; arg <= 31; ++arg)
-            if (mask & (1u << (arg - 1))) item("ARG  #%-2u: ", arg);
+            if (mask & (1u << (arg - 1))) item("ARG  #", arg);
     }
 }
 
@@ -268,7 +264,7 @@ Uint32 writeRecord(ZEPLogFacility* facility, const Record& r, Sint32 countOrMask
         switch (f->target) {
             case ZEP_LOG_TARGET_FILE: ok = writeToFile(f, w); break;
             case ZEP_LOG_TARGET_EVENTLOG: ok = writeToSystemLog(f, r.level, w.data()); break;
-            case ZEP_LOG_TARGET_STDERR: ok = fprintf(stderr, "%s", w.data()) >= 0; break;
+            case ZEP_LOG_TARGET_STDERR: ok = fputs(w.data(), stderr) >= 0; break;
             default: ok = true, rc = ECF_INVALID_PARAMETER;
         }
         if (!ok) rc = ECF_FAILED;
