@@ -7,8 +7,6 @@
 // numbered in the mask in the order they are given.
 #include "zephfile.h"
 
-#include <time.h>
-
 #include "zepframe.h"
 
 namespace {
@@ -29,13 +27,6 @@ void traceErrorRecord(const ZepFrame& f, Uint16 probe, Uint32 rc) {
     if (zepTraceOn())
         _gtraceErrorVar(static_cast<Uint64>(zepos::GetCurrentThreadId()), f.functionId(), probe, 4,
                         0, 0, 1u, 0u, 4u, &rc);
-}
-
-// The lock's poll interval.
-void sleep100ms() {
-    struct timespec t = {0, 100 * 1000 * 1000};
-    while (nanosleep(&t, &t) != 0) {
-    }
 }
 
 ZepLogItem logSint64(const Sint64* v) {
@@ -382,7 +373,7 @@ Uint32 ZEPHFile::lock(const ZEPFileLockParam* param) {
             return f.exit();
         }
         if (param->wait == ZEP_FILE_LOCK_NO_WAIT) return exitQuietly(f, ECF_FILE_LOCK);
-        sleep100ms();
+        zepos::Sleep(100);
     }
 }
 
