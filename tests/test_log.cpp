@@ -406,12 +406,12 @@ TEST_F(Log, ReaderFindsDamageAndFilters) {
 
     ToolRun r = zeplogTool("--ecf ECF_FILE_EXISTS " + path_, dir_);
     EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("3 records, 0 damaged stretches, 1 shown"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("3 records, 0 damaged stretches, 1 selected"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("FUNCTION: VRN Common, ZEPe, zepFileCopy, probe:20"), std::string::npos);
     r = zeplogTool("--function zepFileRename --level 4 " + path_, dir_);
-    EXPECT_NE(r.out.find("1 shown"), std::string::npos) << r.out;  // the Event record is less severe
+    EXPECT_NE(r.out.find("1 selected"), std::string::npos) << r.out;  // the Event record is less severe
     r = zeplogTool("--pid " + std::to_string(getpid() + 1) + " " + path_, dir_);
-    EXPECT_NE(r.out.find("0 shown"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("0 selected"), std::string::npos) << r.out;
 
     // Cut short: the last record is reported as truncated.
     std::string cut = dir_ + "/cut.log";

@@ -3,8 +3,8 @@
 // Every record in a log file says where it lies: "I<offset>H<length>" at byte 31 of the record
 // (counted from its first byte behind the opening CR LF). zeplog walks the file by these fields,
 // checks that each record's offset and length are exact, reports stretches that don't belong to
-// a whole record (damage, or writers that didn't hold the file lock), and prints the records a
-// filter selects, with a summary.
+// a whole record (damage, or writers that didn't hold the file lock), and prints the records the
+// filters select (all of them without a filter), with a summary of the selected ones.
 //
 //   zeplog [options] <file>
 //     --check            only check the file; exit 1 if anything is damaged
@@ -250,24 +250,26 @@ int main(int argc, char** argv) {
         p.offset = off, p.length = len;
         parseFields(rec, &p);
         ++records;
-        ++perLevel[p.levelWord];
-        ++perFunction[p.function];
-        if (!o.checkOnly && !o.summaryOnly && selected(o, p)) {
+        if (selected(o, p)) {
             ++shown;
-            fwrite("\r\n", 1, 2, stdout);
-            fwrite(rec.data(), 1, rec.size(), stdout);
+            ++perLevel[p.levelWord];
+            ++perFunction[p.function];
+            if (!o.checkOnly && !o.summaryOnly) {
+                fwrite("\r\n", 1, 2, stdout);
+                fwrite(rec.data(), 1, rec.size(), stdout);
+            }
         }
         pos = end;
     }
 
     if (!o.checkOnly && !o.summaryOnly) printf("\n");
     printf("%s: %lu records, %lu damaged stretches", o.path, records, damaged);
-    if (!o.checkOnly && !o.summaryOnly) printf(", %lu shown", shown);
+    if (!o.checkOnly) printf(", %lu selected", shown);
     printf("\n");
     if (!o.checkOnly) {
-        printf("per level:\n");
+        printf("selected, per level:\n");
         for (auto& [k, v] : perLevel) printf("  %-10s %lu\n", k.c_str(), v);
-        printf("per function:\n");
+        printf("selected, per function:\n");
         for (auto& [k, v] : perFunction) printf("  %-40s %lu\n", k.empty() ? "(none)" : k.c_str(), v);
     }
     return damaged ? 1 : 0;
