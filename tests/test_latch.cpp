@@ -1,0 +1,356 @@
+// ZEPLock and ZEPVLatch: texts and verdicts, the slow path's sleep sequence and tuning, exact
+// counts under contention from threads and from processes, and the start-up pass's choices.
+//
+// This program defines the OS layer's Sleep itself, so that the library's slow path sleeps here:
+// while a recording is on, each sleep is noted instead of slept, and a chosen one releases the
+// lock the caller waits for.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zep.h"
+#include "zepos.h"
+
+extern char** environ;
+
+namespace {
+
+std::mutex g_sleepMutex;
+std::atomic<bool> g_recording{false};
+std::vector<Uint32> g_sleeps;
+ZEPLock* g_releaseLock = nullptr;
+size_t g_releaseAfter = 0;
+size_t g_retuneAfter = 0;
+ZEPSpinTune g_retune;
+
+}  // namespace
+
+namespace zepos {
+
+void Sleep(Uint32 milliseconds) {
+    if (g_recording.load()) {
+        std::lock_guard<std::mutex> hold(g_sleepMutex);
+        g_sleeps.push_back(milliseconds);
+        if (g_sleeps.size() == g_retuneAfter) ZEPLatch::updateSpinCounts(g_retune);
+        if (g_sleeps.size() == g_releaseAfter) zepLockRelease(g_releaseLock);
+        return;
+    }
+    struct timespec t = {static_cast<time_t>(milliseconds / 1000),
+                         static_cast<long>(milliseconds % 1000) * 1000000L};
+    while (nanosleep(&t, &t) != 0) {
+    }
+}
+
+}  // namespace zepos
+
+namespace {
+
+// Runs the slow path on a held lock until the recorded sleep number `releaseAfter` frees it;
+// the sleeps it asked for, in order.
+std::vector<Uint32> sleepsUntilReleased(const ZEPSpinTune& tune, size_t releaseAfter,
+                                        size_t retuneAfter = 0,
+                                        const ZEPSpinTune& retune = ZEPSpinTune{}) {
+    ZEPSpinTune saved;
+    ZEPLatch::getSpinCounts(saved);
+    ZEPLatch::updateSpinCounts(tune);
+    ZEPLock lock = ZEPLOCK_LOCKED;
+    {
+        std::lock_guard<std::mutex> hold(g_sleepMutex);
+        g_sleeps.clear();
+        g_releaseLock = &lock;
+        g_releaseAfter = releaseAfter;
+        g_retuneAfter = retuneAfter;
+        g_retune = retune;
+    }
+    g_recording = true;
+    EXPECT_EQ(zepLockGetConflict(&lock), 1u);
+    g_recording = false;
+    EXPECT_EQ(lock, ZEPLOCK_LOCKED);
+    ZEPLatch::updateSpinCounts(saved);
+    std::lock_guard<std::mutex> hold(g_sleepMutex);
+    return g_sleeps;
+}
+
+std::string lockText(Uint8 byte, Uint32* rc, Uint32 size = 64) {
+    ZEPLock lock = byte;
+    char buf[64];
+    memset(buf, '#', sizeof buf);
+    *rc = zepLockToString(&lock, buf, size);
+    EXPECT_EQ(lock, byte);
+    return std::string(buf);
+}
+
+// Starts a helper program with extra environment entries; its pid.
+pid_t spawnHelper(const char* name, std::vector<std::string> args,
+                  std::vector<std::string> env = {}, int stdoutFd = -1) {
+    std::string path = std::string(ZEP_TEST_BIN_DIR) + "/" + name;
+    args.insert(args.begin(), path);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (char** e = environ; *e; ++e) env.push_back(*e);
+    std::vector<char*> envp;
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    pid_t pid = -1;
+    EXPECT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int waitExit(pid_t pid) {
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// What helper_tick's start-up pass chose on the processor the environment describes.
+std::string startupWith(std::vector<std::string> env) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    pid_t pid = spawnHelper("helper_tick", {"startup"}, env, fds[1]);
+    close(fds[1]);
+    char buf[256] = {};
+    ssize_t n = 0, got;
+    while ((got = read(fds[0], buf + n, sizeof buf - 1 - n)) > 0) n += got;
+    close(fds[0]);
+    EXPECT_EQ(waitExit(pid), 0);
+    return std::string(buf);
+}
+
+}  // namespace
+
+TEST(Latch, Texts) {
+    Uint32 rc = 1;
+    EXPECT_EQ(lockText(0x00, &rc), "{ 0x00 [ unlocked ] }");
+    EXPECT_EQ(rc, 0u);
+    EXPECT_EQ(lockText(0x80, &rc), "{ 0x80 [ locked ] }");
+    EXPECT_EQ(rc, 0u);
+    EXPECT_EQ(lockText(0xC0, &rc), "{ 0xC0 [ locked;waiting ] }");
+    EXPECT_EQ(rc, 0u);
+    EXPECT_EQ(lockText(0x41, &rc), "{ 0x41 [ corrupt ] }");
+    EXPECT_EQ(rc, ECF_ZEPLOCK_CORRUPT);
+    // Read sign-extended, shown by its low eight bits.
+    EXPECT_EQ(lockText(0xFF, &rc), "{ 0xFF [ corrupt ] }");
+    EXPECT_EQ(rc, ECF_ZEPLOCK_CORRUPT);
+    EXPECT_EQ(lockText(0x81, &rc), "{ 0x81 [ corrupt ] }");
+    // A short buffer keeps a NUL-ended beginning.
+    EXPECT_EQ(lockText(0x80, &rc, 6), "{ 0x8");
+    EXPECT_EQ(rc, 0u);
+
+    // A null buffer classifies all the same.
+    ZEPLock lock = 0x41;
+    EXPECT_EQ(zepLockToString(&lock, nullptr, 0), ECF_ZEPLOCK_CORRUPT);
+    lock = 0xC0;
+    EXPECT_EQ(zepLockToString(&lock, nullptr, 0), 0u);
+}
+
+TEST(Latch, Verify) {
+    const Uint32 C = ECF_ZEPLOCK_CORRUPT;
+    struct Row {
+        Uint8 byte;
+        Uint32 any, free, held, other;
+    } rows[] = {
+        {0x00, 0, 0, C, 0}, {0x80, 0, C, 0, 0},
+        {0xC0, 0, C, 0, 0},  // held with waiters still counts as held
+        {0x41, C, C, C, C}, {0x40, C, C, C, C},
+    };
+    for (const Row& r : rows) {
+        ZEPLock lock = r.byte;
+        EXPECT_EQ(zepLockVerify(&lock, 0), r.any) << int(r.byte);
+        EXPECT_EQ(zepLockVerify(&lock, 1), r.free) << int(r.byte);
+        EXPECT_EQ(zepLockVerify(&lock, 2), r.held) << int(r.byte);
+        EXPECT_EQ(zepLockVerify(&lock, 3), r.other) << int(r.byte);
+        EXPECT_EQ(lock, r.byte);
+    }
+}
+
+TEST(Latch, BareAndVersionedLatch) {
+    ZEPLock lock = 0;
+    EXPECT_TRUE(zepLockTestGet(&lock));
+    EXPECT_EQ(lock, 0x80);
+    EXPECT_FALSE(zepLockTestGet(&lock));
+    zepLockRelease(&lock);
+    EXPECT_EQ(lock, 0);
+    // The exchange is unconditional: a corrupt byte is not taken, and becomes a held lock.
+    lock = 0x41;
+    EXPECT_FALSE(zepLockTestGet(&lock));
+    EXPECT_EQ(lock, 0x80);
+
+    // A bad version word: refused, and the lock byte is left as it was, release included.
+    for (Uint32 stamp : {0u, 20040701u}) {
+        ZEPVLatch v = {stamp, 0x80};
+        EXPECT_EQ(zepVLatchGet(&v), ECF_INVALID_VERSION);
+        EXPECT_EQ(zepVLatchTestGet(&v), ECF_INVALID_VERSION);
+        EXPECT_EQ(zepVLatchRelease(&v), ECF_INVALID_VERSION);
+        EXPECT_EQ(v.lock, 0x80);
+        v.lock = 0;
+        EXPECT_EQ(zepVLatchTestGet(&v), ECF_INVALID_VERSION);
+        EXPECT_EQ(v.lock, 0);
+    }
+
+    // init writes a free lock whatever was there, and no flag keeps it.
+    ZEPVLatch v = {0, 0x80};
+    zepVLatchInit(&v, 0x2);
+    EXPECT_EQ(v.version, 0x09010007u);
+    EXPECT_EQ(v.lock, 0);
+    EXPECT_EQ(zepVLatchTestGet(&v), 0u);
+    EXPECT_EQ(v.lock, 0x80);
+    EXPECT_EQ(zepVLatchTestGet(&v), ECF_FAILED);
+    EXPECT_EQ(v.lock, 0x80);
+    EXPECT_EQ(zepVLatchRelease(&v), 0u);
+    EXPECT_EQ(v.lock, 0);
+    EXPECT_EQ(zepVLatchRelease(&v), 0u);
+    EXPECT_EQ(zepVLatchGet(&v), 0u);
+    EXPECT_EQ(v.lock, 0x80);
+    v.version = 20040702u;
+    EXPECT_EQ(zepVLatchRelease(&v), 0u);
+    EXPECT_EQ(v.lock, 0);
+}
+
+TEST(Latch, WasteTimeAndYield) {
+    EXPECT_EQ(zepWasteTime(0), 77);
+    EXPECT_EQ(zepWasteTime(1), 77);
+    EXPECT_EQ(zepWasteTime(2), 79);
+    EXPECT_EQ(zepWasteTime(3), 86);
+    // 77 + n * (1 + 2 + ... + (n-1)), wrapping at 32 bits.
+    for (Uint32 n : {350u, 5000u}) {
+        const Uint32 expect = 77u + n * (n * (n - 1) / 2);
+        EXPECT_EQ(static_cast<Uint32>(zepWasteTime(n)), expect) << n;
+    }
+
+    g_sleeps.clear();
+    g_recording = true;
+    zepYield();
+    g_recording = false;
+    EXPECT_EQ(g_sleeps, std::vector<Uint32>{1});
+}
+
+TEST(Latch, SlowPathSleeps) {
+    // sleepStep 3: the sleep grows by 3 until it passes 24, then starts at 1 again.
+    EXPECT_EQ(sleepsUntilReleased({0, 0, 0, 0, 3}, 11),
+              (std::vector<Uint32>{1, 4, 7, 10, 13, 16, 19, 22, 1, 4, 7}));
+    // sleepStep 0: always 1 ms, since 1 > 0 sets it back every round.
+    EXPECT_EQ(sleepsUntilReleased({0, 0, 0, 0, 0}, 5), (std::vector<Uint32>{1, 1, 1, 1, 1}));
+    // Spinning first changes nothing of the sleeps: a burst ends in the same sleep.
+    EXPECT_EQ(sleepsUntilReleased({2, 10, 50, 0, 2}, 7),
+              (std::vector<Uint32>{1, 3, 5, 7, 9, 11, 13}));
+    // A waiter already in the slow path reads the new tuning in its next round.
+    EXPECT_EQ(sleepsUntilReleased({0, 0, 0, 0, 0}, 6, 3, {0, 0, 0, 0, 3}),
+              (std::vector<Uint32>{1, 1, 1, 4, 7, 10}));
+    // A lock that is released during the first sleep is taken by the attempt after it.
+    EXPECT_EQ(sleepsUntilReleased({0, 0, 0, 0, 0}, 1), (std::vector<Uint32>{1}));
+}
+
+TEST(Latch, TuningRoundTrip) {
+    ZEPSpinTune saved, t = {1, 2, 3, 4, 5}, back;
+    ZEPLatch::getSpinCounts(saved);
+    ZEPLatch::updateSpinCounts(t);
+    ZEPLatch::getSpinCounts(back);
+    EXPECT_EQ(memcmp(&t, &back, sizeof t), 0);
+    ZEPLatch::updateSpinCounts(saved);
+}
+
+TEST(Latch, ContentionAcrossThreads) {
+    // Plain increments under the lock, from more threads than processors, with the tuning
+    // this machine's start-up chose and with the single-processor one.
+    ZEPSpinTune saved;
+    ZEPLatch::getSpinCounts(saved);
+    for (const ZEPSpinTune& tune : {saved, ZEPSpinTune{0, 0, 0, 0, 0}}) {
+        ZEPLatch::updateSpinCounts(tune);
+        ZEPLock lock = 0;
+        Uint64 counter = 0;
+        const int threads = 4, rounds = 20000;
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t) {
+            pool.emplace_back([&] {
+                for (int i = 0; i < rounds; ++i) {
+                    zepLockGet(&lock);
+                    counter = counter + 1;
+                    zepLockRelease(&lock);
+                }
+            });
+        }
+        for (auto& t : pool) t.join();
+        EXPECT_EQ(counter, Uint64(threads) * rounds) << tune.spinCount;
+        EXPECT_EQ(lock, 0);
+    }
+    ZEPLatch::updateSpinCounts(saved);
+}
+
+TEST(Latch, ContentionAcrossProcesses) {
+    // The layout helper_latch maps.
+    struct LatchShared {
+        ZEPLock lock;
+        Uint8 pad[7];
+        Uint64 counter;
+        Uint64 casCell;
+        Uint8 go;
+    };
+    int fd = memfd_create("zep-latch-test", 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, sizeof(LatchShared)), 0);
+    void* p = mmap(nullptr, sizeof(LatchShared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ASSERT_NE(p, MAP_FAILED);
+    LatchShared* shared = static_cast<LatchShared*>(p);
+
+    const int processes = 3;
+    const long rounds = 100000;
+    std::vector<pid_t> pids;
+    for (int i = 0; i < processes; ++i) {
+        pids.push_back(
+            spawnHelper("helper_latch", {"lock", std::to_string(fd), std::to_string(rounds)}));
+        pids.push_back(
+            spawnHelper("helper_latch", {"cas64", std::to_string(fd), std::to_string(rounds)}));
+    }
+    __atomic_store_n(&shared->go, 1, __ATOMIC_RELEASE);
+    // This process joins in.
+    for (long i = 0; i < rounds; ++i) {
+        zepLockGet(&shared->lock);
+        shared->counter = shared->counter + 1;
+        zepLockRelease(&shared->lock);
+    }
+    for (pid_t pid : pids) EXPECT_EQ(waitExit(pid), 0);
+    EXPECT_EQ(shared->counter, Uint64(processes + 1) * rounds);
+    EXPECT_EQ(shared->casCell, Uint64(processes) * rounds);
+    EXPECT_EQ(shared->lock, 0);
+    munmap(p, sizeof(LatchShared));
+    close(fd);
+}
+
+TEST(Latch, StartupPassTuningAndTickRegister) {
+    // The spin tuning by processor count.
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=1"}).substr(0, 15), "tune 0 0 0 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=2"}).substr(0, 17), "tune 2 10 50 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=3"}).substr(0, 17), "tune 5 20 50 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=4"}).substr(0, 17), "tune 5 20 50 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=5"}).substr(0, 17), "tune 5 30 50 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=256"}).substr(0, 17), "tune 5 30 50 0 0 ");
+    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=0"}).substr(0, 15), "tune 0 0 0 0 0 ");
+
+    // The tick register: level 5 or more and the feature bit 4 of EDX.
+    auto reg = [](const char* level, const char* edx) {
+        std::string out = startupWith(
+            {std::string("ZEP_FAKE_LEVEL=") + level, std::string("ZEP_FAKE_EDX=") + edx});
+        return out.substr(out.find("register"));
+    };
+    EXPECT_EQ(reg("6", "0x10"), "register 1\n");
+    EXPECT_EQ(reg("5", "0x10"), "register 1\n");
+    EXPECT_EQ(reg("4", "0x10"), "register 0\n");
+    EXPECT_EQ(reg("6", "0xFFFFFFEF"), "register 0\n");
+    EXPECT_EQ(reg("26", "0"), "register 0\n");
+}
