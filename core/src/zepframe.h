@@ -66,9 +66,18 @@ struct ZepLogItem {
 inline ZepLogItem ZepLogStr(const char* s) {
     return ZepLogItem{s, s ? static_cast<Uint32>(strlen(s)) : 0u, ZEP_LOGDATA_STRING};
 }
-inline ZepLogItem ZepLogUint(const Uint32* v) { return ZepLogItem{v, 4, ZEP_LOGDATA_UINT}; }
-inline ZepLogItem ZepLogSint(const Sint32* v) { return ZepLogItem{v, 4, ZEP_LOGDATA_SINT}; }
-inline ZepLogItem ZepLogHex(const void* p, Uint32 n) { return ZepLogItem{p, n, ZEP_LOGDATA_HEX}; }
+inline ZepLogItem ZepLogUint(const Uint32* v) {
+    return ZepLogItem{v, 4, ZEP_LOGDATA_UINT};
+}
+inline ZepLogItem ZepLogSint(const Sint32* v) {
+    return ZepLogItem{v, 4, ZEP_LOGDATA_SINT};
+}
+inline ZepLogItem ZepLogHex(const void* p, Uint32 n) {
+    return ZepLogItem{p, n, ZEP_LOGDATA_HEX};
+}
+inline ZepLogItem ZepLogSint64(const Sint64* v) {
+    return ZepLogItem{v, 8, ZEP_LOGDATA_SINT};
+}
 
 class ZepFrame {
 public:
@@ -85,9 +94,11 @@ public:
     template <class... Items>
     void traceData(Uint16 probe, const Items&... items) {
         if (!zepTraceOn()) return;
-        std::apply([&](auto... a) {
-            _gtraceVar(threadId(), fid_, probe, 3, static_cast<Uint32>(sizeof...(Items)), a...);
-        }, std::tuple_cat(std::make_tuple(0u, items.length(), items.data())...));
+        std::apply(
+            [&](auto... a) {
+                _gtraceVar(threadId(), fid_, probe, 3, static_cast<Uint32>(sizeof...(Items)), a...);
+            },
+            std::tuple_cat(std::make_tuple(0u, items.length(), items.data())...));
     }
 
     // The parameter-object checks: a null object (probe 1111) or a stamp below the oldest
@@ -113,9 +124,12 @@ public:
     template <class... Items>
     Uint32 fail(Uint32 rc, Uint16 probe, Uint32 level, const Items&... items) {
         rc_ = rc;
-        std::apply([&](auto... a) {
-            zepLog(nullptr, fid_, rc_, probe, level, static_cast<Sint32>(sizeof...(Items)), a...);
-        }, flatten(items...));
+        std::apply(
+            [&](auto... a) {
+                zepLog(nullptr, fid_, rc_, probe, level, static_cast<Sint32>(sizeof...(Items)),
+                       a...);
+            },
+            flatten(items...));
         traceError(probe);
         return rc_;
     }
@@ -125,9 +139,11 @@ public:
     Uint32 failSys(Uint32 rc, Uint16 probe, Uint32 level, Uint32 calledId, Uint32 osError,
                    Sint32 mask, const Items&... items) {
         rc_ = rc;
-        std::apply([&](auto... a) {
-            zepLogSysRC(nullptr, fid_, calledId, osError, rc_, probe, level, mask, a...);
-        }, flatten(items...));
+        std::apply(
+            [&](auto... a) {
+                zepLogSysRC(nullptr, fid_, calledId, osError, rc_, probe, level, mask, a...);
+            },
+            flatten(items...));
         traceError(probe);
         return rc_;
     }
@@ -146,11 +162,23 @@ public:
     Uint32 failNested(Uint32 rc, Uint16 probe, Uint32 level, Uint32 calledId, Uint32 calledRc,
                       Sint32 mask, const Items&... items) {
         rc_ = rc;
-        std::apply([&](auto... a) {
-            zepLogRC(nullptr, fid_, calledId, calledRc, rc_, probe, level, mask, a...);
-        }, flatten(items...));
+        std::apply(
+            [&](auto... a) {
+                zepLogRC(nullptr, fid_, calledId, calledRc, rc_, probe, level, mask, a...);
+            },
+            flatten(items...));
         traceError(probe);
         return rc_;
+    }
+
+    // A result that is reported without a log record (a short read, a lock held elsewhere): the
+    // exit record still carries it.
+    void setQuietResult(Uint32 rc) { rc_ = rc; }
+
+    // An error record at `probe` with the present result, without a log record; for the places
+    // that mark a notable non-failure (a size already as asked) in the trace.
+    void traceError(Uint16 probe) {
+        if (zepTraceOn()) _gtraceErrorVar(threadId(), fid_, probe, 4, 0, 0, 1u, 0u, 4u, &rc_);
     }
 
     // The exit record, always with the result, and the result to return.
@@ -162,10 +190,6 @@ public:
 
 private:
     static Uint64 threadId() { return static_cast<Uint64>(zepos::GetCurrentThreadId()); }
-
-    void traceError(Uint16 probe) {
-        if (zepTraceOn()) _gtraceErrorVar(threadId(), fid_, probe, 4, 0, 0, 1u, 0u, 4u, &rc_);
-    }
 
     template <class... Items>
     static auto flatten(const Items&... items) {

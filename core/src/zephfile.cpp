@@ -13,25 +13,6 @@ namespace {
 
 using zepos::INVALID_HANDLE_VALUE;
 
-// The frame logs whenever it records a failure; these results are reported without a log
-// record (a short read, a lock held by another), yet the exit record carries them.
-Uint32 exitQuietly(const ZepFrame& f, Uint32 rc) {
-    Uint32 copy = rc;
-    if (zepTraceOn())
-        _gtraceExit(static_cast<Uint64>(zepos::GetCurrentThreadId()), f.functionId(), &copy, 0, 0);
-    return copy;
-}
-
-// An error record with no failure behind it: setSize marks "nothing to do" this way.
-void traceErrorRecord(const ZepFrame& f, Uint16 probe, Uint32 rc) {
-    if (zepTraceOn())
-        _gtraceErrorVar(static_cast<Uint64>(zepos::GetCurrentThreadId()), f.functionId(), probe, 4,
-                        0, 0, 1u, 0u, 4u, &rc);
-}
-
-ZepLogItem logSint64(const Sint64* v) {
-    return ZepLogItem{v, 8, ZEP_LOGDATA_SINT};
-}
 ZepLogItem logPointer(void* const* p) {
     return ZepLogItem{p, sizeof(void*), ZEP_LOGDATA_HEX};
 }
@@ -199,7 +180,8 @@ Uint32 ZEPHFile::seek(const ZEPFileSeekParam* param, Uint64* newPosition) {
     }
     Sint64 size = static_cast<Sint64>((static_cast<Uint64>(sizeHigh) << 32) | sizeLow);
     if (position > size) {
-        f.fail(ECF_FILE_SEEK_BEYOND_EOF, 150, ZEP_LOG_INFO, logSint64(&position), logSint64(&size));
+        f.fail(ECF_FILE_SEEK_BEYOND_EOF, 150, ZEP_LOG_INFO, ZepLogSint64(&position),
+               ZepLogSint64(&size));
         return f.exit();
     }
 
@@ -232,7 +214,8 @@ Uint32 ZEPHFile::read(const ZEPFileReadParam* param, void* buffer, Uint32* bytes
     if (count != param->length) {
         // End of file: an expected result, traced but neither logged nor an error record.
         f.traceData(40, trcValue(&param->length), trcValue(&count));
-        return exitQuietly(f, ECF_FILE_EOF);
+        f.setQuietResult(ECF_FILE_EOF);
+        return f.exit();
     }
     return f.exit();
 }
@@ -297,7 +280,7 @@ Uint32 ZEPHFile::setSize(const ZEPFileSetSizeParam* param) {
         return f.exit();
     }
     if (((static_cast<Uint64>(sizeHigh) << 32) | sizeLow) == param->size) {
-        traceErrorRecord(f, 120, 0);
+        f.traceError(120);  // rc is still 0
         return f.exit();
     }
     f.traceData(130, trcValue(&position), trcValue(&param->size));
@@ -372,7 +355,10 @@ Uint32 ZEPHFile::lock(const ZEPFileLockParam* param) {
                          ZepLogHex(this, sizeof *this), ZepLogUint(&flags));
             return f.exit();
         }
-        if (param->wait == ZEP_FILE_LOCK_NO_WAIT) return exitQuietly(f, ECF_FILE_LOCK);
+        if (param->wait == ZEP_FILE_LOCK_NO_WAIT) {
+            f.setQuietResult(ECF_FILE_LOCK);
+            return f.exit();
+        }
         zepos::Sleep(100);
     }
 }
