@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <limits.h>
+#include <stdio.h>
+#include <sys/types.h>
+
 #include <string>
+#include <vector>
 
 #include "zep.h"
 
@@ -137,6 +142,19 @@ TEST(NumConv, UnsignedReader) {
     // A negative overflow saturates to all ones, which the sign then turns into 1.
     EXPECT_READ(readUnsigned("-18446744073709551616", 10), 1, 21, 34);
     EXPECT_READ(readUnsigned("9223372036854775808", 10), 0x8000000000000000ull, 19, 0);
+    // Around the nineteenth and twentieth decimal digit, where overflow first becomes possible.
+    EXPECT_READ(readUnsigned("9999999999999999999", 10), 9999999999999999999ull, 19, 0);
+    EXPECT_READ(readUnsigned("99999999999999999999", 10), ~0ull, 20, 34);
+    EXPECT_READ(readUnsigned("000000000000000000000000000000042", 10), 42, 33, 0);
+    EXPECT_READ(readSigned("-000000000000000000009223372036854775808", 10),
+                static_cast<Sint64>(0x8000000000000000ull), 40, 0);
+    EXPECT_READ(readUnsigned("1111111111111111111111111111111111111111111111111111111111111111", 2),
+                ~0ull, 64, 0);
+    EXPECT_READ(
+        readUnsigned("11111111111111111111111111111111111111111111111111111111111111111", 2), ~0ull,
+        65, 34);
+    EXPECT_READ(readUnsigned("3w5e11264sgsf", 36), 18446744073709551615ull, 13, 0);
+    EXPECT_READ(readUnsigned("3w5e11264sgsg", 36), ~0ull, 13, 34);
 }
 
 TEST(NumConv, Boolean) {
@@ -194,4 +212,70 @@ TEST(NumConv, Snprintf) {
     char small[32];
     EXPECT_EQ(zepSnprintf(small, sizeof small, "%s", big.c_str()), 31);
     EXPECT_EQ(strlen(small), 31u);
+}
+
+namespace {
+
+// zepSnprintf and the C library's snprintf must leave the same bytes and agree on the count, the
+// C library's count being cut to what fits.
+template <class T>
+void expectSameAsCLibrary(const std::string& format, T value) {
+    for (Uint32 size : {1u, 2u, 5u, 9u, 64u}) {
+        char ours[80], theirs[80];
+        memset(ours, '#', sizeof ours);
+        memset(theirs, '#', sizeof theirs);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        const Sint32 n = zepSnprintf(ours, size, format.c_str(), value);
+        const int m = snprintf(theirs, size, format.c_str(), value);
+#pragma GCC diagnostic pop
+        ASSERT_GE(m, 0);
+        EXPECT_EQ(n, m < static_cast<int>(size) ? m : static_cast<int>(size) - 1)
+            << "'" << format << "' size " << size;
+        EXPECT_EQ(memcmp(ours, theirs, sizeof ours), 0) << "'" << format << "' size " << size;
+    }
+}
+
+}  // namespace
+
+TEST(NumConv, SnprintfAgreesWithTheCLibrary) {
+    const std::vector<std::string> flags = {"", "-", "0", "-0", "0-", "00"};
+    const std::vector<std::string> widths = {"", "1", "3", "7", "21"};
+    for (const std::string& fl : flags) {
+        for (const std::string& w : widths) {
+            const std::string spec = "%" + fl + w;
+            auto f = [&](const char* conv) { return "<" + spec + conv + ">|"; };
+            for (int v : {0, 7, -7, 42, INT_MAX, INT_MIN}) {
+                expectSameAsCLibrary(f("d"), v);
+                expectSameAsCLibrary(f("i"), v);
+            }
+            for (unsigned v : {0u, 9u, 0xABCDu, UINT_MAX}) {
+                expectSameAsCLibrary(f("u"), v);
+                expectSameAsCLibrary(f("x"), v);
+                expectSameAsCLibrary(f("X"), v);
+            }
+            for (long v : {0L, -1L, LONG_MIN, LONG_MAX}) expectSameAsCLibrary(f("ld"), v);
+            for (long long v : {0LL, -123456789012LL, LLONG_MIN}) expectSameAsCLibrary(f("lld"), v);
+            for (unsigned long long v : {0ULL, ULLONG_MAX}) {
+                expectSameAsCLibrary(f("llu"), v);
+                expectSameAsCLibrary(f("llX"), v);
+            }
+            expectSameAsCLibrary(f("lx"), 0xDEADBEEFCAFEul);
+            expectSameAsCLibrary(f("zu"), static_cast<size_t>(12345));
+            expectSameAsCLibrary(f("zd"), static_cast<ssize_t>(-12345));
+            for (const char* v : {"", "a", "locked;waiting"}) expectSameAsCLibrary(f("s"), v);
+            for (int c : {int('A'), int(' '), 0}) expectSameAsCLibrary(f("c"), c);
+        }
+    }
+    // Forms the formatter leaves to the C library.
+    expectSameAsCLibrary("%.3s|", "abcdef");
+    expectSameAsCLibrary("%+d|", 5);
+    expectSameAsCLibrary("% d|", 5);
+    expectSameAsCLibrary("%#x|", 255u);
+    expectSameAsCLibrary("%5.2f|", 3.14159);
+    expectSameAsCLibrary("%p|", static_cast<void*>(nullptr));
+    expectSameAsCLibrary("%hhu|", 300);
+    expectSameAsCLibrary("%s|", static_cast<const char*>(nullptr));
+    expectSameAsCLibrary("%5%|%d", 3);
+    expectSameAsCLibrary("100%%|%d%%", 3);
 }

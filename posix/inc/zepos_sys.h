@@ -123,7 +123,13 @@ struct _timeb {
     Uint16 millitm;  // milliseconds within the second
 };
 
-void _ftime(_timeb* tb);
+// Inline, like the counter: the log stamps every record with it.
+inline void _ftime(_timeb* tb) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tb->time = static_cast<Sint64>(ts.tv_sec);
+    tb->millitm = static_cast<Uint16>(ts.tv_nsec / 1000000);
+}
 
 }  // namespace zepos
 

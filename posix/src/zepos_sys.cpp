@@ -1,4 +1,4 @@
-// zepos_sys.cpp - GetSystemInfo, the identification instruction, Sleep and _ftime.
+// zepos_sys.cpp - GetSystemInfo, the identification instruction and Sleep.
 #include "zepos.h"
 
 #include <errno.h>
@@ -82,13 +82,6 @@ void Sleep(Uint32 milliseconds) {
     while (nanosleep(&t, &t) != 0 && errno == EINTR) {
     }
     errno = saved;
-}
-
-void _ftime(_timeb* tb) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    tb->time = static_cast<Sint64>(ts.tv_sec);
-    tb->millitm = static_cast<Uint16>(ts.tv_nsec / 1000000);
 }
 
 }  // namespace zepos

@@ -1,0 +1,213 @@
+// bench_primitives: ZEPLock against pthread mutexes, uncontended and with two threads on one
+// lock; a sweep of the spin tuning under contention. This unit also holds the program's main,
+// which prints every zep case beside its peers as a ratio (below 1: zep is faster).
+//
+// Cases are named "<case>/zep..." and "<case>/peer:<what>"; each runs 5 times and the medians
+// are compared.
+#include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <stdio.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zep.h"
+
+namespace {
+
+// ---- uncontended
+
+void UncontendedZep(benchmark::State& state) {
+    ZEPLock lock = 0;
+    for (auto _ : state) {
+        zepLockGet(&lock);
+        benchmark::DoNotOptimize(lock);
+        zepLockRelease(&lock);
+    }
+}
+
+void lockUnlockLoop(benchmark::State& state, pthread_mutex_t* m) {
+    for (auto _ : state) {
+        pthread_mutex_lock(m);
+        benchmark::ClobberMemory();
+        pthread_mutex_unlock(m);
+    }
+}
+
+void UncontendedMutex(benchmark::State& state) {
+    pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    lockUnlockLoop(state, &m);
+}
+
+pthread_mutex_t* sharedMutex() {
+    static pthread_mutex_t m;
+    static bool made = [] {
+        pthread_mutexattr_t a;
+        pthread_mutexattr_init(&a);
+        pthread_mutexattr_setpshared(&a, PTHREAD_PROCESS_SHARED);
+        pthread_mutex_init(&m, &a);
+        pthread_mutexattr_destroy(&a);
+        return true;
+    }();
+    (void)made;
+    return &m;
+}
+
+void UncontendedSharedMutex(benchmark::State& state) {
+    lockUnlockLoop(state, sharedMutex());
+}
+
+// ---- two threads, one lock, a short critical section (a few dependent writes)
+
+struct alignas(64) Guarded {
+    Uint64 counter = 0;
+    Uint64 sum = 0;
+};
+Guarded g_guarded;
+ZEPLock g_contendedLock = 0;
+pthread_mutex_t g_contendedMutex = PTHREAD_MUTEX_INITIALIZER;
+
+inline void criticalSection() {
+    g_guarded.counter = g_guarded.counter + 1;
+    g_guarded.sum = g_guarded.sum + g_guarded.counter;
+    benchmark::ClobberMemory();
+}
+
+void ContendedZep(benchmark::State& state) {
+    ZEPSpinTune saved;
+    if (state.thread_index() == 0) {
+        ZEPLatch::getSpinCounts(saved);
+        if (state.range(0) >= 0) {
+            ZEPSpinTune t = saved;
+            t.spinCount = static_cast<Uint32>(state.range(0));
+            t.spinDelay = static_cast<Uint32>(state.range(1));
+            ZEPLatch::updateSpinCounts(t);
+        }
+    }
+    for (auto _ : state) {
+        zepLockGet(&g_contendedLock);
+        criticalSection();
+        zepLockRelease(&g_contendedLock);
+    }
+    state.SetItemsProcessed(state.iterations());
+    if (state.thread_index() == 0) ZEPLatch::updateSpinCounts(saved);
+}
+
+void contendedMutex(benchmark::State& state, pthread_mutex_t* m) {
+    for (auto _ : state) {
+        pthread_mutex_lock(m);
+        criticalSection();
+        pthread_mutex_unlock(m);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void ContendedMutex(benchmark::State& state) {
+    contendedMutex(state, &g_contendedMutex);
+}
+void ContendedSharedMutex(benchmark::State& state) {
+    contendedMutex(state, sharedMutex());
+}
+
+}  // namespace
+
+BENCHMARK(UncontendedZep)->Name("lock_uncontended/zep")->Repetitions(5);
+BENCHMARK(UncontendedMutex)->Name("lock_uncontended/peer:pthread_mutex")->Repetitions(5);
+BENCHMARK(UncontendedSharedMutex)
+    ->Name("lock_uncontended/peer:pthread_mutex_pshared")
+    ->Repetitions(5);
+
+// (-1, 0) keeps the tuning of the start-up pass; the others set spinCount and spinDelay.
+BENCHMARK(ContendedZep)
+    ->Name("lock_2threads/zep")
+    ->Args({-1, 0})
+    ->Threads(2)
+    ->UseRealTime()
+    ->Repetitions(5);
+BENCHMARK(ContendedMutex)
+    ->Name("lock_2threads/peer:pthread_mutex")
+    ->Threads(2)
+    ->UseRealTime()
+    ->Repetitions(5);
+BENCHMARK(ContendedSharedMutex)
+    ->Name("lock_2threads/peer:pthread_mutex_pshared")
+    ->Threads(2)
+    ->UseRealTime()
+    ->Repetitions(5);
+BENCHMARK(ContendedZep)
+    ->Name("lock_2threads/zep_tuned")
+    ->ArgNames({"spinCount", "spinDelay"})
+    ->Args({0, 0})
+    ->Args({10, 50})
+    ->Args({30, 50})
+    ->Args({100, 50})
+    ->Args({10, 10})
+    ->Args({100, 10})
+    ->Args({1000, 10})
+    ->Threads(2)
+    ->UseRealTime()
+    ->Repetitions(5);
+
+namespace {
+
+// Keeps the medians (or the single runs) and prints each zep case beside its peers.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
+            std::string name = r.benchmark_name();
+            const std::string suffix = "_median";
+            if (name.size() > suffix.size() &&
+                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+                name.erase(name.size() - suffix.size());
+            // Processor time for one thread, which the machine's other tenants disturb less;
+            // wall time where threads wait for each other.
+            medians_[name] = r.threads > 1 ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime();
+            if (std::find(order_.begin(), order_.end(), name) == order_.end())
+                order_.push_back(name);
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        printf(
+            "\nratios, zep / peer (medians of 5; processor time per operation, wall time with "
+            "threads; below 1: zep is faster)\n");
+        // A case is the part of the name before the first '/'; every zep run of a case is shown
+        // beside every peer of the same case.
+        for (const std::string& zep : order_) {
+            const size_t slash = zep.find('/');
+            if (slash == std::string::npos || zep.compare(slash + 1, 3, "zep") != 0) continue;
+            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
+            for (const std::string& peer : order_) {
+                if (peer.rfind(peerPrefix, 0) != 0) continue;
+                const double a = medians_[zep], b = medians_[peer];
+                printf("  %-58s %9.2f ns  vs %-44s %9.2f ns  ratio %.2f\n", zep.c_str(), a,
+                       peer.substr(slash + 1).c_str(), b, a / b);
+            }
+        }
+    }
+
+private:
+    std::map<std::string, double> medians_;
+    std::vector<std::string> order_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The C library runs a mutex without its locked instructions while the process has one
+    // thread only. The library's callers are threaded processes: so is this one, from here on.
+    std::thread([] {}).join();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
