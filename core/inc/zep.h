@@ -25,4 +25,6 @@
 #include "zepdecfloat.h"
 // numerics: end
 
+#include "rambo.h"
+
 #endif
