@@ -3,7 +3,9 @@
 //   helper_tick startup        print "tune L C D R S register N": the spin tuning and the
 //                              tick-register flag that this process's start-up pass chose
 //   helper_tick factor FD      in the shared mapping FD: write this process's conversion factor,
-//                              then a tick read together with CLOCK_REALTIME
+//                              then a tick read together with CLOCK_REALTIME. Four threads ask
+//                              for the factor at once, the first time in this process; exit 4
+//                              if they don't all get the same bytes
 //
 // This program defines the processor stand-ins of the OS layer itself, so that the library's
 // start-up pass meets the processor that the environment describes: ZEP_FAKE_PROCESSORS (the
@@ -16,6 +18,9 @@
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <thread>
+#include <vector>
 
 #include "zep.h"
 #include "zepos.h"
@@ -74,6 +79,13 @@ int main(int argc, char** argv) {
             mmap(nullptr, sizeof(TickShared), PROT_READ | PROT_WRITE, MAP_SHARED, atoi(argv[2]), 0);
         if (p == MAP_FAILED) return 3;
         TickShared* shared = static_cast<TickShared*>(p);
+        ZEPTickConversionFactor seen[4];
+        std::vector<std::thread> threads;
+        for (auto& f : seen) threads.emplace_back([&f] { f.initialize(); });
+        for (auto& t : threads) t.join();
+        for (const auto& f : seen) {
+            if (memcmp(&f, &seen[0], sizeof f) != 0) return 4;
+        }
         shared->factor.initialize();
         ZEPTick tick;
         struct timespec ts;
