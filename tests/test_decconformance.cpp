@@ -178,12 +178,15 @@ std::string engineeringText(const ZEPDecValue& v) {
     }
     if (pre > 0) {
         out += digits.substr(0, (size_t)std::min(pre, n));
-        if (pre < n)
-            out += "." + digits.substr((size_t)pre);
-        else
+        if (pre < n) {
+            out += '.';
+            out += digits.substr((size_t)pre);
+        } else
             out += std::string((size_t)(pre - n), '0');
     } else {
-        out += "0." + std::string((size_t)-pre, '0') + digits;
+        out += "0.";
+        out.append((size_t)-pre, '0');
+        out += digits;
     }
     if (e != 0) out += (e < 0 ? "E-" : "E+") + std::to_string(e < 0 ? -e : e);
     return out;

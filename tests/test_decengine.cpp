@@ -484,19 +484,25 @@ TEST(DecEngine, RoundTripsKeepCoefficientAndExponent) {
         const Sint32 etiny = c.emin - p + 1, top = c.emax - p + 1;
         for (int i = 0; i < 20000; ++i) {
             Sint32 n = 1 + (Sint32)(rng() % (Uint64)p);
-            std::string digits(1, (char)('1' + rng() % 9));
-            for (Sint32 k = 1; k < n; ++k) digits += (char)('0' + rng() % 10);
+            char d[40];
+            d[0] = (char)('1' + rng() % 9);
+            for (Sint32 k = 1; k < n; ++k) d[k] = (char)('0' + rng() % 10);
             // Trailing zeros often, and now and then a zero coefficient.
             if (rng() % 3 == 0)
-                digits.replace(digits.size() / 2, std::string::npos,
-                               digits.size() - digits.size() / 2, '0');
-            if (rng() % 50 == 0) digits = "0";
+                for (Sint32 k = n / 2; k < n; ++k) d[k] = '0';
+            if (rng() % 50 == 0) {
+                n = 1;
+                d[0] = '0';
+            }
+            d[n] = 0;
+            const std::string digits = d;
             Sint32 e = etiny + (Sint32)(rng() % (Uint64)(top - etiny + 1));
-            std::string t = (rng() % 2 ? "-" : "") + digits + "E" + std::to_string(e);
+            char t[64];
+            snprintf(t, sizeof t, "%s%sE%d", rng() % 2 ? "-" : "", d, e);
 
             c.status = 0;
             ZEPDecValue v, back;
-            zepDecValueFromText(&v, t.c_str(), &c);
+            zepDecValueFromText(&v, t, &c);
             ASSERT_EQ(c.status & ~(Uint32)ZEP_DEC_SUBNORMAL, 0u) << t;
             ASSERT_EQ(coefficient(v), digits) << t;
             ASSERT_EQ(v.exponent, e) << t;

@@ -169,6 +169,126 @@ void unitsToChars(const Uint16* u, Sint32 digits, char* end) {
     }
 }
 
+// Eight digit characters, the first in the lowest byte, become two units: pairs of digits
+// first, then pairs of pairs, each step in all lanes of the word at once.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "digit lanes are little-endian");
+
+inline void unitsOfWord(Uint64 w, Uint16* units, Sint32 k) {
+    w -= 0x3030303030303030ull;
+    w = ((w * 10) + (w >> 8)) & 0x00FF00FF00FF00FFull;
+    w = ((w * 100) + (w >> 16)) & 0x0000FFFF0000FFFFull;
+    units[k] = (Uint16)(w >> 32);
+    if (k + 1 < ZEP_DEC_UNITS) units[k + 1] = (Uint16)w;
+}
+
+inline bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+inline Uint64 load8(const char* p) {
+    Uint64 w;
+    memcpy(&w, p, 8);
+    return w;
+}
+
+// The first character at or after p that is no digit; `nul` ends the text. Eight characters
+// are tested at once while they lie inside the text: a byte is no digit when its top bit is
+// set, or when its low seven bits are below '0' or above '9'.
+inline const char* skipDigits(const char* p, const char* nul) {
+    while (nul - p >= 8) {
+        Uint64 w = load8(p);
+        Uint64 low = w & 0x7F7F7F7F7F7F7F7Full;
+        Uint64 other = ((low + 0x4646464646464646ull) | ~(low + 0x5050505050505050ull) | w) &
+                       0x8080808080808080ull;
+        if (other != 0) return p + (__builtin_ctzll(other) >> 3);
+        p += 8;
+    }
+    while (isDigit(*p)) ++p;
+    return p;
+}
+
+// The significant digits of a text, first to last, with or without a point among them,
+// seen as one string of n characters without the point.
+struct DigitRun {
+    const char* first;
+    Sint64 n;
+    Sint64 before;  // digits before the point; n when there is no point among them
+};
+
+// Characters o to o + 7 of the run, o at least 0. Reads nothing past first + n + 1, and past
+// first + n only when the point lies among the digits.
+inline Uint64 runWord(const DigitRun& r, Sint64 o) {
+    if (o >= r.before) return load8(r.first + o + (r.before < r.n ? 1 : 0));
+    if (o + 8 <= r.before) return load8(r.first + o);
+    // The point falls inside: the bytes before it from one load, the rest from the next byte.
+    Uint64 low = ((Uint64)1 << (8 * (r.before - o))) - 1;
+    return (load8(r.first + o) & low) | (load8(r.first + o + 1) & ~low);
+}
+
+// The units of the run's digits: eight characters at a time from the right, loaded straight
+// from the text. The top word starts up to seven characters before the run; it is loaded at
+// the run's start and moved up, with zeros below.
+void packRun(const DigitRun& r, Uint16* units) {
+    Sint32 k = 0;
+    Sint64 o = r.n - 8;
+    for (; o >= 0; o -= 8, k += 2) unitsOfWord(runWord(r, o), units, k);
+    if (o > -8) {
+        Sint64 pad = -o;
+        Uint64 w = (runWord(r, 0) << (8 * pad)) | (0x3030303030303030ull >> (8 * (8 - pad)));
+        unitsOfWord(w, units, k);
+        k += 2;
+    }
+    for (; k < ZEP_DEC_UNITS; ++k) units[k] = 0;
+}
+
+// Eight characters from two units, the more significant unit first: each unit splits into
+// two pairs of digits, each pair into two digits, in all lanes of the word at once.
+inline Uint64 charsOfUnits(unsigned high, unsigned low) {
+    Uint64 w = high | ((Uint64)low << 32);
+    Uint64 hundreds = ((w * 5243) >> 19) & 0x0000007F0000007Full;
+    Uint64 pairs = hundreds | ((w - hundreds * 100) << 16);
+    Uint64 tens = ((pairs * 103) >> 10) & 0x000F000F000F000Full;
+    return (tens | ((pairs - tens * 10) << 8)) | 0x3030303030303030ull;
+}
+
+// The coefficient's characters as words, the first character in the lowest byte of words[0];
+// bytes past the last character are '0'. Returns the count of words.
+Sint32 coefficientWords(const Uint16* units, Sint32 n, Uint64* words) {
+    const Sint32 m = (n + 7) / 8;
+    const Sint32 pad = 8 * m - n;  // characters of the top word before the first digit
+    // From the least significant word up; each word takes its top characters from the next.
+    Uint64 next = 0x3030303030303030ull;
+    for (Sint32 i = m - 1; i >= 0; --i) {
+        const Sint32 k = 2 * (m - 1 - i);
+        const Uint64 own = charsOfUnits(k + 1 < ZEP_DEC_UNITS ? units[k + 1] : 0, units[k]);
+        words[i] = pad == 0 ? own : (own >> (8 * pad)) | (next << (64 - 8 * pad));
+        next = own;
+    }
+    return m;
+}
+
+// Stores the first m words at dst one by one. Written out so that the compiler does not turn
+// it into a block copy, which would read the words at offsets other than those they were
+// stored at and stall.
+inline void storeWords(char* dst, const Uint64* words, Sint32 m) {
+    switch (m) {
+        case 5:
+            memcpy(dst + 32, &words[4], 8);
+            [[fallthrough]];
+        case 4:
+            memcpy(dst + 24, &words[3], 8);
+            [[fallthrough]];
+        case 3:
+            memcpy(dst + 16, &words[2], 8);
+            [[fallthrough]];
+        case 2:
+            memcpy(dst + 8, &words[1], 8);
+            [[fallthrough]];
+        default:
+            memcpy(dst, &words[0], 8);
+    }
+}
+
 // --- the number while it is read and finalised
 
 struct Work {
@@ -389,10 +509,6 @@ void setQuietNaN(ZEPDecValue* v) {
     v->bits = ZEP_DEC_NAN;
 }
 
-inline bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 inline char lower(char c) {
     return c >= 'A' && c <= 'Z' ? (char)(c + ('a' - 'A')) : c;
 }
@@ -492,22 +608,18 @@ void zepDecValueFromText(ZEPDecValue* value, String text, ZEPDecContext* context
     }
 
     // Digits with at most one point among them.
+    const char* const nul = c + strlen(c);
     const char* start = c;
+    c = skipDigits(c, nul);
     const char* dot = nullptr;
-    const char* last = nullptr;
-    for (;; ++c) {
-        if (isDigit(*c)) {
-            last = c;
-            continue;
-        }
-        if (*c == '.' && dot == nullptr) {
-            dot = c;
-            continue;
-        }
-        break;
+    if (*c == '.') {
+        dot = c++;
+        c = skipDigits(c, nul);
     }
+    const char* last = c - 1;
+    if (last == dot) --last;
 
-    if (last == nullptr) {
+    if (last < start) {
         if (*c == 0 || dot != nullptr || !readNaNPayload(c, sign, p, value)) {
             setQuietNaN(value);
             context->status |= ZEP_DEC_CONVERSION_SYNTAX;
@@ -530,37 +642,61 @@ void zepDecValueFromText(ZEPDecValue* value, String text, ZEPDecContext* context
         } else if (*c == '+') {
             ++c;
         }
-        while (*c == '0' && c[1] != 0) ++c;
+        // One pass: the value, and the count of its digits from the first non-zero one on,
+        // which is all the clamping needs (leading zeros are insignificant).
         const char* firstExp = c;
-        while (isDigit(*c)) ++c;
+        Sint32 significant = 0;
+        for (; isDigit(*c); ++c) {
+            if (significant <= 10) exponent = exponent * 10 + (*c - '0');
+            significant += exponent != 0;
+        }
         if (*c != 0 || c == firstExp) {
             setQuietNaN(value);
             context->status |= ZEP_DEC_CONVERSION_SYNTAX;
             return;
         }
-        Sint64 length = c - firstExp;
-        if (length > 10 || (length == 10 && *firstExp > '1')) {
-            exponent = ZEP_DEC_HUGE_EXPONENT;
-        } else {
-            for (const char* e = firstExp; e < c; ++e) exponent = exponent * 10 + (*e - '0');
-        }
+        // More than ten digits, or ten beginning above 1.
+        if (significant > 10 || exponent > 1999999999) exponent = ZEP_DEC_HUGE_EXPONENT;
         if (negativeExponent) exponent = -exponent;
     }
+    const char* const textEnd = c;
     if (dot != nullptr && dot < last) exponent -= last - dot;
 
     // Leading zeros go, a last digit stays.
     const char* first = start;
     while (first < last && (*first == '0' || *first == '.')) ++first;
+    const bool split = dot != nullptr && first < dot && dot < last;
+    const Sint64 n = (last - first + 1) - (split ? 1 : 0);
+
+    // The common case: the digits fit and the number is in range, so that it needs neither
+    // rounding nor finalising.
+    if (n <= p && (exponent >= 0 || exponent >= (Sint64)context->emin - n + 1) &&
+        exponent <= (Sint64)context->emax - p + 1) {
+        const DigitRun run = {first, n, split ? dot - first : n};
+        if (textEnd - first >= 9) {
+            packRun(run, value->coefficient);
+        } else {
+            // Too close to the end of the text to load whole words from it: a copy first.
+            char copy[24];
+            memset(copy, 0, sizeof copy);
+            memcpy(copy, first, (size_t)(textEnd - first));
+            packRun({copy, n, run.before}, value->coefficient);
+        }
+        value->digits = (Sint32)n;
+        value->exponent = (Sint32)exponent;
+        value->bits = sign;
+        return;
+    }
 
     Work w;
     w.bits = sign;
     int residue = 0;
-    Sint32 n = 0;
+    Sint32 kept = 0;
     const char* s = first;
-    for (; s <= last && n < p; ++s) {
-        if (*s != '.') w.d[n++] = (Uint8)(*s - '0');
+    for (; s <= last && kept < p; ++s) {
+        if (*s != '.') w.d[kept++] = (Uint8)(*s - '0');
     }
-    w.n = n;
+    w.n = kept;
     if (s <= last) {
         // More digits than the precision: the rest is only looked at for the residue.
         while (*s == '.') ++s;
@@ -587,33 +723,43 @@ void zepDecValueFromText(ZEPDecValue* value, String text, ZEPDecContext* context
 }
 
 Sint32 zepDecValueToText(const ZEPDecValue* value, Char* buffer) {
-    char* c = buffer;
-    if (value->bits & ZEP_DEC_NEG) *c++ = '-';
     Sint32 n = value->digits < 1 ? 1 : value->digits > kMaxDigits ? kMaxDigits : value->digits;
-    if (value->bits & ZEP_DEC_INF) {
-        memcpy(c, "Infinity", 9);
-        return (Sint32)(c + 8 - buffer);
-    }
-    char digits[kMaxDigits];
-    char* end = digits + kMaxDigits;
-    unitsToChars(value->coefficient, n, end);
-    const char* d = end - n;
-    if (value->bits & (ZEP_DEC_NAN | ZEP_DEC_SNAN)) {
-        if (value->bits & ZEP_DEC_SNAN) *c++ = 's';
-        memcpy(c, "NaN", 3);
-        c += 3;
-        // The payload, if there is one, as an integer.
-        if (value->exponent == 0 && !(n == 1 && *d == '0')) {
-            memcpy(c, d, (size_t)n);
-            c += n;
+    if (value->bits & ZEP_DEC_SPECIAL) {
+        char* c = buffer;
+        if (value->bits & ZEP_DEC_NEG) *c++ = '-';
+        if (value->bits & ZEP_DEC_INF) {
+            memcpy(c, "Infinity", 9);
+            return (Sint32)(c + 8 - buffer);
         }
-        *c = 0;
-        return (Sint32)(c - buffer);
+        if (value->bits & (ZEP_DEC_NAN | ZEP_DEC_SNAN)) {
+            char digits[kMaxDigits];
+            char* end = digits + kMaxDigits;
+            unitsToChars(value->coefficient, n, end);
+            const char* d = end - n;
+            if (value->bits & ZEP_DEC_SNAN) *c++ = 's';
+            memcpy(c, "NaN", 3);
+            c += 3;
+            // The payload, if there is one, as an integer.
+            if (value->exponent == 0 && !(n == 1 && *d == '0')) {
+                memcpy(c, d, (size_t)n);
+                c += n;
+            }
+            *c = 0;
+            return (Sint32)(c - buffer);
+        }
     }
-    Sint64 e = value->exponent;
+    // The finite forms are written eight characters at a time. The words may run past the
+    // end of the text, never past the 43 bytes a 34-digit text may need: what they leave behind
+    // is overwritten or lies after the NUL.
+    char* o = buffer;
+    if (value->bits & ZEP_DEC_NEG) *o++ = '-';
+    Uint64 v[6];
+    const Sint32 m = coefficientWords(value->coefficient, n, v);
+    const Sint64 e = value->exponent;
+    char* c;
     if (e == 0) {
-        memcpy(c, d, (size_t)n);
-        c += n;
+        storeWords(o, v, m);
+        c = o + n;
         *c = 0;
         return (Sint32)(c - buffer);
     }
@@ -624,31 +770,55 @@ Sint32 zepDecValueToText(const ZEPDecValue* value, Char* buffer) {
         pre = 1;
     }
     if (pre > 0) {
-        memcpy(c, d, (size_t)pre);
-        c += pre;
-        if (n > pre) {
-            *c++ = '.';
-            memcpy(c, d + pre, (size_t)(n - pre));
-            c += n - pre;
+        // Every digit one place to the right, then the first `pre` back in front of the point.
+        storeWords(o + 1, v, m);
+        if (pre == 1) {
+            o[0] = (char)v[0];
+        } else {
+            Sint64 i = 0;
+            for (; 8 * i + 8 <= pre; ++i) memcpy(o + 8 * i, &v[i], 8);
+            if (Sint64 t = pre - 8 * i; t != 0) {
+                // Below byte t this word's own characters, from t on what the shifted copy put
+                // there.
+                Uint64 shifted = (v[i] << 8) | (i > 0 ? v[i - 1] >> 56 : 0);
+                Uint64 low = (1ull << (8 * t)) - 1;
+                Uint64 w = (v[i] & low) | (shifted & ~low);
+                memcpy(o + 8 * i, &w, 8);
+            }
+        }
+        if (pre < n) {
+            o[pre] = '.';
+            c = o + n + 1;
+        } else {
+            c = o + n;
         }
     } else {
-        *c++ = '0';
-        *c++ = '.';
-        for (; pre < 0; ++pre) *c++ = '0';
-        memcpy(c, d, (size_t)n);
-        c += n;
+        const Sint64 zeros = 2 - pre;  // "0." and the zeros after it, at most 7 characters
+        if (o - buffer + zeros + 8 * m <= ZEP_DEC_TEXT_MAX) {
+            const Uint64 prefix = 0x3030303030302E30ull;
+            memcpy(o, &prefix, 8);
+            storeWords(o + zeros, v, m);
+        } else {
+            // Too long for whole words: through a private buffer.
+            char text[64];
+            const Uint64 prefix = 0x3030303030302E30ull;
+            memcpy(text, &prefix, 8);
+            storeWords(text + zeros, v, m);
+            memcpy(o, text, (size_t)(zeros + n));
+        }
+        c = o + zeros + n;
     }
     if (shown != 0) {
         *c++ = 'E';
         *c++ = shown < 0 ? '-' : '+';
         Uint64 u = (Uint64)(shown < 0 ? -shown : shown);
-        char tmp[20];
+        char digitsOfE[20];
         int k = 0;
         do {
-            tmp[k++] = (char)('0' + u % 10);
+            digitsOfE[k++] = (char)('0' + u % 10);
             u /= 10;
         } while (u != 0);
-        while (k > 0) *c++ = tmp[--k];
+        while (k > 0) *c++ = digitsOfE[--k];
     }
     *c = 0;
     return (Sint32)(c - buffer);

@@ -129,7 +129,8 @@ Uint32 ZEPDecfloat::setRoundingMode(ZEPDecfloatRounding mode) {
 
 Uint32 ZEPDecfloat::fromString(String text) {
     m_context.status = 0;
-    zepDecValueZero(&m_number);
+    memset(&m_number, 0, sizeof m_number);
+    m_number.digits = 1;
     zepDecValueFromText(&m_number, text != nullptr ? text : "", &m_context);
     const Uint8 bits = m_number.bits;
     const bool named = m_context.specialText == 1;
@@ -173,6 +174,11 @@ Uint32 ZEPDecfloat::toString(Char* buffer, Uint32 size) const {
         return 0;
     }
     if (m_number.digits == 0) return ECF_DECFLOAT_NOT_A_NUMBER;
+    // Room for the longest text: no need to measure first.
+    if (size >= kTextSize - 1) {
+        zepDecValueToText(&m_number, buffer);
+        return 0;
+    }
     char text[kTextSize + 1];
     Sint32 length = zepDecValueToText(&m_number, text);
     if ((Uint32)length > size) return ECF_DECFLOAT_INVALID_STRING_LENGTH;
