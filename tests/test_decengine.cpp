@@ -2,6 +2,7 @@
 // overflow, subnormals), the scientific text, and the interchange encodings.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <set>
 #include <string>
@@ -188,6 +189,39 @@ TEST(DecEngine, Grammar) {
     EXPECT_EQ(r.status, (Uint32)ZEP_DEC_CONVERSION_SYNTAX);
     EXPECT_EQ(r.text, "NaN");
     EXPECT_EQ(read("NaN12345678901234567", 128).text, "NaN12345678901234567");
+}
+
+// Reading takes the digits eight at a time straight from the text, around the point and up to
+// the text's end: every length, every place of the point, leading zeros, short texts and long.
+TEST(DecEngine, PointAnywhereAndAnyLength) {
+    const std::string all = "9876543210987654321098765432109876";
+    for (Uint32 bits : {64u, 128u}) {
+        const int p = bits == 64 ? 16 : 34;
+        for (int n = 1; n <= p; ++n) {
+            const std::string digits = all.substr(0, (size_t)n);
+            for (int at = 0; at <= n; ++at) {
+                for (const char* zeros : {"", "0", "000"}) {
+                    for (const char* tail : {"", "E+5", "e-000000012"}) {
+                        std::string t = std::string(zeros) + digits.substr(0, (size_t)at) + "." +
+                                        digits.substr((size_t)at) + tail;
+                        if (at == n && tail[0] == 0 && n % 3 == 0) t.pop_back();  // "123"
+                        Read r = read(t, bits);
+                        const int exp = tail[1] == '+' ? 5 : tail[0] != 0 ? -12 : 0;
+                        ASSERT_EQ(r.status, 0u) << t;
+                        ASSERT_EQ(coefficient(r.v), digits) << t;
+                        ASSERT_EQ(r.v.exponent, exp - (n - at)) << t;
+                        ASSERT_EQ(r.v.bits, 0) << t;
+                    }
+                }
+            }
+        }
+    }
+    // Zeros after the point count; zeros before the first digit do not.
+    Read r = read("0.000123400");
+    EXPECT_EQ(coefficient(r.v), "123400");
+    EXPECT_EQ(r.v.exponent, -9);
+    r = read("-00000000000000000000000000000000000000000000012.5");
+    EXPECT_EQ(r.text, "-12.5");
 }
 
 TEST(DecEngine, HugeExponentsAreClampedOnReading) {
@@ -383,6 +417,40 @@ TEST(DecEngine, ScientificText) {
     v = make(d34, -39, ZEP_DEC_NEG);
     EXPECT_EQ(zepDecValueToText(&v, buf), 42);
     EXPECT_STREQ(buf, "-0.000001234567890123456789012345678901234");
+}
+
+// The text is written a word at a time; against the rules spelled out character by character,
+// for every digit count, every place of the point and every form, with either sign.
+TEST(DecEngine, ScientificTextAllShapes) {
+    const std::string all = "123456789012345678901234567890123456";
+    for (int n = 1; n <= 36; ++n) {
+        const std::string d = all.substr(0, (size_t)n);
+        for (int e = -n - 8; e <= 3; ++e) {
+            for (Uint8 sign : {(Uint8)0, (Uint8)ZEP_DEC_NEG}) {
+                std::string want = sign ? "-" : "";
+                const int pre = n + e;
+                if (e == 0) {
+                    want += d;
+                } else if (e > 0 || pre < -5) {
+                    want += d.substr(0, 1) + (n > 1 ? "." + d.substr(1) : "") + "E" +
+                            (e + n - 1 < 0 ? "-" : "+") + std::to_string(abs(e + n - 1));
+                } else if (pre > 0) {
+                    want += d.substr(0, (size_t)pre) + "." + d.substr((size_t)pre);
+                } else {
+                    want += "0." + std::string((size_t)-pre, '0') + d;
+                }
+                char buf[64];
+                memset(buf, 'x', sizeof buf);
+                ZEPDecValue v = make(d, e, sign);
+                Sint32 length = zepDecValueToText(&v, buf);
+                ASSERT_EQ(std::string(buf), want) << n << " " << e;
+                ASSERT_EQ(length, (Sint32)want.size());
+                // Nothing past the 43 bytes a 34-digit text may need, or past a longer text.
+                const int limit = std::max(ZEP_DEC_TEXT_MAX, length + 1);
+                for (int i = limit; i < 64; ++i) ASSERT_EQ(buf[i], 'x') << n << " " << e;
+            }
+        }
+    }
 }
 
 TEST(DecEngine, EncodingsKnownBytes) {

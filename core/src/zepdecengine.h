@@ -48,8 +48,9 @@ ZEP_EXPORT void zepDecValueZero(ZEPDecValue* value);
 // (any case, optional sign).
 ZEP_EXPORT void zepDecValueFromText(ZEPDecValue* value, String text, ZEPDecContext* context);
 
-// Writes the scientific text with its NUL; returns its length. A finite value of 34 digits
-// needs at most ZEP_DEC_TEXT_MAX bytes.
+// Writes the scientific text with its NUL; returns its length. The buffer must have
+// ZEP_DEC_TEXT_MAX bytes (a longer text needs as many as it has): the text is written in whole
+// words, which may leave characters past its NUL.
 ZEP_EXPORT Sint32 zepDecValueToText(const ZEPDecValue* value, Char* buffer);
 
 // Interchange bytes are big-endian: byte 0 holds the sign and the combination field.
