@@ -3,9 +3,9 @@
 //   helper_tick startup        print "tune L C D R S register N": the spin tuning and the
 //                              tick-register flag that this process's start-up pass chose
 //   helper_tick factor FD      in the shared mapping FD: write this process's conversion factor,
-//                              then a tick read together with CLOCK_REALTIME. Four threads ask
-//                              for the factor at once, the first time in this process; exit 4
-//                              if they don't all get the same bytes
+//                              then a tick read between two readings of CLOCK_REALTIME. Four
+//                              threads ask for the factor at once, the first time in this process;
+//                              exit 4 if they don't all get the same bytes
 //
 // This program defines the processor stand-ins of the OS layer itself, so that the library's
 // start-up pass meets the processor that the environment describes: ZEP_FAKE_PROCESSORS (the
@@ -60,11 +60,19 @@ void Cpuid(Uint32 leaf, Uint32 regs[4]) {
 
 }  // namespace zepos
 
+// A tick read between two readings of the wall clock, in nanoseconds.
 struct TickShared {
     ZEPTickConversionFactor factor;
     Uint64 tick;
-    Sint64 realtimeNs;
+    Sint64 realtimeBefore;
+    Sint64 realtimeAfter;
 };
+
+static Sint64 realtimeNs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<Sint64>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
 
 int main(int argc, char** argv) {
     if (argc >= 2 && strcmp(argv[1], "startup") == 0) {
@@ -88,11 +96,10 @@ int main(int argc, char** argv) {
         }
         shared->factor.initialize();
         ZEPTick tick;
-        struct timespec ts;
-        clock_gettime(CLOCK_REALTIME, &ts);
+        shared->realtimeBefore = realtimeNs();
         tick.read();
+        shared->realtimeAfter = realtimeNs();
         shared->tick = tick.value;
-        shared->realtimeNs = static_cast<Sint64>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
         return 0;
     }
     return 2;
