@@ -107,9 +107,10 @@ void BM_SpdlogBasicFileSink(benchmark::State& state) {
     const char* a = "/data/db/tables/t1.dat";
     const char* b = "/data/db/tables/t1.old";
     for (auto _ : state)
-        logger->info("zepFileRename probe:30 ECF=0x{:X} File doesn't exist CALLED MoveFile "
-                     "OSERR: ERROR_FILE_NOT_FOUND ({}) ARG #1 {} ARG #2 {}",
-                     0x9000001Au, 2, a, b);
+        logger->info(
+            "zepFileRename probe:30 ECF=0x{:X} File doesn't exist CALLED MoveFile "
+            "OSERR: ERROR_FILE_NOT_FOUND ({}) ARG #1 {} ARG #2 {}",
+            0x9000001Au, 2, a, b);
     logger->flush();
     spdlog::drop("bench");
 }
