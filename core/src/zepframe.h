@@ -34,8 +34,7 @@
 inline bool zepTraceOn() {
     const GTCB* cb = __atomic_load_n(&g_pGTCB, __ATOMIC_RELAXED);
     if (cb == nullptr) return false;
-    // The enable word is the control block's second Uint32.
-    return __atomic_load_n(reinterpret_cast<const Uint32*>(cb) + 1, __ATOMIC_RELAXED) != 0;
+    return __atomic_load_n(&cb->enabled, __ATOMIC_RELAXED) != 0;
 }
 
 // ---- trace items: (kind 0, length, address), measured only once the trace is known to be on.
