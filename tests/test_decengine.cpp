@@ -206,7 +206,7 @@ TEST(DecEngine, PointAnywhereAndAnyLength) {
                                         digits.substr((size_t)at) + tail;
                         if (at == n && tail[0] == 0 && n % 3 == 0) t.pop_back();  // "123"
                         Read r = read(t, bits);
-                        const int exp = tail[1] == '+' ? 5 : tail[0] != 0 ? -12 : 0;
+                        const int exp = tail[0] == 0 ? 0 : tail[1] == '+' ? 5 : -12;
                         ASSERT_EQ(r.status, 0u) << t;
                         ASSERT_EQ(coefficient(r.v), digits) << t;
                         ASSERT_EQ(r.v.exponent, exp - (n - at)) << t;
