@@ -112,6 +112,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 
 #include "zepos_sys.h"
 #include "zepos_file.h"
+#include "zepos_proc.h"
 #include "zepos_tls.h"
 
 #pragma GCC visibility pop
