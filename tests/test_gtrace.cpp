@@ -1,0 +1,1207 @@
+// Tests of the trace: the control block, every emission operation's record, the filters, stop
+// events, callbacks, counting and delaying modes, the frame's records, and two processes writing
+// into one block. Records are read back as a tool reads them: from a dump file, with the parser.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zep.h"
+#include "zepos.h"
+
+namespace {
+
+constexpr Uint32 kRing = 0x80000;
+constexpr Uint32 kPid = 4242;
+constexpr Uint64 T = 0x1122334455667788ull;
+constexpr Uint32 F = ZEPFN_zepFileRename;
+constexpr Uint8 kDirt = 0xA5;
+
+// A record as the parser delivers it, with its fixed part readable whatever its size: bytes
+// beyond the payload read as the slot dirt.
+struct Rec {
+    std::vector<Uint8> bytes;
+    GTRecord h;
+    explicit Rec(std::vector<Uint8> b) : bytes(std::move(b)) {
+        memset(&h, kDirt, sizeof h);
+        memcpy(&h, bytes.data(), bytes.size() < sizeof h ? bytes.size() : sizeof h);
+    }
+    Uint32 word(size_t offset) const {
+        Uint32 v;
+        memcpy(&v, bytes.data() + offset, 4);
+        return v;
+    }
+    struct Item {
+        Uint32 kind, length;
+        std::string data;
+    };
+    std::vector<Item> items(size_t start = 56) const {
+        std::vector<Item> out;
+        size_t data = start + 8 * h.itemCount;
+        for (Uint32 i = 0; i < h.itemCount; ++i) {
+            Item it{word(start + 8 * i), word(start + 8 * i + 4), {}};
+            if (it.length != GTRACE_ITEM_NULL) {
+                it.data.assign(reinterpret_cast<const char*>(bytes.data()) + data, it.length);
+                data += it.length;
+            }
+            out.push_back(it);
+        }
+        return out;
+    }
+};
+
+std::string str(const void* p, size_t n) {
+    return std::string(static_cast<const char*>(p), n);
+}
+
+struct CallbackCall {
+    Uint32 type, fid;
+    Uint16 probe;
+    const Uint32* rc;
+    Uint32 itemCount;
+    bool hasItems;
+    Uint32 firstKind = 0, firstLength = 0;
+};
+std::vector<CallbackCall> g_callbacks;
+int g_disables = 0;
+
+void traceCallback(Uint32 type, Uint32 fid, Uint16 probe, const Uint32* rc, Uint32 itemCount,
+                   va_list* items) {
+    CallbackCall c{type, fid, probe, rc, itemCount, items != nullptr};
+    if (items && itemCount > 0) {
+        c.firstKind = va_arg(*items, Uint32);
+        c.firstLength = va_arg(*items, Uint32);
+    }
+    g_callbacks.push_back(c);
+}
+void disableCallback() {
+    ++g_disables;
+}
+
+class Trace : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/zepgtraceXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        g_callbacks.clear();
+        g_disables = 0;
+        gtraceSetFixedData1(0xD1D1D1D1);
+        gtraceSetFixedData2(0xD2D2D2D2);
+    }
+    void TearDown() override {
+        gtraceDetach();
+        zepLogFacClose(nullptr);
+        free(mem_);
+        mem_ = nullptr;
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+
+    // A block in private memory, initialized, attached and enabled.
+    GTCB* build(GTCBOptions& o, bool enable = true) {
+        size_t size = gtraceGetAllocSize(o.bufferSize);
+        if (size == 0) size = sizeof(GTCB) + o.bufferSize;
+        free(mem_);
+        mem_ = static_cast<Uint8*>(aligned_alloc(64, (size + 63) & ~size_t{63}));
+        memset(mem_, 0x33, size);
+        cb_ = reinterpret_cast<GTCB*>(mem_);
+        EXPECT_EQ(gtraceInitialize(cb_, &o), 0u);
+        EXPECT_EQ(gtraceAttach(cb_, kPid, traceCallback, disableCallback), 0u);
+        if (enable) {
+            EXPECT_EQ(gtraceEnable(), 0u);
+        }
+        return cb_;
+    }
+    GTCB* ring(Uint32 flags = 0, Uint32 modeBits = GTRACE_MODE_WRAP) {
+        GTCBOptions o;
+        o.bufferSize = kRing;
+        o.modeBits = modeBits;
+        o.flags = flags;
+        return build(o);
+    }
+    RamboCB* rambo() { return reinterpret_cast<RamboCB*>(mem_ + sizeof(GTCB)); }
+    GTCountEntry* table() { return reinterpret_cast<GTCountEntry*>(mem_ + sizeof(GTCB)); }
+    // Slots that held something else before, so that fields left alone show.
+    void dirty() {
+        memset(reinterpret_cast<Uint8*>(rambo()) + rambo()->slotsOffset, kDirt,
+               rambo()->bufferSize);
+    }
+    Uint32 claimed() { return __atomic_load_n(&rambo()->nextSequence, __ATOMIC_ACQUIRE); }
+
+    std::string dump(Uint8 instantaneous = 1) {
+        std::string path = dir_ + "/trace.dump";
+        auto header = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
+        GTDumpHeader* h = reinterpret_cast<GTDumpHeader*>(header.get());
+        void* store = nullptr;
+        Uint32 size = 0;
+        EXPECT_EQ(gtraceGetDumpHeaderBuffer(instantaneous, h, &store, &size), 0u);
+        RamboDumpTail tail;
+        EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
+        FILE* f = fopen(path.c_str(), "wb");
+        EXPECT_NE(f, nullptr);
+        fwrite(h, sizeof(GTDumpHeader), 1, f);
+        fwrite(store, size, 1, f);
+        if (instantaneous && !(cb_->options.modeBits & GTRACE_MODE_COUNTING))
+            fwrite(&tail, sizeof tail, 1, f);
+        fclose(f);
+        return path;
+    }
+
+    // The records of the block, read back from a dump. The trace is off while the file is read,
+    // or the reading would leave records of its own.
+    std::vector<Rec> records(bool forward = true) {
+        std::string path = dump();
+        const Uint32 enabled = cb_->enabled;
+        cb_->enabled = 0;
+        ZEPHFile file;
+        ZEPFileOpenParam op;
+        op.path = path.c_str();
+        op.creation = ZEP_FILE_OPEN_EXISTING;
+        op.access = ZEP_FILE_ACCESS_READ;
+        std::vector<Rec> out;
+        EXPECT_EQ(file.open(&op), 0u);
+        EXPECT_EQ(gtraceValidateDumpFile(&file, 0), 0u);
+        GTDumpParser parser;
+        EXPECT_EQ(gtraceOpenDumpFileParser(&file, &parser, forward ? 1 : 0), 0u);
+        std::vector<Uint8> buffer(0x20000);
+        for (Uint32 n; (n = gtraceParseRecords(&file, &parser, nullptr, buffer.data(),
+                                               static_cast<Uint32>(buffer.size()))) != 0;)
+            out.emplace_back(std::vector<Uint8>(buffer.begin(), buffer.begin() + n));
+        EXPECT_EQ(gtraceCloseDumpFileParser(&parser), 0u);
+        file.close();
+        cb_->enabled = enabled;
+        return out;
+    }
+
+    void expectCommon(const Rec& r, Uint32 type, Uint16 recordFlags, Uint16 dataLength,
+                      Uint32 fid = F) {
+        EXPECT_EQ(r.h.time, 0u);
+        EXPECT_EQ(r.h.threadID, T);
+        EXPECT_EQ(r.h.processID, kPid);
+        EXPECT_EQ(r.h.functionID, fid);
+        EXPECT_EQ(r.h.fixedData1, 0xD1D1D1D1u);
+        EXPECT_EQ(r.h.fixedData2, 0xD2D2D2D2u);
+        EXPECT_EQ(r.h.recordType, type);
+        EXPECT_EQ(r.h.recordFlags, recordFlags);
+        EXPECT_EQ(r.h.dataLength, dataLength);
+    }
+
+    std::string dir_;
+    Uint8* mem_ = nullptr;
+    GTCB* cb_ = nullptr;
+};
+
+constexpr Uint16 kDirt16 = 0xA5A5;
+constexpr Uint32 kDirt32 = 0xA5A5A5A5u;
+
+// ---------------------------------------------------------------- control
+
+TEST_F(Trace, AllocSizeAndInitializeInEveryMode) {
+    EXPECT_EQ(gtraceGetAllocSize(0x80000), 0x80000u + 256 + 80 + 24 + 0x20000 + 182896);
+    EXPECT_EQ(gtraceGetAllocSize(0x80001), 0u);
+    EXPECT_EQ(gtraceGetAllocSize(0x40000), 0u);
+
+    const size_t size = gtraceGetAllocSize(kRing);
+    auto raw = std::make_unique<Uint8[]>(size);
+    GTCB* area = reinterpret_cast<GTCB*>(raw.get());
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    EXPECT_EQ(gtraceInitialize(area, nullptr), ECF_INVALID_PARAMETER);
+    o.bufferSize = 0x7FFFF;
+    EXPECT_EQ(gtraceInitialize(area, &o), ECF_GTRACE_INVALID_BUFFER_SIZE);
+    o.bufferSize = 0x40000001;
+    EXPECT_EQ(gtraceInitialize(area, &o), ECF_GTRACE_INVALID_BUFFER_SIZE);
+    EXPECT_EQ(gtraceInitialize(nullptr, &o), ECF_GTRACE_INVALID_BUFFER_SIZE);
+    o.bufferSize = kRing;
+    EXPECT_EQ(gtraceInitialize(nullptr, &o), ECF_INVALID_PARAMETER);
+    o.modeBits = 0x20;  // none of the store bits
+    EXPECT_EQ(gtraceInitialize(area, &o), ECF_INVALID_PARAMETER);
+
+    // A ring that isn't a power of two fails in rambo, and the block stays zero.
+    o.bufferSize = 0x90000;
+    o.modeBits = GTRACE_MODE_WRAP;
+    memset(raw.get(), 0x77, sizeof(GTCB));
+    EXPECT_EQ(gtraceInitialize(area, &o), ECF_RAMBO_INVALID_BUFFER_SIZE);
+    EXPECT_EQ(area->initialized, 0u);
+    EXPECT_EQ(area->options.bufferSize, 0u);
+
+    struct Case {
+        Uint32 modeBits;
+        Uint8 wraps, chunked, autoDump;
+        Uint32 extraFlag;
+    };
+    const RamboCB* r = reinterpret_cast<const RamboCB*>(raw.get() + sizeof(GTCB));
+    o.bufferSize = kRing;
+    o.flags = GTRACE_FLAG_CALLBACK;
+    o.stopCount = 7;
+    o.filterCount = 2;
+    o.filters[1].processID = 99;
+    for (Case c :
+         {Case{0x01, 1, 0, 0, 0}, Case{0x02, 0, 0, 0, 0}, Case{0x04, 1, 1, 1, 0},
+          Case{0x10, 0, 0, 0, GTRACE_FLAG_DELAYING}, Case{0x07, 1, 1, 1, 0}, Case{0x03, 1, 0, 0, 0},
+          Case{0x12, 0, 0, 0, GTRACE_FLAG_DELAYING}, Case{0x11, 1, 0, 0, GTRACE_FLAG_DELAYING}}) {
+        SCOPED_TRACE(c.modeBits);
+        o.modeBits = c.modeBits;
+        memset(raw.get(), 0x77, size);
+        ASSERT_EQ(gtraceInitialize(area, &o), 0u);
+        EXPECT_EQ(area->initialized, 1u);
+        EXPECT_EQ(area->enabled, 0u);
+        EXPECT_EQ(area->eventCount, 1u);
+        EXPECT_EQ(area->reserved, 0u);
+        EXPECT_EQ(area->options.flags, GTRACE_FLAG_CALLBACK | c.extraFlag);
+        EXPECT_EQ(area->options.stopCount, 7u);
+        EXPECT_EQ(area->options.filters[1].processID, 99u);
+        EXPECT_EQ(memcmp(r->eyeCatcher, "RAMBOCB", 8), 0);
+        EXPECT_EQ(r->wraps, c.wraps);
+        EXPECT_EQ(r->chunked, c.chunked);
+        EXPECT_EQ(r->autoDump, c.autoDump);
+    }
+
+    // Counting comes first of all modes; its table may have any size in range.
+    o.modeBits = GTRACE_MODE_COUNTING | GTRACE_MODE_WRAP;
+    o.bufferSize = 0x80010;
+    auto big = std::make_unique<Uint8[]>(sizeof(GTCB) + o.bufferSize + 16);
+    memset(big.get(), 0x77, sizeof(GTCB) + o.bufferSize + 16);
+    GTCB* counting = reinterpret_cast<GTCB*>(big.get());
+    ASSERT_EQ(gtraceInitialize(counting, &o), 0u);
+    EXPECT_EQ(counting->initialized, 1u);
+    EXPECT_EQ(counting->eventCount, 0u);
+    EXPECT_EQ(counting->options.flags, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING);
+    const Uint8* t = big.get() + sizeof(GTCB);
+    EXPECT_EQ(t[0], 0);
+    EXPECT_EQ(t[o.bufferSize - 1], 0);
+    EXPECT_EQ(t[o.bufferSize], 0x77);  // nothing behind the table is touched
+}
+
+TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
+    GTCBOptions o;
+    RamboDumpTail tail;
+    RamboChunkWalker walker;
+    GTCBOptions* ptr = nullptr;
+    auto header = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
+    GTDumpHeader* h = reinterpret_cast<GTDumpHeader*>(header.get());
+    auto all = [&] {
+        return std::vector<Uint32>{gtraceEnable(),
+                                   gtraceDisable(),
+                                   gtraceGetOptions(&o),
+                                   gtraceGetOptionsPtr(&ptr),
+                                   gtraceSetOptions(&o),
+                                   gtraceClear(),
+                                   gtraceGetDumpHeaderBuffer(1, h, nullptr, nullptr),
+                                   gtraceGetDumpTail(&tail),
+                                   gtraceAutoDumpEnabled(1),
+                                   gtraceInitializeChunkWalker(&walker)};
+    };
+    for (Uint32 rc : all()) EXPECT_EQ(rc, ECF_GTRACE_NOT_ATTACHED);
+    EXPECT_EQ(gtraceAttach(nullptr, 1, nullptr, nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(g_pGTCB, nullptr);
+
+    auto zero = std::make_unique<Uint8[]>(sizeof(GTCB));
+    memset(zero.get(), 0, sizeof(GTCB));
+    ASSERT_EQ(gtraceAttach(reinterpret_cast<GTCB*>(zero.get()), 1, nullptr, nullptr), 0u);
+    for (Uint32 rc : all()) EXPECT_EQ(rc, ECF_GTRACE_NOT_INITIALIZED);
+    EXPECT_EQ(g_disables, 0);
+
+    ring(0, GTRACE_MODE_CHUNKED);
+    EXPECT_EQ(gtraceGetOptions(nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceGetOptionsPtr(nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceSetOptions(nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceGetDumpHeaderBuffer(1, nullptr, nullptr, nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceGetDumpTail(nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceInitializeChunkWalker(nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(gtraceGetOptionsPtr(&ptr), 0u);
+    EXPECT_EQ(ptr, &cb_->options);
+    EXPECT_EQ(gtraceInitializeChunkWalker(&walker), 0u);
+    EXPECT_EQ(walker.area, rambo());
+    EXPECT_EQ(walker.chunkIndex, 0u);
+    EXPECT_EQ(gtraceAutoDumpEnabled(0), 0u);
+    EXPECT_EQ(rambo()->autoDump, 0);
+    EXPECT_EQ(gtraceClear(), ECF_NOT_SUPPORTED);  // a chunked ring has no new sequence
+
+    // Detached: the word keeps its value, and nothing reaches the block any more.
+    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(gtraceDetach(), 0u);
+    EXPECT_EQ(g_pGTCB, nullptr);
+    EXPECT_EQ(gtraceEnable(), ECF_GTRACE_NOT_ATTACHED);
+    EXPECT_EQ(gtraceDisable(), ECF_GTRACE_NOT_ATTACHED);
+    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(g_disables, 0);
+}
+
+TEST_F(Trace, DisableCallsTheCallbackEachTime) {
+    ring();
+    EXPECT_EQ(gtraceDisable(), 0u);
+    EXPECT_EQ(cb_->enabled, 0u);
+    EXPECT_EQ(gtraceDisable(), 0u);
+    EXPECT_EQ(g_disables, 2);
+    EXPECT_EQ(gtraceEnable(), 0u);
+    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(g_disables, 2);
+    // Without a callback nothing is called.
+    ASSERT_EQ(gtraceAttach(cb_, kPid, nullptr, nullptr), 0u);
+    EXPECT_EQ(gtraceDisable(), 0u);
+    EXPECT_EQ(g_disables, 2);
+}
+
+TEST_F(Trace, OptionsThatCantChange) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    o.dumpScanTrigger[0] = 5;
+    build(o);
+    GTCBOptions n;
+    n.bufferSize = 0x100000;
+    n.modeBits = GTRACE_MODE_STOP;
+    n.dumpScanTrigger[1] = 9;
+    n.flags = GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME;
+    n.reserved[1] = 0xABCD;
+    n.stopCount = 3;
+    n.traceMask.gtmSetMask(1, 3, 22, GTM_WILDCARD, 0, 0);
+    ASSERT_EQ(gtraceSetOptions(&n), 0u);
+    GTCBOptions got;
+    ASSERT_EQ(gtraceGetOptions(&got), 0u);
+    EXPECT_EQ(got.bufferSize, kRing);
+    EXPECT_EQ(got.modeBits, GTRACE_MODE_WRAP);
+    EXPECT_EQ(got.dumpScanTrigger[0], 5u);
+    EXPECT_EQ(got.dumpScanTrigger[1], 0u);
+    EXPECT_EQ(got.flags, GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME);
+    EXPECT_EQ(got.reserved[1], 0xABCDu);
+    EXPECT_EQ(got.stopCount, 3u);
+    EXPECT_EQ(memcmp(&got.traceMask, &n.traceMask, sizeof n.traceMask), 0);
+    EXPECT_EQ(n.flags, GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME);
+
+    // Counting: the time flags are taken from the caller's structure, and bit 9 stays.
+    o.modeBits = GTRACE_MODE_COUNTING;
+    o.flags = GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME;
+    build(o);
+    n.flags = GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME | GTRACE_FLAG_CALLBACK;
+    ASSERT_EQ(gtraceSetOptions(&n), 0u);
+    EXPECT_EQ(n.flags, GTRACE_FLAG_CALLBACK);
+    EXPECT_EQ(cb_->options.flags, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING);
+
+    // Delaying: bit 11 stays.
+    o.modeBits = GTRACE_MODE_DELAYING;
+    build(o);
+    n.flags = 0;
+    ASSERT_EQ(gtraceSetOptions(&n), 0u);
+    EXPECT_EQ(cb_->options.flags, GTRACE_FLAG_DELAYING);
+}
+
+TEST_F(Trace, DumpHeaderPiecesAndClear) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    o.stopReturnCode = 0x1234;
+    build(o);
+    auto raw = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
+    GTDumpHeader* h = reinterpret_cast<GTDumpHeader*>(raw.get());
+    memset(raw.get(), 0xEE, sizeof(GTDumpHeader));
+    void* store = nullptr;
+    Uint32 size = 0;
+    ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h, &store, &size), 0u);
+    EXPECT_EQ(str(raw.get(), 8), std::string("GTDUMP1\0", 8));
+    EXPECT_EQ(memcmp(&h->options, &cb_->options, sizeof(GTCBOptions)), 0);
+    ZEPTickConversionFactor factor;
+    factor.initialize();
+    EXPECT_EQ(memcmp(&h->tickFactor, &factor, sizeof factor), 0);
+    EXPECT_EQ(str(raw.get() + 182904, 8), std::string("@HEAD\r\n\0", 8));
+    EXPECT_EQ(h->rambo.bufferSize, kRing);
+    EXPECT_EQ(h->rambo.dumpType, 1);
+    EXPECT_EQ(h->rambo.wraps, 1);
+    EXPECT_EQ(store, reinterpret_cast<Uint8*>(rambo()) + rambo()->slotsOffset);
+    EXPECT_EQ(size, kRing);
+    ASSERT_EQ(gtraceGetDumpHeaderBuffer(0, h, nullptr, nullptr), 0u);
+    EXPECT_EQ(h->rambo.dumpType, 2);
+    EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_AUTO_DUMP_NOT_ALLOWED);
+
+    // Clearing a wrapping ring moves it on by a lap: the old records drop out of the window.
+    _gtraceEntry(T, F);
+    ASSERT_EQ(records().size(), 1u);
+    EXPECT_EQ(gtraceClear(), 0u);
+    EXPECT_EQ(records().size(), 0u);
+    _gtraceEntry(T, F + 1);
+    auto recs = records();
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].h.functionID, F + 1);
+
+    // Counting: the table and its size; the rambo header and the tail are left alone.
+    o.modeBits = GTRACE_MODE_COUNTING;
+    build(o);
+    memset(raw.get(), 0xEE, sizeof(GTDumpHeader));
+    ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h, &store, &size), 0u);
+    EXPECT_EQ(store, table());
+    EXPECT_EQ(size, kRing);
+    EXPECT_EQ(h->options.modeBits, GTRACE_MODE_COUNTING);
+    for (size_t i = 182904; i < sizeof(GTDumpHeader); ++i) ASSERT_EQ(raw[i], 0xEE);
+    RamboDumpTail tail;
+    memset(&tail, 0xEE, sizeof tail);
+    EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
+    EXPECT_EQ(reinterpret_cast<Uint8*>(&tail)[0], 0xEE);
+    EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_NOT_INITIALIZED);
+    _gtraceEntry(T, F);
+    Uint32 used = 0;
+    for (Uint32 i = 0; i < kRing / 16; ++i) used += table()[i].functionID == F;
+    EXPECT_EQ(used, 1u);
+    EXPECT_EQ(gtraceClear(), 0u);
+    for (Uint32 i = 0; i < kRing / 16; ++i) ASSERT_EQ(table()[i].functionID, 0u);
+}
+
+// ---------------------------------------------------------------- records
+
+TEST_F(Trace, RecordOfEachOperation) {
+    ring();
+    dirty();
+    const Uint32 w1 = 0x0000A001, w2 = 0x0000A002, w3 = 0x0000A003, w4 = 0x0000A004;
+    const Uint32 rc = 0x90000011;
+    const Uint32 v = 0xCAFEF00D;
+    _gtraceEntry(T, F);
+    _gtraceExit(T, F, &rc, w1, w2);
+    _gtraceMarker(T, F, 77, 0x10009);
+    _gtraceMarker(T, F, 78, 0x0000A);
+    _gtraceError(T, F, 40, 5, w1, w2);
+    _gtraceErrorRc(T, F, 41, 11, w1, w2, rc, w3, w4);
+    _gtraceErrorTrans(T, F, 42, w1, w2, w3, w4);
+    _gtraceEntryVar(T, F, 1, 0u, 4u, &v);
+    _gtraceExitVar(T, F, &rc, w1, w2, 1, 0u, 4u, &v);
+    _gtraceMarkerVar(T, F, 43, 0x10006, 1, 0u, 4u, &v);
+    _gtraceVar(T, F, 44, 3, 0);
+    _gtraceVar(T, F, 45, 3, 1, 0u, 4u, &v);
+    _gtraceErrorVar(T, F, 46, 4, w1, w2, 1, 0u, 4u, &v);
+    _gtraceErrorRcVar(T, F, 47, 5, w1, w2, rc, w3, w4, 1, 0u, 4u, &v);
+    _gtraceCorrelatorVar(T, F, 48, 0x1234u, w1, w2, 1, 0u, 4u, &v);
+    // One slot for the five plain ones, two for the rest (56 + 12 bytes fit 116).
+    EXPECT_EQ(claimed(), 5u * 1 + 10 * 2);
+
+    auto r = records();
+    ASSERT_EQ(r.size(), 15u);
+    const std::string vb = str(&v, 4);
+    for (size_t i = 0; i < r.size(); ++i) EXPECT_EQ(r[i].bytes.size(), i < 5 ? 52u : 116u) << i;
+
+    // _gtraceEntry: no probe, no words.
+    expectCommon(r[0], 1, 0, 0);
+    EXPECT_EQ(r[0].h.probe, kDirt16);
+    EXPECT_EQ(r[0].h.word1, kDirt32);
+    EXPECT_EQ(r[0].h.returnCode, kDirt32);
+    // _gtraceExit: words and the code read through the address; no probe.
+    expectCommon(r[1], 2, 0, 0);
+    EXPECT_EQ(r[1].h.probe, kDirt16);
+    EXPECT_EQ(r[1].h.word1, w1);
+    EXPECT_EQ(r[1].h.word2, w2);
+    EXPECT_EQ(r[1].h.returnCode, rc);
+    // _gtraceMarker: the type is the marker word's low half, bit 16 is flag 2.
+    expectCommon(r[2], 9, 2, 0);
+    EXPECT_EQ(r[2].h.probe, 77);
+    EXPECT_EQ(r[2].h.word1, kDirt32);
+    expectCommon(r[3], 10, 0, 0);
+    EXPECT_EQ(r[3].h.probe, 78);
+    // _gtraceError.
+    expectCommon(r[4], 5, 0, 0);
+    EXPECT_EQ(r[4].h.probe, 40);
+    EXPECT_EQ(r[4].h.word1, w1);
+    EXPECT_EQ(r[4].h.word2, w2);
+    EXPECT_EQ(r[4].h.returnCode, kDirt32);
+    // _gtraceErrorRc: two more words at 56; no item count.
+    expectCommon(r[5], 11, 0, 0);
+    EXPECT_EQ(r[5].h.probe, 41);
+    EXPECT_EQ(r[5].h.returnCode, rc);
+    EXPECT_EQ(r[5].h.itemCount, kDirt32);
+    EXPECT_EQ(r[5].word(56), w3);
+    EXPECT_EQ(r[5].word(60), w4);
+    EXPECT_EQ(r[5].word(64), kDirt32);
+    // _gtraceErrorTrans: type 13, no return code.
+    expectCommon(r[6], 13, 0, 0);
+    EXPECT_EQ(r[6].h.probe, 42);
+    EXPECT_EQ(r[6].h.word1, w1);
+    EXPECT_EQ(r[6].h.returnCode, kDirt32);
+    EXPECT_EQ(r[6].word(56), w3);
+    EXPECT_EQ(r[6].word(60), w4);
+    // The Var forms: probe 0 for entry and exit, the item behind its descriptor.
+    for (size_t i = 7; i < 15; ++i) {
+        if (i == 10) continue;
+        SCOPED_TRACE(i);
+        EXPECT_EQ(r[i].h.itemCount, 1u);
+        auto items = r[i].items(i == 13 ? 64 : 56);
+        ASSERT_EQ(items.size(), 1u);
+        EXPECT_EQ(items[0].kind, 0u);
+        EXPECT_EQ(items[0].length, 4u);
+        EXPECT_EQ(items[0].data, vb);
+    }
+    expectCommon(r[7], 1, 0, 12);
+    EXPECT_EQ(r[7].h.probe, 0);
+    EXPECT_EQ(r[7].h.word1, kDirt32);
+    expectCommon(r[8], 2, 0, 12);
+    EXPECT_EQ(r[8].h.probe, 0);
+    EXPECT_EQ(r[8].h.word2, w2);
+    EXPECT_EQ(r[8].h.returnCode, rc);
+    expectCommon(r[9], 6, 2, 12);
+    EXPECT_EQ(r[9].h.probe, 43);
+    EXPECT_EQ(r[9].h.word1, kDirt32);
+    // _gtraceVar without items: 56 bytes reserved, count and length 0.
+    expectCommon(r[10], 3, 0, 0);
+    EXPECT_EQ(r[10].h.probe, 44);
+    EXPECT_EQ(r[10].h.itemCount, 0u);
+    EXPECT_EQ(r[10].word(56), kDirt32);
+    expectCommon(r[11], 3, 0, 12);
+    EXPECT_EQ(r[11].h.probe, 45);
+    EXPECT_EQ(r[11].h.word1, kDirt32);
+    EXPECT_EQ(r[11].h.returnCode, kDirt32);
+    EXPECT_EQ(r[11].word(56), 0u);  // the descriptor at 56, the bytes at 64
+    EXPECT_EQ(r[11].word(60), 4u);
+    EXPECT_EQ(r[11].word(64), v);
+    expectCommon(r[12], 4, 0, 12);
+    EXPECT_EQ(r[12].h.word1, w1);
+    EXPECT_EQ(r[12].h.returnCode, kDirt32);
+    expectCommon(r[13], 5, 0, 12);
+    EXPECT_EQ(r[13].h.probe, 47);
+    EXPECT_EQ(r[13].h.returnCode, rc);
+    EXPECT_EQ(r[13].word(56), w3);
+    EXPECT_EQ(r[13].word(60), w4);
+    expectCommon(r[14], 12, 0, 12);
+    EXPECT_EQ(r[14].h.probe, 48);
+    EXPECT_EQ(r[14].h.returnCode, 0x1234u);
+    EXPECT_EQ(r[14].h.word1, w1);
+}
+
+TEST_F(Trace, ItemsCutNullAndByValue) {
+    ring();
+    const char data[] = "abcdef";
+    // A zero-length item with and without an address; a null address with a length; values.
+    _gtraceVar(T, F, 10, 3, 5, 0u, 0u, nullptr, 0u, 0u, data, 0u, 5u, nullptr,
+               static_cast<Uint32>(GTRACE_ITEM_VALUE1), 2u, static_cast<uintptr_t>(0x4241), 7u, 3u,
+               data);
+    auto r = records();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].h.itemCount, 5u);
+    EXPECT_EQ(r[0].h.dataLength, 8 + 8 + (8 + 5) + (8 + 2) + (8 + 3));
+    auto items = r[0].items();
+    ASSERT_EQ(items.size(), 5u);
+    EXPECT_EQ(items[0].length, 0u);
+    EXPECT_EQ(items[1].length, 0u);
+    EXPECT_EQ(items[2].length, GTRACE_ITEM_NULL);
+    EXPECT_EQ(items[3].kind, GTRACE_ITEM_VALUE1);
+    EXPECT_EQ(items[3].data, "AB");
+    EXPECT_EQ(items[4].kind, 7u);  // any other kind is an address
+    EXPECT_EQ(items[4].data, "abc");
+
+    // Three items of 30,000 bytes: the third is cut to what is left of 0xFFFF, and marked.
+    std::vector<char> big(30000);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
+    gtraceClear();
+    _gtraceVar(T, F, 10, 3, 3, 0u, 30000u, big.data(), 0u, 30000u, big.data(),
+               static_cast<Uint32>(GTRACE_ITEM_VALUE2), 30000u, big.data());
+    // And a fourth that doesn't fit at all, after a full third.
+    _gtraceVar(T, F, 11, 3, 4, 0u, 30000u, big.data(), 0u, 30000u, big.data(), 0u, 5511u,
+               big.data(), 0u, 1u, big.data());
+    r = records();
+    ASSERT_EQ(r.size(), 2u);
+    for (int k = 0; k < 2; ++k) {
+        SCOPED_TRACE(k);
+        EXPECT_EQ(r[k].bytes.size(), 1026u * 64 - 12);
+        EXPECT_EQ(r[k].h.dataLength, 0xFFFF);
+        EXPECT_EQ(r[k].h.itemCount, 3u);
+        items = r[k].items();
+        ASSERT_EQ(items.size(), 3u);
+        EXPECT_EQ(items[2].length, 0xFFFFu - (2 * 30008 + 8));
+        EXPECT_EQ(items[2].length, 5511u);
+        EXPECT_EQ(items[2].data, std::string(big.data(), 5511));
+        EXPECT_EQ(items[1].data, std::string(big.data(), 30000));
+    }
+    EXPECT_EQ(r[0].items()[2].kind, GTRACE_ITEM_CUT);
+    EXPECT_EQ(r[1].items()[2].kind, 0u);  // it fitted exactly: not cut
+}
+
+TEST_F(Trace, ErrorsOnly) {
+    ring(GTRACE_FLAG_ERRORS_ONLY);
+    const Uint32 ok = 0, bad = ECF_FILE_DOESNT_EXIST;
+    _gtraceEntry(T, F);
+    _gtraceExit(T, F, &ok, 0, 0);
+    _gtraceExit(T, F, &bad, 0, 0);
+    _gtraceExitVar(T, F, &ok, 0, 0, 0);
+    _gtraceVar(T, F, 10, 3, 0);
+    _gtraceErrorVar(T, F, 30, 4, 0, 0, 0);
+    _gtraceMarker(T, F, 1, 11);
+    _gtraceMarker(T, F, 1, 12);
+    _gtraceCorrelatorVar(T, F, 1, 5, 0, 0, 0);
+    _gtraceErrorTrans(T, F, 2, 0, 0, 0, 0);
+    auto r = records();
+    std::vector<Uint32> types;
+    for (const Rec& x : r) types.push_back(x.h.recordType);
+    EXPECT_EQ(types, (std::vector<Uint32>{2, 4, 11, 13}));
+    EXPECT_EQ(r[0].h.returnCode, bad);
+}
+
+TEST_F(Trace, ProcessAndThreadFilters) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    o.flags = GTRACE_FLAG_FILTERS;
+    build(o);
+    // No entries: nothing passes.
+    _gtraceEntry(T, F);
+    EXPECT_EQ(claimed(), 0u);
+
+    o.filterCount = 3;
+    o.filters[0] = GTFilter{GTRACE_FILTER_THREAD, kPid, 0};  // not in use
+    o.filters[1] = GTFilter{GTRACE_FILTER_IN_USE, kPid + 1, 0};
+    o.filters[2] = GTFilter{GTRACE_FILTER_IN_USE | GTRACE_FILTER_THREAD, kPid, T};
+    ASSERT_EQ(gtraceSetOptions(&o), 0u);
+    _gtraceEntry(T, F);
+    _gtraceEntry(T + 1, F + 1);
+    gtraceSetProcessID(kPid + 1);
+    _gtraceEntry(T + 1, F + 2);
+    gtraceSetProcessID(kPid + 2);
+    _gtraceEntry(T, F + 3);
+    gtraceSetProcessID(kPid);
+    auto r = records();
+    ASSERT_EQ(r.size(), 2u);
+    EXPECT_EQ(r[0].h.functionID, F);
+    EXPECT_EQ(r[1].h.functionID, F + 2);
+    EXPECT_EQ(r[1].h.processID, kPid + 1);
+}
+
+TEST_F(Trace, CompactMaskOverFullMask) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    o.flags = GTRACE_FLAG_FULL_MASK;
+    const Uint32 f = ZEP_FUNC_INDEX(F);
+    // Full mask: the rename's entries and exits, and its probe 30 only.
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_ENTRY, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_EXIT, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, 30, GTM_FLAG_PROBE, 0);
+    build(o);
+    const Uint32 rc = 1;
+    _gtraceEntry(T, F);
+    _gtraceVar(T, F, 10, 3, 0);
+    _gtraceErrorVar(T, F, 30, 4, 0, 0, 0);
+    _gtraceExit(T, F, &rc, 0, 0);
+    _gtraceEntry(T, ZEPFN_zepFileDelete);
+    auto r = records();
+    std::vector<std::pair<Uint32, Uint32>> got;
+    for (const Rec& x : r) got.push_back({x.h.recordType, x.h.probe});
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].h.recordType, 1);
+    EXPECT_EQ(r[1].h.recordType, 4);
+    EXPECT_EQ(r[1].h.probe, 30);
+    EXPECT_EQ(r[2].h.recordType, 2);
+
+    // With the compact mask on too, only it is asked: it passes type 3 (probes are forgotten)
+    // and still rejects the function outside it.
+    o.traceMask.gtmReplicateMask(&o.mask);
+    o.flags = GTRACE_FLAG_FULL_MASK | GTRACE_FLAG_COMPACT_MASK;
+    ASSERT_EQ(gtraceSetOptions(&o), 0u);
+    gtraceClear();
+    _gtraceVar(T, F, 10, 3, 0);
+    _gtraceEntry(T, ZEPFN_zepFileDelete);
+    r = records();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].h.recordType, 3);
+
+    // Each bitmap of the compact mask decides: a class bit missing rejects everything.
+    o.mask.classes[0] = 0;
+    ASSERT_EQ(gtraceSetOptions(&o), 0u);
+    gtraceClear();
+    _gtraceEntry(T, F);
+    EXPECT_EQ(records().size(), 0u);
+}
+
+TEST_F(Trace, TimeStampsAfterFiltering) {
+    ring(GTRACE_FLAG_TIMESTAMP);
+    Sint64 before = 0, after = 0;
+    zepos::QueryPerformanceCounter(&before);
+    _gtraceEntry(T, F);
+    _gtraceVar(T, F, 10, 3, 0);
+    zepos::QueryPerformanceCounter(&after);
+    auto r = records();
+    ASSERT_EQ(r.size(), 2u);
+    EXPECT_GE(r[0].h.time, static_cast<Uint64>(before));
+    EXPECT_LE(r[0].h.time, r[1].h.time);
+    EXPECT_LE(r[1].h.time, static_cast<Uint64>(after));
+}
+
+TEST_F(Trace, StopEvents) {
+    const Uint32 stop = ECF_FILE_DOESNT_EXIST, other = 1;
+    for (Uint32 stopCount : {0u, 1u, 3u}) {
+        SCOPED_TRACE(stopCount);
+        GTCBOptions o;
+        o.bufferSize = kRing;
+        o.modeBits = GTRACE_MODE_WRAP;
+        o.flags = GTRACE_FLAG_STOP_COUNT | GTRACE_FLAG_STOP_ON_RC;
+        o.stopCount = stopCount;
+        o.stopReturnCode = stop;
+        build(o);
+        g_disables = 0;
+        const Uint32 events = stopCount == 0 ? 1 : stopCount;
+        for (Uint32 i = 0; i < events; ++i) {
+            EXPECT_EQ(cb_->enabled, 1u);
+            _gtraceExit(T, F, &other, 0, 0);
+            _gtraceExit(T, F, &stop, 0, 0);
+        }
+        EXPECT_EQ(cb_->enabled, 0u);
+        EXPECT_EQ(g_disables, 1);
+        EXPECT_EQ(cb_->eventCount, events + 1);
+        // The record that stopped the trace is the last one.
+        auto r = records();
+        ASSERT_EQ(r.size(), 2 * events);
+        EXPECT_EQ(r.back().h.returnCode, stop);
+    }
+
+    // Without flag 6 no exit stops the trace; type 5 by the error operations does with it.
+    ring(GTRACE_FLAG_STOP_ON_RC);
+    cb_->options.stopReturnCode = stop;
+    for (int i = 0; i < 5; ++i) _gtraceExit(T, F, &stop, 0, 0);
+    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(cb_->eventCount, 1u);
+
+    ring(GTRACE_FLAG_STOP_COUNT);
+    cb_->options.stopCount = 2;
+    _gtraceExit(T, F, &stop, 0, 0);  // flag 7 is off: exits don't count
+    _gtraceVar(T, F, 1, 5, 0);       // type 5, but not by an error operation
+    _gtraceError(T, F, 1, 4, 0, 0);
+    EXPECT_EQ(cb_->eventCount, 1u);
+    _gtraceError(T, F, 1, 5, 0, 0);
+    EXPECT_EQ(cb_->enabled, 1u);
+    _gtraceErrorVar(T, F, 1, 5, 0, 0, 0);
+    EXPECT_EQ(cb_->enabled, 0u);
+    EXPECT_EQ(cb_->eventCount, 3u);
+}
+
+TEST_F(Trace, FullStoppingRingDisables) {
+    ring(0, GTRACE_MODE_STOP);
+    const Uint32 slots = kRing / 64;
+    for (Uint32 i = 0; i < slots; ++i) _gtraceEntry(T, i);
+    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(g_disables, 0);
+    _gtraceEntry(T, slots);  // into the overflow area
+    EXPECT_EQ(cb_->enabled, 0u);
+    EXPECT_EQ(g_disables, 1);
+    auto r = records();
+    ASSERT_EQ(r.size(), slots);
+    EXPECT_EQ(r.back().h.functionID, slots - 1);
+}
+
+TEST_F(Trace, CallbackArguments) {
+    ring(GTRACE_FLAG_CALLBACK);
+    const Uint32 rc = 7, v = 9;
+    _gtraceEntry(T, F);
+    _gtraceEntryVar(T, F, 2, 0u, 4u, &v, 0u, 0u, nullptr);
+    _gtraceExit(T, F, &rc, 1, 2);
+    _gtraceExitVar(T, F, &rc, 1, 2, 1, 1u, 3u, uintptr_t{5});
+    _gtraceMarker(T, F, 17, 0x10008);
+    _gtraceErrorRc(T, F, 18, 11, 0, 0, rc, 0, 0);
+    _gtraceVar(T, F, 19, 3, 1, 0u, 4u, &v);
+    ASSERT_EQ(g_callbacks.size(), 7u);
+    struct Want {
+        Uint32 type;
+        Uint16 probe;
+        const Uint32* rc;
+        Uint32 itemCount;
+        bool hasItems;
+        Uint32 firstKind, firstLength;
+    };
+    const Want want[] = {{1, 0, nullptr, 0, false, 0, 0},  {1, 0, nullptr, 2, true, 0, 4},
+                         {2, 0, &rc, 0, false, 0, 0},      {2, 0, &rc, 1, true, 1, 3},
+                         {8, 17, nullptr, 0, false, 0, 0}, {11, 18, nullptr, 0, false, 0, 0},
+                         {3, 19, nullptr, 1, true, 0, 4}};
+    for (size_t i = 0; i < 7; ++i) {
+        SCOPED_TRACE(i);
+        const CallbackCall& c = g_callbacks[i];
+        EXPECT_EQ(c.type, want[i].type);
+        EXPECT_EQ(c.fid, F);
+        EXPECT_EQ(c.probe, want[i].probe);
+        EXPECT_EQ(c.rc, want[i].rc);
+        EXPECT_EQ(c.itemCount, want[i].itemCount);
+        EXPECT_EQ(c.hasItems, want[i].hasItems);
+        EXPECT_EQ(c.firstKind, want[i].firstKind);
+        EXPECT_EQ(c.firstLength, want[i].firstLength);
+    }
+    // A filtered point calls nothing; a cut record reports the items kept.
+    g_callbacks.clear();
+    cb_->options.flags |= GTRACE_FLAG_ERRORS_ONLY;
+    _gtraceEntry(T, F);
+    std::vector<char> big(0x10000);
+    _gtraceErrorVar(T, F, 1, 4, 0, 0, 3, 0u, 0x10000u, big.data(), 0u, 1u, big.data(), 0u, 1u,
+                    big.data());
+    ASSERT_EQ(g_callbacks.size(), 1u);
+    EXPECT_EQ(g_callbacks[0].itemCount, 1u);
+    // Flag 8 without a callback.
+    ASSERT_EQ(gtraceAttach(cb_, kPid, nullptr, disableCallback), 0u);
+    _gtraceErrorVar(T, F, 1, 4, 0, 0, 0);
+    EXPECT_EQ(g_callbacks.size(), 1u);
+}
+
+// ---------------------------------------------------------------- counting and delaying
+
+void recurse(Uint32 f, int n) {
+    _gtraceEntry(T, f);
+    if (n > 0) recurse(f, n - 1);
+    const Uint32 rc = 0;
+    _gtraceExit(T, f, &rc, 0, 0);
+}
+
+TEST_F(Trace, CountingMode) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_COUNTING;
+    build(o);
+    for (int i = 0; i < 3; ++i) recurse(F, 4);  // 15 entries
+    _gtraceEntryVar(T, ZEPFN_zepFileDelete, 1, 0u, 4u, &o);
+    // Nothing else acts in counting mode.
+    _gtraceVar(T, F, 10, 3, 0);
+    _gtraceMarker(T, F, 10, 3);
+    _gtraceErrorRcVar(T, F, 10, 5, 0, 0, 0, 0, 0, 0);
+    std::vector<GTCountEntry> used;
+    for (Uint32 i = 0; i < kRing / 16; ++i)
+        if (table()[i].functionID) used.push_back(table()[i]);
+    ASSERT_EQ(used.size(), 2u);
+    for (const GTCountEntry& e : used) {
+        EXPECT_EQ(e.count, e.functionID == F ? 15u : 1u);
+        EXPECT_EQ(e.totalTime, 0u);
+    }
+    // Fibonacci position of F: frac(F * 0.618033989) * N.
+    const double p = F * 0.618033989;
+    EXPECT_EQ(table()[static_cast<Uint32>((p - floor(p)) * (kRing / 16))].functionID, F);
+    EXPECT_EQ(cb_->eventCount, 0u);
+
+    // A table with no room: every entry is a miss, counted in eventCount.
+    for (Uint32 i = 0; i < kRing / 16; ++i) table()[i].functionID = 0xFFFFFFFF;
+    recurse(F, 2);
+    EXPECT_EQ(cb_->eventCount, 3u);
+
+    // The filters apply to counted entries too.
+    gtraceClear();
+    cb_->eventCount = 0;
+    o.flags = GTRACE_FLAG_FILTERS;
+    ASSERT_EQ(gtraceSetOptions(&o), 0u);
+    recurse(F, 2);
+    for (Uint32 i = 0; i < kRing / 16; ++i) ASSERT_EQ(table()[i].functionID, 0u);
+    EXPECT_EQ(cb_->eventCount, 0u);
+}
+
+TEST_F(Trace, CountingWithTimeAndTheCallStack) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_COUNTING;
+    o.flags = GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME;
+    build(o);
+    auto entry = [&](Uint32 f) -> GTCountEntry* {
+        for (Uint32 i = 0; i < kRing / 16; ++i)
+            if (table()[i].functionID == f) return &table()[i];
+        return nullptr;
+    };
+    const Uint32 G = ZEPFN_zepFileDelete, H = ZEPFN_zepFileCopy;
+    const Uint32 rc = 0;
+
+    // A recursive function is charged for all its frames at its first exit.
+    _gtraceEntry(T, F);
+    _gtraceEntry(T, F);
+    usleep(2000);
+    _gtraceExit(T, F, &rc, 0, 0);
+    const Uint64 once = entry(F)->totalTime;
+    EXPECT_GE(once, 2 * 2000000u);  // two frames of at least 2 ms each
+    _gtraceExit(T, F, &rc, 0, 0);   // the stack is empty now: nothing more
+    EXPECT_EQ(entry(F)->totalTime, once);
+    EXPECT_EQ(entry(F)->count, 2u);
+
+    // F, then 511 frames of G fill the stack; H at level 513 gets no frame, and neither does F
+    // at 514. Their exits: H finds nothing; F charges its frame at level 1 and cuts the stack.
+    gtraceClear();
+    _gtraceEntry(T, F);
+    for (int i = 0; i < 511; ++i) _gtraceEntry(T, G);
+    _gtraceEntry(T, H);
+    _gtraceEntry(T, F);
+    usleep(1000);
+    _gtraceExit(T, F, &rc, 0, 0);
+    _gtraceExit(T, H, &rc, 0, 0);
+    for (int i = 0; i < 511; ++i) _gtraceExit(T, G, &rc, 0, 0);
+    EXPECT_EQ(entry(F)->count, 2u);
+    EXPECT_EQ(entry(G)->count, 511u);
+    EXPECT_EQ(entry(H)->count, 1u);
+    EXPECT_GE(entry(F)->totalTime, 1000000u);
+    EXPECT_EQ(entry(G)->totalTime, 0u);
+    EXPECT_EQ(entry(H)->totalTime, 0u);
+
+    // Each thread has its own stack.
+    gtraceClear();
+    _gtraceEntry(T, F);
+    std::thread([&] {
+        _gtraceExit(T, F, &rc, 0, 0);  // this thread has no stack: nothing
+        _gtraceEntry(T, G);
+        _gtraceExit(T, G, &rc, 0, 0);
+    }).join();
+    EXPECT_EQ(entry(F)->totalTime, 0u);
+    ASSERT_NE(entry(G), nullptr);
+    _gtraceExit(T, F, &rc, 0, 0);
+    EXPECT_GT(entry(F)->totalTime, 0u);
+}
+
+TEST_F(Trace, DelayingMode) {
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_DELAYING;
+    o.stopReturnCode = 1;  // the interval: every trace point sleeps
+    build(o);
+    const int points = 20;
+    timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
+    for (int i = 0; i < points; ++i) _gtraceEntry(T, F);
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    // No records at all behind a delaying trace.
+    EXPECT_EQ(claimed(), 0u);
+    // The sleeps are the fourth powers of the C library's sequence from seed 1020: at least
+    // their sum has passed.
+    srand(1020);
+    Uint32 expected = 0;
+    for (int i = 0; i < points; ++i) {
+        const double x = (rand() & 0x7FFF) / 32768.0;
+        expected += static_cast<Uint32>(x * x * x * x * 200.0);
+    }
+    const double elapsedMs = (b.tv_sec - a.tv_sec) * 1e3 + (b.tv_nsec - a.tv_nsec) / 1e6;
+    EXPECT_GE(elapsedMs, expected);
+    EXPECT_GT(expected, 0u);
+}
+
+// ---------------------------------------------------------------- the frame
+
+std::string slurp(const std::string& path) {
+    std::string out;
+    FILE* f = fopen(path.c_str(), "rb");
+    if (!f) return out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+    fclose(f);
+    return out;
+}
+
+TEST_F(Trace, FailingRenameLeavesItsRecordsAndItsLogRecord) {
+    ring();
+    gtraceSetProcessID(kPid);
+    ZEPLogFacilityParam lp;
+    snprintf(lp.path, sizeof lp.path, "%s/zep.log", dir_.c_str());
+    snprintf(lp.name, sizeof lp.name, "zeptrace");
+    lp.level = ZEP_LOG_INFO;
+    lp.target = ZEP_LOG_TARGET_FILE;
+    lp.permissions = 0644;
+    ASSERT_EQ(zepLogFacOpen(&lp, nullptr), 0u);
+
+    const std::string from = dir_ + "/missing", to = dir_ + "/target";
+    EXPECT_EQ(zepFileRename(from.c_str(), to.c_str()), ECF_FILE_DOESNT_EXIST);
+    zepLogFacClose(nullptr);
+
+    auto all = records();
+    std::vector<Rec> r;
+    bool logInBetween = false;
+    for (const Rec& x : all) {
+        if (x.h.functionID == F)
+            r.push_back(x);
+        else if (r.size() == 2)
+            logInBetween = true;  // the log's own file operations, between data and error
+    }
+    ASSERT_EQ(r.size(), 4u);
+    const Uint64 tid = zepos::GetCurrentThreadId();
+    for (const Rec& x : r) {
+        EXPECT_EQ(x.h.threadID, tid);
+        EXPECT_EQ(x.h.processID, kPid);
+    }
+    EXPECT_EQ(r[0].h.recordType, 1);
+    EXPECT_EQ(r[1].h.recordType, 3);
+    EXPECT_EQ(r[1].h.probe, 10);
+    auto items = r[1].items();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[0].data, from);
+    EXPECT_EQ(items[1].data, to);
+    EXPECT_EQ(r[1].h.dataLength, 16 + from.size() + to.size());
+    EXPECT_EQ(r[2].h.recordType, 4);
+    EXPECT_EQ(r[2].h.probe, 30);
+    items = r[2].items();
+    ASSERT_EQ(items.size(), 1u);
+    const Uint32 code = ECF_FILE_DOESNT_EXIST;
+    EXPECT_EQ(items[0].kind, 0u);
+    EXPECT_EQ(items[0].data, str(&code, 4));
+    EXPECT_EQ(r[3].h.recordType, 2);
+    EXPECT_EQ(r[3].h.returnCode, ECF_FILE_DOESNT_EXIST);
+    EXPECT_TRUE(logInBetween);
+
+    const std::string log = slurp(dir_ + "/zep.log");
+    EXPECT_NE(log.find("FUNCTION: VRN Common, ZEPe, zepFileRename, probe:30"), std::string::npos)
+        << log;
+    EXPECT_NE(log.find(from), std::string::npos);
+
+    // Off again: the same failure leaves no record.
+    gtraceDisable();
+    const Uint32 before = claimed();
+    EXPECT_EQ(zepFileRename(from.c_str(), to.c_str()), ECF_FILE_DOESNT_EXIST);
+    EXPECT_EQ(claimed(), before);
+}
+
+// ---------------------------------------------------------------- threads and processes
+
+TEST_F(Trace, ThreadsWriteConcurrently) {
+    ring(GTRACE_FLAG_TIMESTAMP);
+    const int threads = 4, each = 1000;
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back([t] {
+            for (Uint32 i = 0; i < each; ++i) {
+                if (i % 3 == 0)
+                    _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
+                else
+                    _gtraceEntry(t, i);
+            }
+        });
+    for (auto& th : pool) th.join();
+    auto r = records();
+    ASSERT_EQ(r.size(), static_cast<size_t>(threads * each));
+    std::vector<Uint32> next(threads, 0);
+    for (const Rec& x : r) {
+        ASSERT_LT(x.h.threadID, static_cast<Uint64>(threads));
+        Uint32& n = next[x.h.threadID];
+        const Uint32 i = x.h.recordType == 3 ? x.word(64) : x.h.functionID;
+        EXPECT_EQ(i, n);  // each thread's records in its own order
+        n = i + 1;
+    }
+}
+
+TEST_F(Trace, TwoProcessesOneBlock) {
+    // The block lies in a shared file mapping; a helper process attaches to it as well.
+    const std::string areaPath = dir_ + "/area";
+    const size_t size = gtraceGetAllocSize(kRing);
+    int fd = open(areaPath.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
+    void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    ASSERT_NE(map, MAP_FAILED);
+    GTCB* cb = static_cast<GTCB*>(map);
+
+    const Uint32 me = static_cast<Uint32>(getpid());
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_WRAP;
+    o.flags = GTRACE_FLAG_FULL_MASK | GTRACE_FLAG_FILTERS;
+    // The rename's entries and exits and its error probe; not its data records.
+    const Uint32 f = ZEP_FUNC_INDEX(F);
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_ENTRY, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_EXIT, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, 30, GTM_FLAG_PROBE, 0);
+    // This process, and the helper under the identifier it is given.
+    o.filterCount = 2;
+    o.filters[0] = GTFilter{GTRACE_FILTER_IN_USE, me, 0};
+    o.filters[1] = GTFilter{GTRACE_FILTER_IN_USE, 777, 0};
+    ASSERT_EQ(gtraceInitialize(cb, &o), 0u);
+    ASSERT_EQ(gtraceAttach(cb, me, nullptr, nullptr), 0u);
+    ASSERT_EQ(gtraceEnable(), 0u);
+    cb_ = cb;
+
+    const std::string missing = dir_ + "/missing", target = dir_ + "/target";
+    EXPECT_EQ(zepFileRename(missing.c_str(), target.c_str()), ECF_FILE_DOESNT_EXIST);
+
+    pid_t child = fork();
+    if (child == 0) {
+        const std::string helper = std::string(ZEP_TEST_BIN_DIR) + "/helper_gtrace";
+        execl(helper.c_str(), helper.c_str(), "twoprocesses", areaPath.c_str(), dir_.c_str(),
+              nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    FILE* created = fopen((dir_ + "/mine").c_str(), "w");
+    ASSERT_NE(created, nullptr);
+    fclose(created);
+    EXPECT_EQ(zepFileRename((dir_ + "/mine").c_str(), target.c_str()), 0u);
+
+    struct Want {
+        Uint32 pid, type, probe, rc;
+    };
+    const Uint32 fail = ECF_FILE_DOESNT_EXIST;
+    const std::vector<Want> want = {
+        {me, 1, 0, 0},  {me, 4, 30, 0},  {me, 2, 0, fail},   // this process, failing
+        {777, 1, 0, 0}, {777, 4, 30, 0}, {777, 2, 0, fail},  // the helper, failing
+        {777, 1, 0, 0}, {777, 2, 0, 0},                      // the helper, succeeding
+        {me, 1, 0, 0},  {me, 2, 0, 0},                       // this process, succeeding
+    };
+    for (bool forward : {true, false}) {
+        SCOPED_TRACE(forward);
+        auto r = records(forward);
+        ASSERT_EQ(r.size(), want.size());
+        for (size_t i = 0; i < want.size(); ++i) {
+            const Want& w = want[forward ? i : want.size() - 1 - i];
+            SCOPED_TRACE(i);
+            EXPECT_EQ(r[i].h.processID, w.pid);
+            EXPECT_EQ(r[i].h.functionID, F);
+            EXPECT_EQ(r[i].h.recordType, w.type);
+            if (w.type == 4) {
+                EXPECT_EQ(r[i].h.probe, w.probe);
+                EXPECT_EQ(r[i].word(64), fail);
+            }
+            if (w.type == 2) {
+                EXPECT_EQ(r[i].h.returnCode, w.rc);
+            }
+            EXPECT_EQ(r[i].h.fixedData1, w.pid == me ? 0xD1D1D1D1u : 0xFFFFFFFFu);
+        }
+    }
+    gtraceDetach();
+    cb_ = nullptr;
+    munmap(map, size);
+}
+
+TEST_F(Trace, TwoProcessesConcurrently) {
+    const std::string areaPath = dir_ + "/area";
+    const size_t size = gtraceGetAllocSize(kRing);
+    int fd = open(areaPath.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
+    void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    ASSERT_NE(map, MAP_FAILED);
+    GTCB* cb = static_cast<GTCB*>(map);
+    GTCBOptions o;
+    o.bufferSize = kRing;
+    o.modeBits = GTRACE_MODE_STOP;
+    ASSERT_EQ(gtraceInitialize(cb, &o), 0u);
+    ASSERT_EQ(gtraceAttach(cb, 1, nullptr, nullptr), 0u);
+    ASSERT_EQ(gtraceEnable(), 0u);
+    cb_ = cb;
+
+    pid_t child = fork();
+    if (child == 0) {
+        const std::string helper = std::string(ZEP_TEST_BIN_DIR) + "/helper_gtrace";
+        execl(helper.c_str(), helper.c_str(), "concurrent", areaPath.c_str(), nullptr);
+        _exit(127);
+    }
+    const Uint32 each = 1500;
+    for (Uint32 i = 0; i < each; ++i) _gtraceVar(1, F, 10, 3, 1, 0u, 4u, &i);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    auto r = records();
+    ASSERT_EQ(r.size(), 2u * each);
+    Uint32 next[3] = {0, 0, 0};
+    for (const Rec& x : r) {
+        ASSERT_TRUE(x.h.processID == 1 || x.h.processID == 2);
+        EXPECT_EQ(x.word(64), next[x.h.processID]++);
+    }
+    gtraceDetach();
+    cb_ = nullptr;
+    munmap(map, size);
+}
+
+}  // namespace
