@@ -229,6 +229,7 @@ inline Uint64 runWord(const DigitRun& r, Sint64 o) {
 // from the text. The top word starts up to seven characters before the run; it is loaded at
 // the run's start and moved up, with zeros below.
 void packRun(const DigitRun& r, Uint16* units) {
+    memset(units, 0, ZEP_DEC_UNITS * sizeof(Uint16));
     Sint32 k = 0;
     Sint64 o = r.n - 8;
     for (; o >= 0; o -= 8, k += 2) unitsOfWord(runWord(r, o), units, k);
@@ -236,9 +237,7 @@ void packRun(const DigitRun& r, Uint16* units) {
         Sint64 pad = -o;
         Uint64 w = (runWord(r, 0) << (8 * pad)) | (0x3030303030303030ull >> (8 * (8 - pad)));
         unitsOfWord(w, units, k);
-        k += 2;
     }
-    for (; k < ZEP_DEC_UNITS; ++k) units[k] = 0;
 }
 
 // Eight characters from two units, the more significant unit first: each unit splits into
@@ -812,13 +811,22 @@ Sint32 zepDecValueToText(const ZEPDecValue* value, Char* buffer) {
         *c++ = 'E';
         *c++ = shown < 0 ? '-' : '+';
         Uint64 u = (Uint64)(shown < 0 ? -shown : shown);
-        char digitsOfE[20];
-        int k = 0;
-        do {
-            digitsOfE[k++] = (char)('0' + u % 10);
-            u /= 10;
-        } while (u != 0);
-        while (k > 0) *c++ = digitsOfE[--k];
+        if (u < 10000 && c + 4 <= buffer + ZEP_DEC_TEXT_MAX) {
+            // Four characters at once, leading zeros shifted out; what follows the last one is
+            // the NUL's place or lies past it.
+            const int count = 1 + (u >= 10) + (u >= 100) + (u >= 1000);
+            const Uint32 four = (Uint32)(charsOfUnits((unsigned)u, 0) >> (8 * (4 - count)));
+            memcpy(c, &four, 4);
+            c += count;
+        } else {
+            char digitsOfE[20];
+            int k = 0;
+            do {
+                digitsOfE[k++] = (char)('0' + u % 10);
+                u /= 10;
+            } while (u != 0);
+            while (k > 0) *c++ = digitsOfE[--k];
+        }
     }
     *c = 0;
     return (Sint32)(c - buffer);
