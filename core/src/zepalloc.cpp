@@ -1,0 +1,389 @@
+// zepalloc.cpp - the allocator: heap blocks in the debugger's layouts, the hold on freed blocks,
+// and the offset-based areas.
+#include "zepmemory.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "zepecf.h"
+#include "zeperror.h"
+#include "zeplog.h"
+#include "zepnumconv.h"
+#include "zepos.h"
+
+namespace {
+
+ZEPMemDebugCB& cb = g_zepMemDebugCB;
+
+constexpr Uint32 kHeader = sizeof(ZEPMemBlockHeader);
+constexpr Uint32 kRecord = sizeof(ZEPMemDebugRecord);
+constexpr Uint32 kTrailer = 8;  // size and mode word behind the back pads of full mode
+
+void store32(char* at, Uint32 v) {
+    memcpy(at, &v, sizeof v);
+}
+
+void storeWords(char* at, Uint32 a, Uint32 b, Uint32 c, Uint32 d) {
+    const Uint32 words[4] = {a, b, c, d};
+    memcpy(at, words, sizeof words);
+}
+
+// ---- the header's file hash, over the base name
+
+const char* baseName(String file) {
+    if (file == nullptr) return "";
+    const char* base = file;
+    for (const char* at = file; *at != 0; ++at)
+        if (*at == '/' || *at == '\\') base = at + 1;
+    return base;
+}
+
+Uint32 fileHash(const char* name, size_t length) {
+    const Uint8* b = reinterpret_cast<const Uint8*>(name);
+    Uint32 h = 0;
+    if (length > 6)
+        h = (Uint32{b[3]} << 28) | (Uint32{b[4]} << 21) | (Uint32{b[5]} << 13) |
+            (Uint32{b[6]} << 5);
+    size_t i = 0;
+    for (; length - i >= 4; i += 4)
+        h ^= (Uint32{b[i]} << 24) ^ (Uint32{b[i + 1]} << 16) ^ (Uint32{b[i + 2]} << 8) ^
+             Uint32 { b[i + 3] };
+    const size_t rest = length - i;
+    for (size_t j = 0; j < rest; ++j) h ^= Uint32{b[i + j]} << (8 * (rest - j - 1));
+    return h;
+}
+
+// ---- the hold on freed blocks
+//
+// Each thread keeps its most recently freed blocks from the heap, so that a second free (by any
+// thread) still finds the freed block's marks and not memory the heap gave to somebody else or
+// unmapped. The ring is plain thread-local data; a key's destructor gives it back when the
+// thread ends, and frees that come later in the thread's end go to the heap at once.
+
+struct Held {
+    void* start;
+    Uint32 bytes;
+};
+
+struct Quarantine {
+    Held ring[ZEP_MEMDBG_QUARANTINE_BLOCKS];
+    Uint32 oldest;
+    Uint32 count;
+    size_t bytes;
+    bool registered;
+    bool closed;
+};
+
+thread_local Quarantine t_quarantine;
+
+pthread_key_t s_quarantineKey;
+pthread_once_t s_quarantineOnce = PTHREAD_ONCE_INIT;
+
+void releaseOldest(Quarantine& q) {
+    Held& h = q.ring[q.oldest];
+    free(h.start);
+    q.bytes -= h.bytes;
+    q.oldest = (q.oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+    --q.count;
+}
+
+void closeQuarantine(void* p) {
+    Quarantine& q = *static_cast<Quarantine*>(p);
+    while (q.count > 0) releaseOldest(q);
+    q.closed = true;
+}
+
+void createQuarantineKey() {
+    pthread_key_create(&s_quarantineKey, closeQuarantine);
+}
+
+void hold(void* start, Uint32 bytes) {
+    Quarantine& q = t_quarantine;
+    if (q.closed) {
+        free(start);
+        return;
+    }
+    if (!q.registered) {
+        pthread_once(&s_quarantineOnce, createQuarantineKey);
+        pthread_setspecific(s_quarantineKey, &q);
+        q.registered = true;
+    }
+    while (q.count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
+           (q.count > 0 && q.bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
+        releaseOldest(q);
+    q.ring[(q.oldest + q.count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
+    ++q.count;
+    q.bytes += bytes;
+}
+
+// ---- the heap path
+
+struct DebugState {
+    Uint32 flags, mode, frontPads, backPads;
+};
+
+// The settings are read once per allocation, under the lock.
+DebugState readDebugState() {
+    zepLockGet(&cb.lock);
+    DebugState s{cb.flags, cb.mode, cb.frontPads, cb.backPads};
+    cb.allocated = 1;
+    zepLockRelease(&cb.lock);
+    return s;
+}
+
+Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
+    const DebugState s = readDebugState();
+    const size_t rounded =
+        s.mode == 0 ? size : (static_cast<size_t>(size) + 7) & ~static_cast<size_t>(7);
+    size_t overhead = 0;
+    switch (s.mode) {
+        case ZEP_MEMDBG_IDLE:
+            overhead = 16;
+            break;
+        case ZEP_MEMDBG_LIGHT:
+            overhead = 32;
+            break;
+        case ZEP_MEMDBG_FULL:
+            overhead = kRecord + kTrailer +
+                       8 * (static_cast<size_t>(s.frontPads) + static_cast<size_t>(s.backPads));
+            break;
+        default:
+            break;
+    }
+    char* base = static_cast<char*>(malloc(rounded + kHeader + overhead));
+    if (base == nullptr) {
+        zepos::SetLastError(zepos::TranslateErrno(errno ? errno : ENOMEM));
+        *result = nullptr;
+        Uint32 level;
+        return zepErrorMapSystem(ZEPFN_zepMemAlloc, 40, SYSFN_malloc, zepos::GetLastError(),
+                                 &level);
+    }
+    const char* name = baseName(file);
+    const size_t nameLength = strlen(name);
+
+    char* header;
+    switch (s.mode) {
+        case ZEP_MEMDBG_IDLE:
+            storeWords(base, 0, 0, size, ZEP_MEMDBG_IDLE);
+            header = base + 16;
+            break;
+        case ZEP_MEMDBG_LIGHT: {
+            storeWords(base, ZEP_MEMDBG_PAD_LOW, ZEP_MEMDBG_PAD_HIGH, size, ZEP_MEMDBG_LIGHT);
+            header = base + 16;
+            char* user = header + kHeader;
+            memset(user + size, ZEP_MEMDBG_FILLER, rounded - size);
+            memcpy(user + rounded, base, 16);
+            break;
+        }
+        case ZEP_MEMDBG_FULL: {
+            const Uint64 pad = ZEP_MEMDBG_PAD;
+            for (Uint32 i = 0; i < s.frontPads; ++i) memcpy(base + 8 * size_t{i}, &pad, 8);
+            ZEPMemDebugRecord* record =
+                reinterpret_cast<ZEPMemDebugRecord*>(base + 8 * size_t{s.frontPads});
+            record->next = record->prev = nullptr;
+            const size_t cut =
+                nameLength < sizeof record->file ? nameLength : sizeof record->file - 1;
+            memcpy(record->file, name, cut);
+            memset(record->file + cut, 0, sizeof record->file - cut);
+            record->size = size;
+            record->line = line;
+            record->frontPads = s.frontPads;
+            record->backPads = s.backPads;
+            record->reserved[0] = record->reserved[1] = 0;
+            record->mode = ZEP_MEMDBG_FULL;
+            header = reinterpret_cast<char*>(record) + kRecord;
+            char* user = header + kHeader;
+            memset(user + size, ZEP_MEMDBG_FILLER, rounded - size);
+            char* back = user + rounded;
+            for (Uint32 i = 0; i < s.backPads; ++i) memcpy(back + 8 * size_t{i}, &pad, 8);
+            char* trailer = back + 8 * size_t{s.backPads};
+            store32(trailer, size);
+            store32(trailer + 4, ZEP_MEMDBG_FULL);
+            zepLockGet(&cb.lock);
+            record->next = cb.head;
+            if (cb.head != nullptr) cb.head->prev = record;
+            cb.head = record;
+            zepLockRelease(&cb.lock);
+            break;
+        }
+        default:
+            header = base;
+            break;
+    }
+
+    ZEPMemBlockHeader h = {(flags & ZEP_MEM_MARK) ? ZEP_MEM_EYECATCHER_MARKED : ZEP_MEM_EYECATCHER,
+                           size, fileHash(name, nameLength), line};
+    memcpy(header, &h, sizeof h);
+    char* user = header + kHeader;
+    if (flags & ZEP_MEM_ZERO)
+        memset(user, 0, size);
+    else if (s.flags & ZEP_MEMDBG_FILL_NEW)
+        memset(user, 0xFF, size);
+    *result = user;
+    return 0;
+}
+
+void heapFree(void** pointer, String file, Uint32 line) {
+    char* user = static_cast<char*>(*pointer);
+    bool modeZero;
+    const Uint32 size = zepMemCheckBlock(pointer, file, line, true, &modeZero);
+    if (modeZero)
+        free(user - kHeader);
+    else if (*pointer != nullptr)
+        hold(*pointer, size);
+    *pointer = nullptr;
+}
+
+// ---- areas
+
+ZEPMemAreaNode* node(char* area, Uint32 offset) {
+    return reinterpret_cast<ZEPMemAreaNode*>(area + offset);
+}
+
+void unlinkNode(char* area, Uint32 offset) {
+    ZEPMemArea* a = reinterpret_cast<ZEPMemArea*>(area);
+    ZEPMemAreaNode* n = node(area, offset);
+    if (n->prev != 0)
+        node(area, n->prev)->next = n->next;
+    else
+        a->head = n->next;
+    if (n->next != 0) node(area, n->next)->prev = n->prev;
+}
+
+// In front of the first piece that isn't strictly larger: a new piece goes ahead of its equals.
+void insertNode(char* area, Uint32 offset) {
+    ZEPMemArea* a = reinterpret_cast<ZEPMemArea*>(area);
+    ZEPMemAreaNode* n = node(area, offset);
+    Uint32 prev = 0;
+    Uint32 at = a->head;
+    while (at != 0 && node(area, at)->size > n->size) {
+        prev = at;
+        at = node(area, at)->next;
+    }
+    n->prev = prev;
+    n->next = at;
+    if (prev != 0)
+        node(area, prev)->next = offset;
+    else
+        a->head = offset;
+    if (at != 0) node(area, at)->prev = offset;
+}
+
+bool roundToGranule(Uint32 size, Uint32* rounded) {
+    if (size > 0xFFFFFFFFu - (ZEP_MEM_AREA_GRANULE - 1)) return false;
+    *rounded = (size + ZEP_MEM_AREA_GRANULE - 1) / ZEP_MEM_AREA_GRANULE * ZEP_MEM_AREA_GRANULE;
+    return true;
+}
+
+Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
+    *result = nullptr;
+    Uint32 need;
+    if (!roundToGranule(size, &need)) return ECF_NO_MEMORY;
+    ZEPMemArea* a = reinterpret_cast<ZEPMemArea*>(area);
+    zepLockGet(&a->lock);
+    // The list is sorted by descending size: the last piece that fits is the smallest, and of
+    // equal ones the oldest.
+    Uint32 found = 0;
+    for (Uint32 at = a->head; at != 0 && node(area, at)->size >= need; at = node(area, at)->next)
+        found = at;
+    if (found == 0) {
+        zepLockRelease(&a->lock);
+        return ECF_NO_MEMORY;
+    }
+    unlinkNode(area, found);
+    const Uint32 have = node(area, found)->size;
+    if (flags & ZEP_MEM_ZERO) memset(area + found, 0, need);
+    if (have > need) {
+        ZEPMemAreaNode* rest = node(area, found + need);
+        rest->size = have - need;
+        insertNode(area, found + need);
+    }
+    *result = area + found;
+    zepLockRelease(&a->lock);
+    return 0;
+}
+
+Uint32 areaFree(char* area, void* block, Uint32 size) {
+    Uint32 rounded;
+    if (size == 0 || !roundToGranule(size, &rounded)) return ECF_INVALID_PARAMETER;
+    Uint32 piece = static_cast<Uint32>(static_cast<char*>(block) - area);
+    ZEPMemAreaNode* n = node(area, piece);
+    n->next = n->prev = 0;
+    n->size = rounded;
+    ZEPMemArea* a = reinterpret_cast<ZEPMemArea*>(area);
+    zepLockGet(&a->lock);
+    // One pass merges both neighbours: the one behind joins the piece, and the piece joins the
+    // one in front, which then stands for the piece.
+    for (Uint32 at = a->head; at != 0;) {
+        const Uint32 next = node(area, at)->next;
+        if (at == piece + node(area, piece)->size) {
+            node(area, piece)->size += node(area, at)->size;
+            unlinkNode(area, at);
+        } else if (piece == at + node(area, at)->size) {
+            node(area, at)->size += node(area, piece)->size;
+            unlinkNode(area, at);
+            piece = at;
+        }
+        at = next;
+    }
+    insertNode(area, piece);
+    zepLockRelease(&a->lock);
+    return 0;
+}
+
+// A tool or a signal handler may set the flag; the next call of any thread writes the report.
+void reportIfAsked() {
+    if (__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
+        __atomic_exchange_n(&g_bDumpMemAllocListFlag, 0, __ATOMIC_ACQ_REL))
+        zepMemAllocList(1);
+}
+
+}  // namespace
+
+Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String file,
+                    Uint32 line) {
+    if (result == nullptr || size == 0 || (flags & ~(ZEP_MEM_ZERO | ZEP_MEM_MARK)) != 0)
+        return ECF_INVALID_PARAMETER;
+    reportIfAsked();
+    if (area != nullptr) return areaAlloc(result, static_cast<char*>(area), size, flags);
+    return heapAlloc(result, size, flags, file, line);
+}
+
+Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
+    if (pointer == nullptr) return ECF_INVALID_PARAMETER;
+    if (*pointer == nullptr) {
+        char text[1024];
+        zepSnprintf(text, sizeof text,
+                    "NULL pointer for memory allocation address found at: %s, line %u",
+                    file ? file : "", line);
+        zepLog(nullptr, ZEPFN_zepMemFree, ECF_MEM_NULL_POINTER, 20, ZEP_LOG_ERROR, 1, text,
+               static_cast<Uint32>(strlen(text)), ZEP_LOGDATA_STRING);
+        return ECF_MEM_NULL_POINTER;
+    }
+    reportIfAsked();
+    if (area != nullptr) return areaFree(static_cast<char*>(area), *pointer, size);
+    heapFree(pointer, file, line);
+    return 0;
+}
+
+Uint32 zepMemAreaInit(void* area, Uint32 size) {
+    if (size < ZEP_MEM_AREA_HEAD_SIZE) return 0;
+    char* base = static_cast<char*>(area);
+    ZEPMemArea* a = reinterpret_cast<ZEPMemArea*>(base);
+    const Uint32 usable =
+        (size - ZEP_MEM_AREA_HEAD_SIZE) / ZEP_MEM_AREA_GRANULE * ZEP_MEM_AREA_GRANULE;
+    memset(a, 0, sizeof *a);
+    a->lock = ZEPLOCK_UNLOCKED;
+    a->reserved = 0;
+    a->usable = usable;
+    a->head = 0;
+    if (usable >= ZEP_MEM_AREA_GRANULE) {
+        ZEPMemAreaNode* first = node(base, ZEP_MEM_AREA_HEAD_SIZE);
+        first->next = first->prev = 0;
+        first->size = usable;
+        a->head = ZEP_MEM_AREA_HEAD_SIZE;
+    }
+    return 0;
+}
