@@ -8,6 +8,7 @@
 #include "zeplib.h"
 #include "zepatomic.h"
 #include "zeplatch.h"
+#include "zepmemdbg.h"
 
 Bool g_bIsPlatformID_Win32OnNT = 0;
 Bool g_bIsPlatformID_Win2k = 0;
@@ -37,7 +38,7 @@ __attribute__((constructor)) void zepStartupPass() {
 
     zepLatchTuneForProcessors();
     zepTickRegisterTest();
-    // step 3: memory debugging
+    zepMemOneTimeOnly();
     setPlatformFlags();
 }
 
