@@ -1,5 +1,6 @@
 // zeplib.cpp - lifecycle calls and identities.
 #include "zeplib.h"
+#include "zepmemdbg.h"
 
 #include "zepos.h"
 
@@ -8,8 +9,7 @@ Uint32 vrnzThisIsAVRNLibrary = 0;
 void zepOneTimeOnly(void) {}
 
 void zepTerminate(void) {
-    // The report of live blocks at process end comes with the memory debugger; until then there
-    // is nothing to write.
+    if (zepMemIsMemFFDCAndZEPeMemDebugPathSet()) zepMemAllocList(1);
 }
 
 Uint32 zepThreadID(void) { return zepos::GetCurrentThreadId(); }
