@@ -27,4 +27,10 @@
 
 #include "rambo.h"
 
+// memory: begin
+#include "zepprimfile.h"
+#include "zepassert.h"
+#include "zepmemory.h"
+// memory: end
+
 #endif
