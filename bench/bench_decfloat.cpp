@@ -178,6 +178,8 @@ public:
         for (const Run& r : runs) {
             if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
             std::string name = r.run_name.str();
+            const size_t repeats = name.find("/repeats:");
+            if (repeats != std::string::npos) name.erase(repeats);
             medians_[name] = r.GetAdjustedRealTime();
             if (std::find(order_.begin(), order_.end(), name) == order_.end())
                 order_.push_back(name);
@@ -194,7 +196,7 @@ public:
             for (const std::string& peer : order_) {
                 if (peer.rfind(peerPrefix, 0) != 0) continue;
                 const double a = medians_[zep], b = medians_[peer];
-                printf("  %-24s %8.1f ns  vs %-30s %8.1f ns  ratio %.2f\n", zep.c_str(), a,
+                printf("  %-24s %8.1f ns  vs %-34s %8.1f ns  ratio %.2f\n", zep.c_str(), a,
                        peer.substr(slash + 1).c_str(), b, a / b);
             }
         }

@@ -3,9 +3,10 @@
 // Reading works on the digits of the text itself: the digits that fit the precision are taken
 // as they stand, and the discarded ones are only looked at to form the residue, so a text of
 // any length is read without a work area and without allocation (insufficient storage, which a
-// copy of a long text into a heap area could raise, cannot arise here). The rounded digits are
-// kept one per byte while the number is finalised and are packed into base-10000 units once,
-// at the end.
+// copy of a long text into a heap area could raise, cannot arise here). The common number, whose
+// digits fit and whose exponent is in range, goes from the text to base-10000 units eight
+// characters at a time; any other is kept one digit per byte while it is rounded and finalised,
+// and packed into units at the end. Writing turns units back into characters eight at a time.
 //
 // The residue summarises what rounding discarded: 0 nothing, below 5 less than half a unit of
 // the last place, 5 exactly half, above 5 more than half. The first discarded digit gives 0, 3,

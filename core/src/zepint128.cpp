@@ -184,33 +184,17 @@ Sint32 int128::tostr(Char* buffer, Uint32 size, bool isSigned) const {
     return (Sint32)(sign + count);
 }
 
-Uint128::Uint128(float v) {
-    U128 r = fromFloat(v, false);
-    low = (Uint64)r;
-    high = (Uint64)(r >> 64);
-}
+Uint128::Uint128(float v) : Uint128(fromU128(fromFloat(v, false))) {}
 
-Uint128::Uint128(double v) {
-    U128 r = fromDouble(v, false);
-    low = (Uint64)r;
-    high = (Uint64)(r >> 64);
-}
+Uint128::Uint128(double v) : Uint128(fromU128(fromDouble(v, false))) {}
 
 Uint128::operator double() const {
     return magnitudeToDouble(toU128(*this));
 }
 
-Sint128::Sint128(float v) {
-    U128 r = fromFloat(v, true);
-    low = (Uint64)r;
-    high = (Uint64)(r >> 64);
-}
+Sint128::Sint128(float v) : Sint128(fromU128(fromFloat(v, true))) {}
 
-Sint128::Sint128(double v) {
-    U128 r = fromDouble(v, true);
-    low = (Uint64)r;
-    high = (Uint64)(r >> 64);
-}
+Sint128::Sint128(double v) : Sint128(fromU128(fromDouble(v, true))) {}
 
 Sint128::operator double() const {
     U128 v = toU128(*this);
