@@ -257,6 +257,19 @@ int _isatty(int descriptor) {
 
 namespace fd {
 
+namespace {
+
+// The kernel says EBADF for a descriptor opened without the access, too; the platform tells that
+// apart as a refused access.
+BOOL failTransfer(int descriptor) {
+    const int err = errno;
+    SetLastError(err == EBADF && fcntl(descriptor, F_GETFL) >= 0 ? ERROR_ACCESS_DENIED
+                                                                  : TranslateErrno(err));
+    return 0;
+}
+
+}  // namespace
+
 int GetStdHandle(Uint32 which) {
     int d;
     switch (which) {
@@ -351,10 +364,7 @@ BOOL WriteFile(int descriptor, const void* buffer, Uint32 toWrite, Uint32* writt
     ssize_t n;
     do n = ::write(descriptor, buffer, toWrite);
     while (n < 0 && errno == EINTR);
-    if (n < 0) {
-        SetLastErrorFromErrno();
-        return 0;
-    }
+    if (n < 0) return failTransfer(descriptor);
     *written = static_cast<Uint32>(n);
     return 1;
 }
@@ -362,10 +372,7 @@ BOOL WriteFile(int descriptor, const void* buffer, Uint32 toWrite, Uint32* writt
 BOOL ReadFile(int descriptor, void* buffer, Uint32 toRead, Uint32* read) {
     *read = 0;
     ssize_t n = readSome(descriptor, buffer, toRead);
-    if (n < 0) {
-        SetLastErrorFromErrno();
-        return 0;
-    }
+    if (n < 0) return failTransfer(descriptor);
     *read = static_cast<Uint32>(n);
     return 1;
 }

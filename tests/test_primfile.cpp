@@ -1,0 +1,179 @@
+// The primitive file: platform error numbers, the open flags, the unchecked write, the 2,047-byte
+// cut of fwrite, sizes and offsets, and the console.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "zep.h"
+#include "zepos.h"
+
+namespace {
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+class PrimFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/zepprimXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override {
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+    std::string at(const char* name) { return dir_ + "/" + name; }
+    std::string dir_;
+};
+
+TEST_F(PrimFile, NeverOpened) {
+    ZEPPrimitiveFileOp f;
+    EXPECT_FALSE(f.isValid());
+    EXPECT_EQ(f.write("text", 4), 0u);
+    EXPECT_EQ(f.write("text", 0), 0u);
+    // read stores 0 and hands back whatever the last error is: nothing is called.
+    zepos::SetLastError(1234);
+    Uint32 got = 99;
+    char buffer[8];
+    EXPECT_EQ(f.read(sizeof buffer, buffer, &got), 1234u);
+    EXPECT_EQ(got, 0u);
+    ZEPPrimitiveFileOp::offsetType size = {77};
+    EXPECT_EQ(f.getSize(&size), static_cast<Uint32>(zepos::ERROR_INVALID_HANDLE));
+    EXPECT_EQ(size.offset, 0u);
+    f.close();  // nothing to close, nothing happens
+    f.seekToEnd();
+}
+
+TEST_F(PrimFile, OpenFlags) {
+    // Read only, on a missing file: the platform's "not found"; with 0x19 too, as bit 0x8 keeps
+    // the create bit from counting.
+    ZEPPrimitiveFileOp a;
+    EXPECT_EQ(a.open(at("missing").c_str(), 0x1), 2u);
+    EXPECT_FALSE(a.isValid());
+    ZEPPrimitiveFileOp b;
+    EXPECT_EQ(b.open(at("missing").c_str(), 0x19), 2u);
+    EXPECT_FALSE(exists(at("missing")));
+    ZEPPrimitiveFileOp c;
+    EXPECT_EQ(c.open(at("nodir/file").c_str(), 0x14), 3u);
+    ZEPPrimitiveFileOp d;
+    EXPECT_EQ(d.open(dir_.c_str(), 0x1), 5u);  // a directory is no file
+
+    // 0x11 creates the file for reading.
+    ZEPPrimitiveFileOp e;
+    EXPECT_EQ(e.open(at("created").c_str(), 0x11), 0u);
+    EXPECT_TRUE(e.isValid());
+    EXPECT_TRUE(exists(at("created")));
+    // Read access only: a write fails with the platform's refused access.
+    EXPECT_EQ(e.write("x", 1), 5u);
+    e.close();
+    // close leaves the handle as it was.
+    EXPECT_TRUE(e.isValid());
+
+    // Write only (0x2) on an existing file, from its start.
+    ZEPPrimitiveFileOp w;
+    ASSERT_EQ(w.open(at("created").c_str(), 0x2), 0u);
+    EXPECT_EQ(w.write("hello", 0), 0u);
+    char buffer[8];
+    Uint32 got = 9;
+    EXPECT_EQ(w.read(sizeof buffer, buffer, &got), 5u);
+    EXPECT_EQ(got, 0u);
+    w.close();
+    EXPECT_EQ(slurp(at("created")), "hello");
+}
+
+TEST_F(PrimFile, WriteReadSizeAndOffsets) {
+    ZEPPrimitiveFileOp f;
+    ASSERT_EQ(f.open(at("data").c_str(), 0x14), 0u);
+    EXPECT_EQ(f.write("", 0), 0u);  // an empty string writes nothing
+    ZEPPrimitiveFileOp::offsetType size = {5};
+    EXPECT_EQ(f.getSize(&size), 0u);
+    EXPECT_EQ(size.offset, 0u);
+
+    EXPECT_EQ(f.write("0123456789", 0), 0u);
+    EXPECT_EQ(f.write("abc\0def", 7), 0u);  // an explicit length passes the terminator
+    EXPECT_EQ(f.getCurrentOffset().offset, 17u);
+    ASSERT_EQ(f.getSize(&size), 0u);
+    EXPECT_EQ(size.offset, 17u);
+
+    f.seekToOffset({4});
+    EXPECT_EQ(f.getCurrentOffset().offset, 4u);
+    char buffer[32] = {};
+    Uint32 got = 0;
+    EXPECT_EQ(f.read(5, buffer, &got), 0u);
+    EXPECT_EQ(got, 5u);
+    EXPECT_EQ(std::string(buffer, 5), "45678");
+    // At the end a read succeeds with 0 bytes.
+    f.seekToEnd();
+    EXPECT_EQ(f.getCurrentOffset().offset, 17u);
+    EXPECT_EQ(f.read(sizeof buffer, buffer, &got), 0u);
+    EXPECT_EQ(got, 0u);
+    f.fwrite("%s=%u;", "n", 42u);
+    f.close();
+    EXPECT_EQ(slurp(at("data")), std::string("0123456789abc\0defn=42;", 22));
+
+    // A second object opens the same file again at its start: the class never truncates.
+    ZEPPrimitiveFileOp g;
+    ASSERT_EQ(g.open(at("data").c_str(), 0x14), 0u);
+    EXPECT_EQ(g.getCurrentOffset().offset, 0u);
+    EXPECT_EQ(g.write("XY", 0), 0u);
+    g.close();
+    EXPECT_EQ(slurp(at("data")).substr(0, 4), "XY23");
+}
+
+TEST_F(PrimFile, FwriteCutsAt2047) {
+    std::string big(3000, 'q');
+    big[2046] = 'L';  // the last byte that fits
+    big[2047] = 'X';  // the first that doesn't
+    ZEPPrimitiveFileOp f;
+    ASSERT_EQ(f.open(at("long").c_str(), 0x14), 0u);
+    f.fwrite("%s", big.c_str());
+    f.fwrite("%d", 7);
+    f.close();
+    std::string text = slurp(at("long"));
+    ASSERT_EQ(text.size(), 2048u);
+    EXPECT_EQ(text[2046], 'L');
+    EXPECT_EQ(text.back(), '7');
+}
+
+TEST_F(PrimFile, ConsoleIsStandardOutputAndOutlivesClose) {
+    fflush(stdout);
+    int saved = dup(1);
+    ASSERT_GE(saved, 0);
+    int out = ::open(at("console").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+    ASSERT_GE(out, 0);
+    ASSERT_EQ(dup2(out, 1), 1);
+    close(out);
+
+    ZEPPrimitiveFileOp f;
+    f.openConsole();
+    bool valid = f.isValid();
+    Uint32 rc = f.write("to the console\n", 0);
+    f.close();
+    // Standard output is still open after close.
+    bool stillOpen = fcntl(1, F_GETFD) >= 0;
+
+    ASSERT_EQ(dup2(saved, 1), 1);
+    close(saved);
+    EXPECT_TRUE(valid);
+    EXPECT_EQ(rc, 0u);
+    EXPECT_TRUE(stillOpen);
+    EXPECT_EQ(slurp(at("console")), "to the console\n");
+}
+
+}  // namespace
