@@ -33,4 +33,9 @@
 #include "zepmemory.h"
 // memory: end
 
+// trace: begin
+#include "gtmask.h"
+#include "zeptsd.h"
+// trace: end
+
 #endif
