@@ -1,0 +1,367 @@
+// The allocator: argument rules, the file hash, the null free's log record, and areas: rounding
+// to 12, best fit with its tie rule, exact fit, exhaustion, merging in every order and against a
+// model of random use, and one area used by threads and by two processes at once.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zep.h"
+
+namespace {
+
+// ---- reading an area back
+
+struct Piece {
+    Uint32 offset, size;
+    bool operator==(const Piece& o) const { return offset == o.offset && size == o.size; }
+};
+
+const ZEPMemAreaNode* nodeAt(const void* area, Uint32 offset) {
+    return reinterpret_cast<const ZEPMemAreaNode*>(static_cast<const char*>(area) + offset);
+}
+
+// The free list from the head, checking its links and its order on the way.
+std::vector<Piece> freeList(const void* area) {
+    std::vector<Piece> list;
+    const ZEPMemArea* a = static_cast<const ZEPMemArea*>(area);
+    Uint32 prev = 0;
+    for (Uint32 at = a->head; at != 0; at = nodeAt(area, at)->next) {
+        const ZEPMemAreaNode* n = nodeAt(area, at);
+        EXPECT_EQ(n->prev, prev) << "at " << at;
+        EXPECT_EQ(n->size % 12, 0u);
+        if (!list.empty()) {
+            EXPECT_GE(list.back().size, n->size) << "descending sizes";
+        }
+        list.push_back({at, n->size});
+        prev = at;
+        if (list.size() > 100000) break;
+    }
+    return list;
+}
+
+Uint32 offsetOf(const void* area, const void* block) {
+    return static_cast<Uint32>(static_cast<const char*>(block) - static_cast<const char*>(area));
+}
+
+struct Area {
+    explicit Area(Uint32 size) : bytes(size + 64), size(size) {
+        EXPECT_EQ(zepMemAreaInit(base(), size), 0u);
+    }
+    void* base() { return bytes.data(); }
+    void* alloc(Uint32 n, Uint32 flags = 0) {
+        void* p = nullptr;
+        EXPECT_EQ(zepMemAlloc(&p, base(), n, flags), 0u) << n;
+        return p;
+    }
+    void release(void* p, Uint32 n) {
+        void* q = p;
+        EXPECT_EQ(zepMemFree(&q, base(), n), 0u);
+        EXPECT_EQ(q, p);  // an area's free leaves the pointer
+    }
+    std::vector<Piece> list() { return freeList(base()); }
+    std::vector<char> bytes;
+    Uint32 size;
+};
+
+TEST(Alloc, Arguments) {
+    void* p = reinterpret_cast<void*>(1);
+    EXPECT_EQ(zepMemAlloc(&p, nullptr, 0, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepMemAlloc(&p, nullptr, 8, 4), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepMemAlloc(&p, nullptr, 8, 0x80000000u), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepMemAlloc(nullptr, nullptr, 8, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepMemFree(nullptr, nullptr, 0), ECF_INVALID_PARAMETER);
+    ASSERT_EQ(zepMemAlloc(&p, nullptr, 8, 3), 0u);
+    EXPECT_EQ(static_cast<Uint8*>(p)[7], 0u);
+    Uint32 eye;
+    memcpy(&eye, static_cast<char*>(p) - 16, 4);
+    EXPECT_EQ(eye, ZEP_MEM_EYECATCHER_MARKED);
+    EXPECT_EQ(zepMemFree(&p, nullptr, 0), 0u);
+    EXPECT_EQ(p, nullptr);
+
+    Area area(100);
+    EXPECT_EQ(zepMemAlloc(&p, area.base(), 0, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepMemAlloc(&p, area.base(), 12, 4), ECF_INVALID_PARAMETER);
+}
+
+TEST(Alloc, FileHashOfTheBaseName) {
+    struct {
+        const char* file;
+        Uint32 hash;
+    } cases[] = {
+        {"ab", 0x6162},          {"/x/y\\ab", 0x6162},           {"abcdef", 0x61620602},
+        {"abcdefg", 0x2DABC9E3}, {"a/zepalloc.cpp", 0x25E7E292}, {"", 0},
+    };
+    for (const auto& c : cases) {
+        void* p = nullptr;
+        ASSERT_EQ(_zepMemAlloc(&p, nullptr, 4, 0, c.file, 1), 0u);
+        Uint32 hash;
+        memcpy(&hash, static_cast<char*>(p) - 8, 4);
+        EXPECT_EQ(hash, c.hash) << c.file;
+        zepMemFree(&p, nullptr, 0);
+    }
+}
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+TEST(Alloc, NullAddressIsLogged) {
+    char tmpl[] = "/tmp/zepallocXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string log = std::string(tmpl) + "/zep.log";
+    ZEPLogFacilityParam param;
+    snprintf(param.path, sizeof param.path, "%s", log.c_str());
+    snprintf(param.name, sizeof param.name, "alloc");
+    param.level = ZEP_LOG_INFO;
+    param.target = ZEP_LOG_TARGET_FILE;
+    param.permissions = 0644;
+    ASSERT_EQ(zepLogFacOpen(&param, nullptr), 0u);
+    void* null = nullptr;
+    EXPECT_EQ(_zepMemFree(&null, nullptr, 0, "some/where.cpp", 321), ECF_MEM_NULL_POINTER);
+    Area area(100);
+    EXPECT_EQ(_zepMemFree(&null, area.base(), 12, "area.cpp", 9), ECF_MEM_NULL_POINTER);
+    zepLogFacClose(nullptr);
+    std::string text = slurp(log);
+    const std::string message =
+        "NULL pointer for memory allocation address found at: some/where.cpp, line 321";
+    EXPECT_NE(text.find(" LEVEL: Error\r\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("FUNCTION: VRN Common, ZEPe, zepMemFree, probe:20\r\n"
+                        "MESSAGE : ECF=0x900003EE The address provided is NULL\r\n"
+                        "DATA #1 : String, " +
+                        std::to_string(message.size()) + " bytes\r\n" + message + "\r\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("found at: area.cpp, line 9"), std::string::npos);
+    std::string cmd = std::string("rm -rf '") + tmpl + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+}
+
+TEST(Area, InitRoundingExactFitAndExhaustion) {
+    Area a(100);
+    const ZEPMemArea* head = static_cast<const ZEPMemArea*>(a.base());
+    EXPECT_EQ(head->lock, 0);
+    EXPECT_EQ(head->reserved, 0u);
+    EXPECT_EQ(head->usable, 84u);
+    EXPECT_EQ(head->head, 16u);
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 84}}));
+
+    // 13 bytes take 24: the rest starts 24 bytes further.
+    void* p = a.alloc(13);
+    EXPECT_EQ(offsetOf(a.base(), p), 16u);
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{40, 60}}));
+    // Exactly the rest: no remainder, an empty list, and then no memory.
+    void* q = a.alloc(60);
+    EXPECT_EQ(offsetOf(a.base(), q), 40u);
+    EXPECT_EQ(head->head, 0u);
+    void* r = reinterpret_cast<void*>(1);
+    EXPECT_EQ(zepMemAlloc(&r, a.base(), 1, 0), ECF_NO_MEMORY);
+    EXPECT_EQ(r, nullptr);
+    a.release(p, 13);
+    a.release(q, 60);
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 84}}));
+
+    // 16 + 12n bytes: one block of 12n bytes, then nothing.
+    Area b(16 + 12 * 50);
+    void* all = b.alloc(600);
+    EXPECT_EQ(zepMemAlloc(&r, b.base(), 1, 0), ECF_NO_MEMORY);
+    EXPECT_EQ(zepMemAlloc(&r, b.base(), 601, 0), ECF_NO_MEMORY);
+    b.release(all, 600);
+    EXPECT_EQ(zepMemAlloc(&r, b.base(), 601, 0), ECF_NO_MEMORY);
+    EXPECT_EQ(b.list(), (std::vector<Piece>{{16, 600}}));
+
+    // Sizes that aren't a multiple of 12 lose the rest; the lowest size with a node is 28.
+    Area c(27);
+    EXPECT_EQ(static_cast<const ZEPMemArea*>(c.base())->usable, 0u);
+    EXPECT_EQ(static_cast<const ZEPMemArea*>(c.base())->head, 0u);
+    Area d(28);
+    EXPECT_EQ(d.list(), (std::vector<Piece>{{16, 12}}));
+}
+
+TEST(Area, BestFitTakesTheOlderOfEqualPieces) {
+    // Six blocks fill the area: A 24, B 12, C 24, D 12, E 36, F 12.
+    Area a(16 + 120);
+    void* A = a.alloc(24);
+    void* B = a.alloc(12);
+    void* C = a.alloc(24);
+    void* D = a.alloc(12);
+    void* E = a.alloc(36);
+    void* F = a.alloc(12);
+    EXPECT_EQ(a.list(), std::vector<Piece>{});
+    memset(E, 0x5A, 36);
+    a.release(A, 24);
+    a.release(C, 24);
+    a.release(E, 36);
+    // New pieces go ahead of their equals: 36, C, A.
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{offsetOf(a.base(), E), 36},
+                                            {offsetOf(a.base(), C), 24},
+                                            {offsetOf(a.base(), A), 24}}));
+    // 20 bytes: the smallest piece that fits, and of the two the one freed first.
+    EXPECT_EQ(a.alloc(20), A);
+    EXPECT_EQ(a.alloc(20), C);
+    // Zeroing clears the rounded size and leaves the rest a node.
+    void* z = a.alloc(13, ZEP_MEM_ZERO);
+    EXPECT_EQ(z, E);
+    for (int i = 0; i < 24; ++i) EXPECT_EQ(static_cast<char*>(z)[i], 0) << i;
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{offsetOf(a.base(), E) + 24, 12}}));
+    for (void* p : {B, D, F}) a.release(p, 12);
+    a.release(A, 20);
+    a.release(C, 20);
+    a.release(z, 13);
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 120}}));
+}
+
+TEST(Area, MergingInEveryOrder) {
+    // Three neighbours and a fourth that stays, so the ends matter: every order of freeing
+    // the three gives one piece.
+    std::vector<int> order = {0, 1, 2};
+    do {
+        Area a(16 + 12 * 10);
+        void* blocks[3] = {a.alloc(24), a.alloc(36), a.alloc(12)};
+        void* last = a.alloc(48);
+        const Uint32 sizes[3] = {24, 36, 12};
+        for (int i : order) a.release(blocks[i], sizes[i]);
+        EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 72}})) << order[0] << order[1] << order[2];
+        a.release(last, 48);
+        EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 120}}));
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+// The model: the blocks handed out. The free list must be exactly the gaps between them, each
+// gap one piece; an allocation must take the last piece of the list that fits.
+TEST(Area, RandomUseAgainstAModel) {
+    std::mt19937 rng(20240611);
+    for (int round = 0; round < 20; ++round) {
+        const Uint32 usable = 12 * (20 + rng() % 200);
+        Area a(16 + usable);
+        std::map<Uint32, Uint32> live;  // offset -> rounded size
+        for (int step = 0; step < 400; ++step) {
+            if (live.empty() || rng() % 5 < 3) {
+                Uint32 size = 1 + rng() % 120;
+                Uint32 need = (size + 11) / 12 * 12;
+                std::vector<Piece> before = a.list();
+                Uint32 expected = 0;
+                for (const Piece& p : before)
+                    if (p.size >= need) expected = p.offset;
+                void* p = nullptr;
+                Uint32 rc = zepMemAlloc(&p, a.base(), size, 0);
+                if (expected == 0) {
+                    ASSERT_EQ(rc, ECF_NO_MEMORY);
+                    continue;
+                }
+                ASSERT_EQ(rc, 0u);
+                ASSERT_EQ(offsetOf(a.base(), p), expected);
+                live[expected] = need;
+            } else {
+                auto it = live.begin();
+                std::advance(it, rng() % live.size());
+                // Any size that rounds to the same granules frees the same piece.
+                void* p = static_cast<char*>(a.base()) + it->first;
+                a.release(p, it->second - static_cast<Uint32>(rng() % 12));
+                live.erase(it);
+            }
+            std::vector<Piece> gaps;
+            Uint32 at = 16;
+            for (const auto& [offset, size] : live) {
+                if (offset > at) gaps.push_back({at, offset - at});
+                at = offset + size;
+            }
+            if (at < 16 + usable) gaps.push_back({at, 16 + usable - at});
+            std::vector<Piece> list = a.list();
+            std::sort(list.begin(), list.end(),
+                      [](const Piece& x, const Piece& y) { return x.offset < y.offset; });
+            ASSERT_EQ(list, gaps) << "round " << round << " step " << step;
+        }
+        for (const auto& [offset, size] : live)
+            a.release(static_cast<char*>(a.base()) + offset, size);
+        EXPECT_EQ(a.list(), (std::vector<Piece>{{16, usable}}));
+    }
+}
+
+TEST(Area, ThreadsShareOneArea) {
+    Area a(16 + 12 * 4000);
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(t);
+            std::vector<std::pair<Uint8*, Uint32>> mine;
+            for (int i = 0; i < 3000; ++i) {
+                if (mine.size() < 20 && (mine.empty() || rng() % 3)) {
+                    Uint32 size = 1 + rng() % 100;
+                    void* p = nullptr;
+                    if (zepMemAlloc(&p, a.base(), size, 0) != 0) continue;
+                    memset(p, t + 1, size);
+                    mine.push_back({static_cast<Uint8*>(p), size});
+                } else {
+                    auto [p, size] = mine.back();
+                    mine.pop_back();
+                    for (Uint32 k = 0; k < size; ++k)
+                        if (p[k] != t + 1) {
+                            ++failures;
+                            break;
+                        }
+                    void* q = p;
+                    zepMemFree(&q, a.base(), size);
+                }
+            }
+            for (auto [p, size] : mine) {
+                void* q = p;
+                zepMemFree(&q, a.base(), size);
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 12 * 4000}}));
+}
+
+TEST(Area, TwoProcessesShareOneAreaInSharedMemory) {
+    char name[] = "/tmp/zepareaXXXXXX";
+    int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    const Uint32 size = 16 + 12 * 1000;
+    ASSERT_EQ(ftruncate(fd, size), 0);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    ASSERT_NE(base, MAP_FAILED);
+    ASSERT_EQ(zepMemAreaInit(base, size), 0u);
+
+    const std::string helper = std::string(ZEP_TEST_BIN_DIR) + "/helper_memdbg";
+    pid_t children[2];
+    for (int i = 0; i < 2; ++i) {
+        children[i] = fork();
+        if (children[i] == 0) {
+            std::string seed = std::to_string(i + 1);
+            execl(helper.c_str(), helper.c_str(), "area", name, "200000", seed.c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    // Everything came back: one node of the usable size.
+    EXPECT_EQ(freeList(base), (std::vector<Piece>{{16, 12 * 1000}}));
+    EXPECT_EQ(static_cast<const ZEPMemArea*>(base)->lock, 0);
+    munmap(base, size);
+    unlink(name);
+}
+
+}  // namespace
