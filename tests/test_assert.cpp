@@ -67,7 +67,7 @@ std::string blankTime(std::string text) {
 
 std::string dumpOf(const void* data, Uint32 length) {
     char dump[4096];
-    zepHexDumpToBuffer(data, length, dump, sizeof dump, nullptr, ZEP_HEXDUMP_ADDRESS);
+    zepHexDumpToBuffer(data, length, dump, sizeof dump, "", ZEP_HEXDUMP_ADDRESS);
     return dump;
 }
 

@@ -45,8 +45,10 @@ Uint32 collectPairs(va_list ap, ZEPAssertPair* pairs) {
     return n;
 }
 
+// No prefix, given as an empty one: the dump copies the prefix with memcpy, which must not be
+// handed a null pointer even for no bytes.
 void dumpPair(const ZEPAssertPair& pair, char* dump) {
-    zepHexDumpToBuffer(pair.data, pair.length, dump, kDumpSize, nullptr, ZEP_HEXDUMP_ADDRESS);
+    zepHexDumpToBuffer(pair.data, pair.length, dump, kDumpSize, "", ZEP_HEXDUMP_ADDRESS);
 }
 
 void toConsole(const char* head, const ZEPAssertPair* pairs, Uint32 count) {
