@@ -43,20 +43,29 @@ protected:
     }
     void TearDown() override {
         zepLogFacClose(nullptr);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
     void open(Uint32 level = ZEP_LOG_INFO, Uint32 target = ZEP_LOG_TARGET_FILE,
               ZEPLogFacility* f = nullptr) {
         ZEPLogFacilityParam p;
         snprintf(p.path, sizeof p.path, "%s", path_.c_str());
         snprintf(p.name, sizeof p.name, "zeptest");
-        p.level = level;
-        p.target = target;
-        p.permissions = 0644;
+        p.level = level, p.target = target, p.permissions = 0644;
         ASSERT_EQ(zepLogFacOpen(&p, f), 0u);
     }
     std::string log() { return slurp(path_); }
+    off_t size() {
+        struct stat st;
+        return stat(path_.c_str(), &st) == 0 ? st.st_size : 0;
+    }
+    // Runs the zeplog tool: its exit status, and texts its output has.
+    void expectTool(const std::string& args, int status, std::vector<std::string> says = {}) {
+        const std::string out = dir_ + "/tool.out";
+        int st = system((ZEP_TOOL_BIN_DIR "/zeplog " + args + " > " + out + " 2>&1").c_str());
+        EXPECT_EQ(WIFEXITED(st) ? WEXITSTATUS(st) : -1, status) << args;
+        for (const std::string& s : says)
+            EXPECT_NE(slurp(out).find(s), std::string::npos) << args << "\n" << slurp(out);
+    }
     std::string dir_, path_;
 };
 
@@ -72,20 +81,16 @@ TEST_F(Log, WorkedRecordOfAFailingRename) {
     std::vector<std::string> l = lines(text);
     ASSERT_EQ(l.size(), 10u) << text;
     EXPECT_EQ(l[0], "");
-    // 26-character local time stamp, zone, the location field, " LEVEL: ".
-    // "YYYY-MM-DD-hh.mm.ss.uuu000" then the zone "+hhh" or "-hhh".
-    const std::string shape = "dddd-dd-dd-dd.dd.dd.ddd000sddd";
-    ASSERT_GE(l[1].size(), shape.size());
-    for (size_t i = 0; i < shape.size(); ++i) {
-        char c = l[1][i];
-        bool ok = shape[i] == 'd' ? isdigit(static_cast<unsigned char>(c)) != 0
-                  : shape[i] == 's' ? c == '+' || c == '-'
-                                    : (shape[i] == '0' ? c == '0' : c == shape[i]);
-        EXPECT_TRUE(ok) << "column " << i << " of " << l[1];
-    }
-    EXPECT_EQ(l[1].substr(30), " I2H" + std::to_string(text.size() - 2) +
-                                   std::string(17 - 3 - std::to_string(text.size() - 2).size(), ' ') +
-                                   "  LEVEL: Info (OS)");
+    // "YYYY-MM-DD-hh.mm.ss.uuu000" local time, the zone "+hhh" or "-hhh", the location field
+    // (offset 2 and the record's length), " LEVEL: ".
+    std::string stamp = l[1].substr(0, 30);
+    for (char& c : stamp) c = isdigit(static_cast<unsigned char>(c)) ? 'd' : c;
+    if (stamp[26] == '-') stamp[26] = '+';
+    EXPECT_EQ(stamp, "dddd-dd-dd-dd.dd.dd.dddddd+ddd") << l[1];
+    EXPECT_EQ(l[1].substr(23, 3), "000");
+    const std::string field = "I2H" + std::to_string(text.size() - 2);
+    EXPECT_EQ(l[1].substr(30),
+              " " + field + std::string(17 - field.size(), ' ') + "  LEVEL: Info (OS)");
     EXPECT_EQ(l[1].find(" LEVEL: "), 49u);
     char pid[64];
     snprintf(pid, sizeof pid, "PID     : %-21uTID : %u", getpid(), static_cast<unsigned>(gettid()));
@@ -101,44 +106,32 @@ TEST_F(Log, WorkedRecordOfAFailingRename) {
     EXPECT_EQ(text.substr(text.size() - 3), "b\r\n");
 }
 
-TEST_F(Log, LocationFieldsChainRecords) {
+TEST_F(Log, LocationFields) {
+    // Each record's field is its own offset and length: together they walk the file.
     open();
     for (int i = 0; i < 3; ++i) zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0);
     std::string text = log();
     size_t pos = 0;
-    int n = 0;
-    while (pos < text.size()) {
+    for (int n = 0; n < 3; ++n) {
         ASSERT_EQ(text.compare(pos, 2, "\r\n"), 0);
-        char field[18] = {};
-        memcpy(field, text.data() + pos + 33, 17);
         unsigned long long off = 0, len = 0;
-        ASSERT_EQ(sscanf(field, "I%lluH%llu", &off, &len), 2) << field;
+        ASSERT_EQ(sscanf(text.substr(pos + 33, 17).c_str(), "I%lluH%llu", &off, &len), 2);
         EXPECT_EQ(off, pos + 2);
         EXPECT_EQ(text[pos + 50], ' ');
         pos = off + len;
-        ++n;
     }
     EXPECT_EQ(pos, text.size());
-    EXPECT_EQ(n, 3);
-}
 
-TEST_F(Log, LongLocationFieldIsCutBeforeLevel) {
     // A sparse file puts the next record at a 13-digit offset: the field would have 18
     // characters and is cut to 17, leaving " LEVEL: " where it belongs.
     const long long kAt = 1000000000000LL;
-    int fd = ::open(path_.c_str(), O_CREAT | O_WRONLY, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, kAt), 0);
-    close(fd);
-    open();
+    ASSERT_EQ(truncate(path_.c_str(), kAt), 0);
     ASSERT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0), 0u);
-    struct stat st;
-    ASSERT_EQ(stat(path_.c_str(), &st), 0);
-    fd = ::open(path_.c_str(), O_RDONLY);
+    int fd = ::open(path_.c_str(), O_RDONLY);
     char rec[128] = {};
     ASSERT_EQ(pread(fd, rec, 100, kAt), 100);
     close(fd);
-    std::string field = "I" + std::to_string(kAt + 2) + "H" + std::to_string(st.st_size - kAt - 2);
+    std::string field = "I" + std::to_string(kAt + 2) + "H" + std::to_string(size() - kAt - 2);
     ASSERT_EQ(field.size(), 18u);
     EXPECT_EQ(std::string(rec + 33, 17), field.substr(0, 17));
     EXPECT_EQ(std::string(rec + 50, 9), "  LEVEL: ");
@@ -150,13 +143,11 @@ TEST_F(Log, LevelRule) {
         open(facility);
         unlink(path_.c_str());
         for (Uint32 record = 0; record <= 6; ++record) {
-            off_t before = 0;
-            struct stat st;
-            if (stat(path_.c_str(), &st) == 0) before = st.st_size;
+            const off_t before = size();
             EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, record, 0), 0u);
-            off_t after = stat(path_.c_str(), &st) == 0 ? st.st_size : 0;
-            bool expected = facility == 5 ? record == 5
-                                          : record == 5 || (record != 0 && record <= facility);
+            const off_t after = size();
+            bool expected =
+                facility == 5 ? record == 5 : record == 5 || (record != 0 && record <= facility);
             EXPECT_EQ(after > before, expected) << "facility " << facility << " record " << record;
         }
     }
@@ -173,20 +164,21 @@ TEST_F(Log, FacilityCalls) {
     EXPECT_EQ(p.version, 0x09010007u);
     snprintf(p.name, sizeof p.name, "n");
     p.level = 4;
-    p.target = 3;
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
-    p.target = ZEP_LOG_TARGET_FILE;  // with an empty path
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
     p.target = ZEP_LOG_TARGET_EVENTLOG;  // needs no path
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), 0u);
-    p.level = 6;
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
-    p.level = 4;
-    p.name[0] = 0;
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
-    p.version = 20040701;
-    EXPECT_EQ(zepLogFacOpen(&p, nullptr), ECF_INVALID_PARAMETER);
+    // One thing wrong at a time.
+    using P = ZEPLogFacilityParam;
+    auto refused = [&](void (*change)(P&)) {
+        P q = p;
+        change(q);
+        return zepLogFacOpen(&q, nullptr) == ECF_INVALID_PARAMETER;
+    };
+    EXPECT_TRUE(refused([](P& q) { q.target = 3; }));
+    EXPECT_TRUE(refused([](P& q) { q.target = ZEP_LOG_TARGET_FILE; }));  // no path
+    EXPECT_TRUE(refused([](P& q) { q.level = 6; }));
+    EXPECT_TRUE(refused([](P& q) { q.name[0] = 0; }));
+    EXPECT_TRUE(refused([](P& q) { q.version = 20040701; }));
     EXPECT_EQ(zepLogFacOpen(nullptr, nullptr), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepLogFacOpen(&p, nullptr), 0u);
 
     EXPECT_EQ(zepLogFacClose(nullptr), 0u);
     EXPECT_EQ(zepLogFacClose(nullptr), 0u);
@@ -233,21 +225,20 @@ TEST_F(Log, RecordParts) {
     EXPECT_EQ(l[11].find("(OS)"), std::string::npos);
     EXPECT_EQ(l[13], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:40");
     EXPECT_EQ(l[14], "CALLED  : VRN Common, ZEPe, ZEPHFile::open");
-    EXPECT_EQ(l[15], "RETCODE : ECF=0x90000014 " + std::string(ecfErrorGetDescription(ECF_FILE_LOCK)));
+    EXPECT_EQ(l[15],
+              "RETCODE : ECF=0x90000014 " + std::string(ecfErrorGetDescription(ECF_FILE_LOCK)));
     // An identifier the catalogue doesn't know prints empty names; no CALLED line without one.
     EXPECT_EQ(l[19], "FUNCTION: , , , probe:50");
 }
 
 TEST_F(Log, ItemRendering) {
-    char buf[700];
-    auto typed = [&](const void* p, Uint32 n, Sint32 type) {
-        Uint32 len = zepLogRenderTyped(buf, sizeof buf, p, n, type);
-        return std::string(buf, len);
+    char buf[4096];
+    auto typed = [&](const void* p, Uint32 n, Sint32 type, Uint32 space = sizeof buf) {
+        return std::string(buf, zepLogRenderTyped(buf, space, p, n, type));
     };
     Uint32 u4 = 4000000000u;
-    Uint16 b2 = 0x0100;
+    Uint16 b2 = 0x0100, h2 = 0xBEEF;
     Sint8 s1 = -1;
-    Uint16 h2 = 0xBEEF;
     Uint64 u8 = 18446744073709551615ull;
     EXPECT_EQ(typed(&u4, 4, ZEP_LOGDATA_UINT), "Uint32, 4 bytes\r\n4000000000\r\n");
     EXPECT_EQ(typed(&u4, 3, ZEP_LOGDATA_UINT), "");  // the dump takes it
@@ -258,34 +249,34 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(typed("hello", 5, ZEP_LOGDATA_CHAR), "Char, 5 bytes\r\nh\r\n");
     EXPECT_EQ(typed(&u4, 4, -9), "");
     EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
-
-    std::string long600(600, 'x');
-    std::string s = typed(long600.c_str(), 512, ZEP_LOGDATA_STRING);
-    EXPECT_EQ(s, "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
-    // Too little room for the text and its line end: the line stays open.
-    Uint32 n = zepLogRenderTyped(buf, 30, long600.c_str(), 512, ZEP_LOGDATA_STRING);
-    EXPECT_EQ(std::string(buf, n), "String, 512 bytes\r\n" + std::string(10, 'x'));
+    // Strings are clamped at 512; with too little room for the text and its line end, the line
+    // stays open.
+    std::string x600(600, 'x');
+    EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING),
+              "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
+    EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING, 30),
+              "String, 512 bytes\r\n" + std::string(10, 'x'));
 
     // Dumps: 20 bytes in two lines; 600 bytes of true length; a record nearly full.
     unsigned char data[600];
     for (int i = 0; i < 600; ++i) data[i] = static_cast<unsigned char>('A' + i % 26);
-    n = zepLogRenderDump(buf, sizeof buf, data, 20, 20);
-    EXPECT_EQ(std::string(buf, n),
+    auto dump = [&](Uint32 space, Uint32 n, Uint32 total) {
+        return std::string(buf, zepLogRenderDump(buf, space, data, n, total));
+    };
+    EXPECT_EQ(dump(sizeof buf, 20, 20),
               "<hexdump>, 20 bytes\r\n"
               "41424344  45464748  494A4B4C  4D4E4F50    ABCDEFGHIJKLMNOP\r\n"
               "51525354                                  QRST\r\n");
-    char big[4096];
-    n = zepLogRenderDump(big, sizeof big, data, 512, 600);
-    std::vector<std::string> l = lines(std::string(big, n));
+    std::vector<std::string> l = lines(dump(sizeof buf, 512, 600));
     EXPECT_EQ(l[0], "<hexdump>, 512 bytesof 600");
     EXPECT_EQ(l.size(), 33u);
     // 200 bytes hold three lines of 61 but for the head: two whole lines come out, none cut.
-    n = zepLogRenderDump(buf, 200, data, 100, 100);
-    l = lines(std::string(buf, n));
+    const std::string nearlyFull = dump(200, 100, 100);
+    l = lines(nearlyFull);
     EXPECT_EQ(l[0], "<hexdump>, 100 bytesof 100");
     ASSERT_EQ(l.size(), 3u);
     EXPECT_EQ(l[2].substr(0, 8), "51525354");
-    EXPECT_LT(n, 200u);
+    EXPECT_LT(nearlyFull.size(), 200u);
 }
 
 TEST_F(Log, ZoneArithmetic) {
@@ -297,7 +288,7 @@ TEST_F(Log, ZoneArithmetic) {
     EXPECT_EQ(zepLogZoneMinutes(43200, 0), 720);     // +12 h
     EXPECT_EQ(zepLogZoneMinutes(0, 43200), 720);     // -12 h and +12 h are the same moment
     EXPECT_EQ(zepLogZoneMinutes(46800, 86399), -659);
-    EXPECT_EQ(zepLogZoneMinutes(30, 0), 0);          // truncation toward zero
+    EXPECT_EQ(zepLogZoneMinutes(30, 0), 0);  // truncation toward zero
     EXPECT_EQ(zepLogZoneMinutes(0, 30), 0);
 }
 
@@ -313,40 +304,29 @@ TEST_F(Log, StandardErrorTarget) {
     dup2(saved, 2);
     close(fd);
     close(saved);
-    std::string text = slurp(out);
-    std::vector<std::string> l = lines(text);
+    std::vector<std::string> l = lines(slurp(out));
     ASSERT_EQ(l.size(), 5u);
     EXPECT_EQ(l[1].substr(30, 27), std::string(19, ' ') + " LEVEL: ");  // no location field
     EXPECT_EQ(l[4], "MESSAGE : ECF=0x90000002 Failed");
 }
 
 TEST_F(Log, ManyProcessesAppendToOneFile) {
-    const int kProcesses = 4, kRecords = 2000;
-    std::vector<pid_t> kids;
-    for (int i = 0; i < kProcesses; ++i) {
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            std::string n = std::to_string(kRecords);
-            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(), n.c_str(),
-                  static_cast<char*>(nullptr));
+    std::vector<pid_t> kids(4);
+    for (pid_t& k : kids)
+        if ((k = fork()) == 0) {
+            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(), "2000", nullptr);
             _exit(127);
         }
-        kids.push_back(pid);
-    }
     for (pid_t k : kids) {
         int status = 0;
         ASSERT_EQ(waitpid(k, &status, 0), k);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     // The library's own reader walks the file by its fields.
-    std::string cmd = std::string(ZEP_TOOL_BIN_DIR "/zeplog --check ") + path_ + " > " + dir_ + "/check";
-    EXPECT_EQ(system(cmd.c_str()), 0);
-    EXPECT_NE(slurp(dir_ + "/check").find(": 8000 records, 0 damaged"), std::string::npos)
-        << slurp(dir_ + "/check");
+    expectTool("--check " + path_, 0, {": 8000 records, 0 damaged"});
 }
 
-TEST(HexDump, Lines) {
+TEST(HexDump, LinesAndBuffers) {
     unsigned char data[20];
     for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(i == 3 ? 'z' : i);
     char line[ZEP_HEXDUMP_LINE_SIZE];
@@ -357,7 +337,8 @@ TEST(HexDump, Lines) {
     EXPECT_EQ(n, 75u);
     EXPECT_EQ(strlen(line), 74u);
     char addr[16];
-    snprintf(addr, sizeof addr, "0x%08X : ", static_cast<unsigned>(reinterpret_cast<uintptr_t>(data)));
+    snprintf(addr, sizeof addr,
+             "0x%08X : ", static_cast<unsigned>(reinterpret_cast<uintptr_t>(data)));
     EXPECT_EQ(std::string(line, 13), addr);
     EXPECT_EQ(std::string(line + 56), "...z............\r\n");
     Uint32 word = 0x12345678;
@@ -366,10 +347,8 @@ TEST(HexDump, Lines) {
     EXPECT_EQ(n, 46u);
     n = zepHexDumpLine(line, data, 3, 0);
     EXPECT_EQ(std::string(line), "0001 02" + std::string(36, ' ') + "...\r\n");
-}
 
-TEST(HexDump, ToBuffer) {
-    unsigned char data[20];
+    // Whole dumps into a buffer, a line at a time while they fit.
     for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(0x41 + i);
     char buf[512];
     zepHexDumpToBuffer(data, 20, buf, sizeof buf, "> ", 0);
@@ -378,30 +357,15 @@ TEST(HexDump, ToBuffer) {
               "> 5152 5354                                  QRST\r\n");
     // Room for one line only: the dump stops after it.
     zepHexDumpToBuffer(data, 20, buf, 2 + 62 + 2 + 10, "> ", 0);
-    EXPECT_EQ(std::string(buf), "> 4142 4344 4546 4748 494A 4B4C 4D4E 4F50    ABCDEFGHIJKLMNOP\r\n");
-    // Not even the first line: an empty string.
-    strcpy(buf, "junk");
-    zepHexDumpToBuffer(data, 20, buf, 60, nullptr, 0);
-    EXPECT_EQ(buf[0], 0);
-    strcpy(buf, "junk");
-    zepHexDumpToBuffer(data, 0, buf, sizeof buf, nullptr, 0);
-    EXPECT_EQ(buf[0], 0);
+    EXPECT_EQ(std::string(buf),
+              "> 4142 4344 4546 4748 494A 4B4C 4D4E 4F50    ABCDEFGHIJKLMNOP\r\n");
+    // Not even the first line, or nothing to dump: an empty string.
+    for (Uint32 length : {20u, 0u}) {
+        strcpy(buf, "junk");
+        zepHexDumpToBuffer(data, length, buf, length ? 60 : sizeof buf, nullptr, 0);
+        EXPECT_EQ(buf[0], 0) << length;
+    }
     zepHexDumpToBuffer(data, 20, nullptr, 0, nullptr, 0);  // nothing to write into: no crash
-}
-
-}  // namespace
-
-namespace {
-
-struct ToolRun {
-    int status;
-    std::string out;
-};
-ToolRun zeplogTool(const std::string& args, const std::string& dir) {
-    std::string out = dir + "/tool.out";
-    std::string cmd = std::string(ZEP_TOOL_BIN_DIR "/zeplog ") + args + " > " + out + " 2>&1";
-    int st = system(cmd.c_str());
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, slurp(out)};
 }
 
 TEST_F(Log, ReaderFindsDamageAndFilters) {
@@ -412,44 +376,31 @@ TEST_F(Log, ReaderFindsDamageAndFilters) {
     zepLog(nullptr, ZEPFN_zepFileRename, 0, 30, ZEP_LOG_EVENT, 0);
     std::string good = log();
 
-    ToolRun r = zeplogTool("--ecf ECF_FILE_EXISTS " + path_, dir_);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("3 records, 0 damaged stretches, 1 selected"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("FUNCTION: VRN Common, ZEPe, zepFileCopy, probe:20"), std::string::npos);
-    r = zeplogTool("--function zepFileRename --level 4 " + path_, dir_);
-    EXPECT_NE(r.out.find("1 selected"), std::string::npos) << r.out;  // the Event record is less severe
-    r = zeplogTool("--pid " + std::to_string(getpid() + 1) + " " + path_, dir_);
-    EXPECT_NE(r.out.find("0 selected"), std::string::npos) << r.out;
+    expectTool("--ecf ECF_FILE_EXISTS " + path_, 0,
+               {"3 records, 0 damaged stretches, 1 selected",
+                "FUNCTION: VRN Common, ZEPe, zepFileCopy, probe:20"});
+    // The Event record is less severe than 4.
+    expectTool("--function zepFileRename --level 4 " + path_, 0, {"1 selected"});
+    expectTool("--pid " + std::to_string(getpid() + 1) + " " + path_, 0, {"0 selected"});
 
     // Cut short: the last record is reported as truncated.
     std::string cut = dir_ + "/cut.log";
     std::ofstream(cut, std::ios::binary) << good.substr(0, good.size() - 10);
-    r = zeplogTool("--check " + cut, dir_);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("TRUNCATED"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("2 records, 1 damaged"), std::string::npos) << r.out;
+    expectTool("--check " + cut, 1, {"TRUNCATED", "2 records, 1 damaged"});
 
     // Bytes inside the second record: that stretch is damaged, the records around it survive
     // (the third is found again, though its field no longer matches its place).
     std::string hurt = dir_ + "/hurt.log";
     size_t second = good.find("\r\n\r\n") + 2;
-    std::ofstream(hurt, std::ios::binary) << good.substr(0, second + 100) << "XXXX"
-                                          << good.substr(second + 100);
-    r = zeplogTool("--check " + hurt, dir_);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("DAMAGED"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("MISPLACED"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("2 records"), std::string::npos) << r.out;
+    std::ofstream(hurt, std::ios::binary)
+        << good.substr(0, second + 100) << "XXXX" << good.substr(second + 100);
+    expectTool("--check " + hurt, 1, {"DAMAGED", "MISPLACED", "2 records"});
 
     std::string junk = dir_ + "/junk.log";
     std::ofstream(junk) << "hello\n";
-    r = zeplogTool(junk, dir_);
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.out.find("is not a zep log file"), std::string::npos) << r.out;
-    r = zeplogTool(dir_ + "/missing.log", dir_);
-    EXPECT_EQ(r.status, 2);
-    r = zeplogTool("--ecf ECF_NO_SUCH " + path_, dir_);
-    EXPECT_EQ(r.status, 2);
+    expectTool(junk, 2, {"is not a zep log file"});
+    expectTool(dir_ + "/missing.log", 2);
+    expectTool("--ecf ECF_NO_SUCH " + path_, 2);
 }
 
 }  // namespace
