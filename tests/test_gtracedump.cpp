@@ -40,7 +40,7 @@ protected:
         o.modeBits = modeBits;
         o.flags = flags;
         o.dumpScanTrigger[0] = scan;
-        mem_ = static_cast<Uint8*>(aligned_alloc(64, gtraceGetAllocSize(kRing)));
+        mem_ = static_cast<Uint8*>(aligned_alloc(64, (gtraceGetAllocSize(kRing) + 63) & ~63u));
         ASSERT_EQ(gtraceInitialize(reinterpret_cast<GTCB*>(mem_), &o), 0u);
         ASSERT_EQ(gtraceAttach(reinterpret_cast<GTCB*>(mem_), 10, nullptr, nullptr), 0u);
         ASSERT_EQ(gtraceEnable(), 0u);
