@@ -201,11 +201,6 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
             char* trailer = back + 8 * size_t{s.backPads};
             store32(trailer, size);
             store32(trailer + 4, ZEP_MEMDBG_FULL);
-            zepLockGet(&cb.lock);
-            record->next = cb.head;
-            if (cb.head != nullptr) cb.head->prev = record;
-            cb.head = record;
-            zepLockRelease(&cb.lock);
             break;
         }
         default:
@@ -221,6 +216,15 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
         memset(user, 0, size);
     else if (s.flags & ZEP_MEMDBG_FILL_NEW)
         memset(user, 0xFF, size);
+    if (s.mode == ZEP_MEMDBG_FULL) {
+        // Only a block that is complete goes on the list: a report may check it at once.
+        ZEPMemDebugRecord* record = reinterpret_cast<ZEPMemDebugRecord*>(header - kRecord);
+        zepLockGet(&cb.lock);
+        record->next = cb.head;
+        if (cb.head != nullptr) cb.head->prev = record;
+        cb.head = record;
+        zepLockRelease(&cb.lock);
+    }
     *result = user;
     return 0;
 }
