@@ -5,10 +5,10 @@
 // whose stamps don't agree is stepped over, one slot at a time, until stamps agree again, and the
 // caller only ever sees whole records. It reads in one buffer of up to 1 MiB, sequentially, and
 // seeks before every read, so the caller may use the file between two steps.
-#include <stdlib.h>
 #include <string.h>
 
 #include "rambo.h"
+#include "zepmemory.h"
 
 namespace {
 
@@ -42,16 +42,16 @@ bool hasEyeCatcher(const RamboCB* cb) {
     return memcmp(cb->eyeCatcher, RAMBO_CB_EYE_CATCHER, sizeof cb->eyeCatcher) == 0;
 }
 
-// The parser's buffer. It comes from the allocator with the tag "rambo" once that is in place.
+// The parser's buffer comes from the process heap through the allocator, tagged "rambo".
 Uint8* bufferAlloc(Uint32 bytes, Uint32* rc) {
-    Uint8* p = static_cast<Uint8*>(malloc(bytes));
-    *rc = p == nullptr ? ECF_NO_MEMORY : 0;
-    return p;
+    void* p = nullptr;
+    *rc = _zepMemAlloc(&p, nullptr, bytes, 0, "rambo", __LINE__);
+    return static_cast<Uint8*>(p);
 }
 
-Uint32 bufferFree(Uint8* p) {
-    free(p);
-    return 0;
+Uint32 bufferFree(Uint8* p, Uint32 bytes) {
+    void* block = p;
+    return _zepMemFree(&block, nullptr, bytes, "rambo", __LINE__);
 }
 
 Uint32 filePosition(ZEPHFile* file, Uint64* position) {
@@ -426,7 +426,7 @@ Uint32 ramboParseDumpFile(ZEPHFile* file, RamboDumpParser* parser, Uint64* offse
 
 Uint32 ramboCloseDumpFileParser(RamboDumpParser* parser) {
     if (parser == nullptr || !parser->open) return ECF_INVALID_PARAMETER;
-    const Uint32 rc = bufferFree(parser->buffer);
+    const Uint32 rc = bufferFree(parser->buffer, parser->bufferCapacity);
     parser->buffer = nullptr;
     parser->cursor = nullptr;
     parser->open = 0;
