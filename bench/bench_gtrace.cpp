@@ -287,7 +287,7 @@ public:
         for (const Run& r : runs) {
             if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
             std::string name = r.benchmark_name();
-            name.erase(name.rfind("_median"));
+            name.erase(name.rfind("/repeats:"));
             ns_[name] =
                 r.GetAdjustedCPUTime() * (r.time_unit == benchmark::kMillisecond ? 1e6 : 1.0);
             auto items = r.counters.find("items_per_second");
