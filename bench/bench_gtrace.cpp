@@ -86,31 +86,28 @@ void naiveSetUp() {
     g_naive.mask = kRing / 64 - 1;
 }
 
-__attribute__((noinline)) void naiveEntry(Uint64 thread, Uint32 function) {
-    const Uint32 s = g_naive.next.fetch_add(1) & g_naive.mask;
-    GTRecord* r = reinterpret_cast<GTRecord*>(g_naive.slots + s * 64 + 8);
+inline GTRecord* naiveHeader(Uint32 slot, Uint64 thread, Uint32 function, Uint16 type) {
+    GTRecord* r = reinterpret_cast<GTRecord*>(g_naive.slots + (slot & g_naive.mask) * 64 + 8);
     r->time = 0;
     r->threadID = thread;
     r->processID = 42;
     r->functionID = function;
     r->fixedData1 = r->fixedData2 = 0;
-    r->recordType = 1;
+    r->recordType = type;
     r->recordFlags = 0;
     r->dataLength = 0;
+    return r;
+}
+
+__attribute__((noinline)) void naiveEntry(Uint64 thread, Uint32 function) {
+    naiveHeader(g_naive.next.fetch_add(1), thread, function, 1);
 }
 
 __attribute__((noinline)) void naiveVar(Uint64 thread, Uint32 function, const void* a,
                                         const void* b) {
     Uint32 s = g_naive.next.fetch_add(2);
     if ((s & g_naive.mask) == g_naive.mask) s = g_naive.next.fetch_add(2);  // no wrap inside
-    GTRecord* r = reinterpret_cast<GTRecord*>(g_naive.slots + (s & g_naive.mask) * 64 + 8);
-    r->time = 0;
-    r->threadID = thread;
-    r->processID = 42;
-    r->functionID = function;
-    r->fixedData1 = r->fixedData2 = 0;
-    r->recordType = 3;
-    r->recordFlags = 0;
+    GTRecord* r = naiveHeader(s, thread, function, 3);
     r->probe = 10;
     r->dataLength = 32;
     r->itemCount = 2;

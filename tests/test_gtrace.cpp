@@ -131,6 +131,17 @@ protected:
         o.flags = flags;
         return build(o);
     }
+    // A trace area in a file mapping that a helper process maps too.
+    static GTCB* sharedArea(const std::string& path) {
+        const size_t size = gtraceGetAllocSize(kRing);
+        int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
+        if (fd < 0) return nullptr;
+        void* map = ftruncate(fd, static_cast<off_t>(size)) == 0
+                        ? mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
+                        : MAP_FAILED;
+        close(fd);
+        return map == MAP_FAILED ? nullptr : static_cast<GTCB*>(map);
+    }
     RamboCB* rambo() { return reinterpret_cast<RamboCB*>(mem_ + sizeof(GTCB)); }
     GTCountEntry* table() { return reinterpret_cast<GTCountEntry*>(mem_ + sizeof(GTCB)); }
     // Slots that held something else before, so that fields left alone show.
@@ -1079,14 +1090,8 @@ TEST_F(Trace, ThreadsWriteConcurrently) {
 TEST_F(Trace, TwoProcessesOneBlock) {
     // The block lies in a shared file mapping; a helper process attaches to it as well.
     const std::string areaPath = dir_ + "/area";
-    const size_t size = gtraceGetAllocSize(kRing);
-    int fd = open(areaPath.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-    void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    ASSERT_NE(map, MAP_FAILED);
-    GTCB* cb = static_cast<GTCB*>(map);
+    GTCB* cb = sharedArea(areaPath);
+    ASSERT_NE(cb, nullptr);
 
     const Uint32 me = static_cast<Uint32>(getpid());
     GTCBOptions o;
@@ -1159,19 +1164,13 @@ TEST_F(Trace, TwoProcessesOneBlock) {
     }
     gtraceDetach();
     cb_ = nullptr;
-    munmap(map, size);
+    munmap(cb, gtraceGetAllocSize(kRing));
 }
 
 TEST_F(Trace, TwoProcessesConcurrently) {
     const std::string areaPath = dir_ + "/area";
-    const size_t size = gtraceGetAllocSize(kRing);
-    int fd = open(areaPath.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-    void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    ASSERT_NE(map, MAP_FAILED);
-    GTCB* cb = static_cast<GTCB*>(map);
+    GTCB* cb = sharedArea(areaPath);
+    ASSERT_NE(cb, nullptr);
     GTCBOptions o;
     o.bufferSize = kRing;
     o.modeBits = GTRACE_MODE_STOP;
@@ -1201,7 +1200,7 @@ TEST_F(Trace, TwoProcessesConcurrently) {
     }
     gtraceDetach();
     cb_ = nullptr;
-    munmap(map, size);
+    munmap(cb, gtraceGetAllocSize(kRing));
 }
 
 }  // namespace

@@ -287,11 +287,11 @@ struct Point {
     Uint64 threadId;
     Uint32 functionId;
     Uint16 type;
-    Uint16 recordFlags;
-    Uint16 probe;
-    Uint32 word1, word2, rc, word3, word4;
-    const Uint32* rcAddress;  // exits
-    Uint32 itemCount;
+    Uint16 recordFlags = 0;
+    Uint16 probe = 0;
+    Uint32 word1 = 0, word2 = 0, rc = 0, word3 = 0, word4 = 0;
+    const Uint32* rcAddress = nullptr;  // exits
+    Uint32 itemCount = 0;
 };
 
 constexpr bool isVar(Op op) {
@@ -480,13 +480,12 @@ __attribute__((always_inline)) inline void emit(const Point& p, va_list* ap) {
     }
 }
 
-Point point(Op op, Uint64 threadId, Uint32 functionId, Uint16 type) {
-    Point p{};
-    p.op = op;
-    p.threadId = threadId;
-    p.functionId = functionId;
-    p.type = type;
-    return p;
+// A marker word: the record type in its low half, recordFlags 2 from bit 16.
+constexpr Uint16 markerType(Uint32 marker) {
+    return static_cast<Uint16>(marker);
+}
+constexpr Uint16 markerFlags(Uint32 marker) {
+    return (marker & 0x10000u) ? GTRACE_RECORD_FLAG_MARKER : 0;
 }
 
 // The overflow callback of a full stopping ring: the trace ends there.
@@ -672,142 +671,85 @@ Uint32 gtraceInitializeChunkWalker(RamboChunkWalker* walker) {
 }
 
 // ---------------------------------------------------------------- emission
+//
+// Each operation describes its point: {op, T, F, type, recordFlags, probe, word1, word2, rc,
+// word3, word4, rc address, item count}.
 
 void _gtraceEntry(Uint64 threadId, Uint32 functionId) {
-    emit<Op::Entry>(point(Op::Entry, threadId, functionId, GTRACE_TYPE_ENTRY), nullptr);
+    emit<Op::Entry>({Op::Entry, threadId, functionId, GTRACE_TYPE_ENTRY}, nullptr);
 }
 
 void _gtraceExit(Uint64 threadId, Uint32 functionId, const Uint32* rc, Uint32 word1, Uint32 word2) {
-    Point p = point(Op::Exit, threadId, functionId, GTRACE_TYPE_EXIT);
-    p.rcAddress = rc;
-    p.word1 = word1;
-    p.word2 = word2;
-    emit<Op::Exit>(p, nullptr);
+    emit<Op::Exit>(
+        {Op::Exit, threadId, functionId, GTRACE_TYPE_EXIT, 0, 0, word1, word2, 0, 0, 0, rc},
+        nullptr);
 }
 
 void _gtraceMarker(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint32 marker) {
-    Point p = point(Op::Marker, threadId, functionId, static_cast<Uint16>(marker));
-    p.probe = probe;
-    p.recordFlags = (marker & 0x10000u) ? GTRACE_RECORD_FLAG_MARKER : 0;
-    emit<Op::Marker>(p, nullptr);
+    emit<Op::Marker>(
+        {Op::Marker, threadId, functionId, markerType(marker), markerFlags(marker), probe},
+        nullptr);
 }
 
 void _gtraceError(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint16 type, Uint32 word1,
                   Uint32 word2) {
-    Point p = point(Op::Error, threadId, functionId, type);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    emit<Op::Error>(p, nullptr);
+    emit<Op::Error>({Op::Error, threadId, functionId, type, 0, probe, word1, word2}, nullptr);
 }
 
 void _gtraceErrorRc(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint16 type, Uint32 word1,
                     Uint32 word2, Uint32 rc, Uint32 word3, Uint32 word4) {
-    Point p = point(Op::ErrorRc, threadId, functionId, type);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.rc = rc;
-    p.word3 = word3;
-    p.word4 = word4;
-    emit<Op::ErrorRc>(p, nullptr);
+    emit<Op::ErrorRc>(
+        {Op::ErrorRc, threadId, functionId, type, 0, probe, word1, word2, rc, word3, word4},
+        nullptr);
 }
 
 void _gtraceErrorTrans(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint32 word1, Uint32 word2,
                        Uint32 word3, Uint32 word4) {
-    Point p = point(Op::ErrorTrans, threadId, functionId, GTRACE_TYPE_ERROR_TRANS);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.word3 = word3;
-    p.word4 = word4;
-    emit<Op::ErrorTrans>(p, nullptr);
+    emit<Op::ErrorTrans>({Op::ErrorTrans, threadId, functionId, GTRACE_TYPE_ERROR_TRANS, 0, probe,
+                          word1, word2, 0, word3, word4},
+                         nullptr);
 }
 
+// The Var forms: the items follow the item count.
+#define GTRACE_EMIT_VAR(op, ...)                            \
+    va_list ap;                                             \
+    va_start(ap, itemCount);                                \
+    emit<op>({op, threadId, functionId, __VA_ARGS__}, &ap); \
+    va_end(ap)
+
 void _gtraceEntryVar(Uint64 threadId, Uint32 functionId, Uint32 itemCount, ...) {
-    Point p = point(Op::EntryVar, threadId, functionId, GTRACE_TYPE_ENTRY);
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::EntryVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::EntryVar, GTRACE_TYPE_ENTRY, 0, 0, 0, 0, 0, 0, 0, nullptr, itemCount);
 }
 
 void _gtraceExitVar(Uint64 threadId, Uint32 functionId, const Uint32* rc, Uint32 word1,
                     Uint32 word2, Uint32 itemCount, ...) {
-    Point p = point(Op::ExitVar, threadId, functionId, GTRACE_TYPE_EXIT);
-    p.rcAddress = rc;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::ExitVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::ExitVar, GTRACE_TYPE_EXIT, 0, 0, word1, word2, 0, 0, 0, rc, itemCount);
 }
 
 void _gtraceMarkerVar(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint32 marker,
                       Uint32 itemCount, ...) {
-    Point p = point(Op::MarkerVar, threadId, functionId, static_cast<Uint16>(marker));
-    p.probe = probe;
-    p.recordFlags = (marker & 0x10000u) ? GTRACE_RECORD_FLAG_MARKER : 0;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::MarkerVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::MarkerVar, markerType(marker), markerFlags(marker), probe, 0, 0, 0, 0, 0,
+                    nullptr, itemCount);
 }
 
 void _gtraceVar(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint16 type, Uint32 itemCount,
                 ...) {
-    Point p = point(Op::Var, threadId, functionId, type);
-    p.probe = probe;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::Var>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::Var, type, 0, probe, 0, 0, 0, 0, 0, nullptr, itemCount);
 }
 
 void _gtraceErrorVar(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint16 type, Uint32 word1,
                      Uint32 word2, Uint32 itemCount, ...) {
-    Point p = point(Op::ErrorVar, threadId, functionId, type);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::ErrorVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::ErrorVar, type, 0, probe, word1, word2, 0, 0, 0, nullptr, itemCount);
 }
 
 void _gtraceErrorRcVar(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint16 type, Uint32 word1,
                        Uint32 word2, Uint32 rc, Uint32 word3, Uint32 word4, Uint32 itemCount, ...) {
-    Point p = point(Op::ErrorRcVar, threadId, functionId, type);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.rc = rc;
-    p.word3 = word3;
-    p.word4 = word4;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::ErrorRcVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::ErrorRcVar, type, 0, probe, word1, word2, rc, word3, word4, nullptr,
+                    itemCount);
 }
 
 void _gtraceCorrelatorVar(Uint64 threadId, Uint32 functionId, Uint16 probe, Uint32 rc, Uint32 word1,
                           Uint32 word2, Uint32 itemCount, ...) {
-    Point p = point(Op::CorrelatorVar, threadId, functionId, GTRACE_TYPE_CORRELATOR);
-    p.probe = probe;
-    p.word1 = word1;
-    p.word2 = word2;
-    p.rc = rc;
-    p.itemCount = itemCount;
-    va_list ap;
-    va_start(ap, itemCount);
-    emit<Op::CorrelatorVar>(p, &ap);
-    va_end(ap);
+    GTRACE_EMIT_VAR(Op::CorrelatorVar, GTRACE_TYPE_CORRELATOR, 0, probe, word1, word2, rc, 0, 0,
+                    nullptr, itemCount);
 }
