@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -172,14 +171,14 @@ TEST_F(HFile, ReadShortIsEndOfFile) {
                  {4, 10, ECF_FILE_EOF, "456789"},
                  {10, 10, ECF_FILE_EOF, ""},
                  {6, 4, 0, "6789"}};
+    char buf[32];
+    ZEPFileReadParam r;
+    Uint32 got;
     for (const Case& c : reads) {
         ZEPFileSeekParam s;
         s.offset = c.from;
         ASSERT_EQ(h.seek(&s), 0u);
-        char buf[32] = {};
-        ZEPFileReadParam r;
         r.length = c.length;
-        Uint32 got = 99;
         EXPECT_EQ(h.read(&r, buf, &got), c.rc) << c.from;
         EXPECT_EQ(std::string(buf, got), c.got);
     }
@@ -188,10 +187,7 @@ TEST_F(HFile, ReadShortIsEndOfFile) {
 
     // Reading without read access: the object and the length are logged.
     ASSERT_EQ(open(h, p, ZEP_FILE_OPEN_EXISTING, ZEP_FILE_ACCESS_WRITE), 0u);
-    ZEPFileReadParam r;
     r.length = 3;
-    char buf[4];
-    Uint32 got;
     EXPECT_EQ(h.read(&r, buf, &got), ECF_ACCESS_DENIED);
     const Call& log = theLog(ZEPFN_ZEPHFile_read, 50, ECF_ACCESS_DENIED);
     EXPECT_EQ(log.called, SYSFN_ReadFile);
@@ -233,6 +229,7 @@ TEST_F(HFile, SeekBoundaries) {
         EXPECT_EQ(at, c.rc ? 7 : c.at);
         if (c.rc) theLog(ZEPFN_ZEPHFile_seek, 150, BEYOND);
     }
+    EXPECT_EQ(h.close(), 0u);
 }
 
 TEST_F(HFile, SetSizeAndThePointer) {
@@ -269,6 +266,7 @@ TEST_F(HFile, SetSizeAndThePointer) {
     EXPECT_EQ(h.seek(&s, &at), 0u);
     EXPECT_EQ(at, 0xFFFFFFFFull);
     EXPECT_TRUE(calls.empty());
+    EXPECT_EQ(h.close(), 0u);
 }
 
 TEST_F(HFile, LockBetweenProcesses) {
@@ -278,18 +276,18 @@ TEST_F(HFile, LockBetweenProcesses) {
     ASSERT_EQ(open(h, p, ZEP_FILE_OPEN_EXISTING, ZEP_FILE_ACCESS_READ), 0u);
     EXPECT_EQ(h.unlock(), 0u);  // not locked: no error
     const Uint32 EX = ZEP_FILE_LOCK_EXCLUSIVE, SH = ZEP_FILE_LOCK_SHARED;
-    for (Uint32 mine : {EX, SH}) {
-        ZEPFileLockParam lock(mine, ZEP_FILE_LOCK_NO_WAIT);
-        ASSERT_EQ(h.lock(&lock), 0u);
+    ZEPFileLockParam exclusive(EX, ZEP_FILE_LOCK_NO_WAIT), shared(SH, ZEP_FILE_LOCK_NO_WAIT);
+    for (ZEPFileLockParam* mine : {&exclusive, &shared}) {
+        ASSERT_EQ(h.lock(mine), 0u);
         for (Uint32 theirs : {EX, SH})
-            EXPECT_EQ(otherProcessTries(p, theirs), mine == SH && theirs == SH ? 0 : ECF_FILE_LOCK)
-                << mine << " " << theirs;
+            EXPECT_EQ(otherProcessTries(p, theirs),
+                      mine->type == SH && theirs == SH ? 0 : ECF_FILE_LOCK)
+                << mine->type << " " << theirs;
         EXPECT_EQ(h.unlock(), 0u);
     }
 
     // Descriptors of the same file opened and closed elsewhere in this process don't take the
     // lock with them (record locks of the classic kind would be gone now).
-    ZEPFileLockParam exclusive(EX, ZEP_FILE_LOCK_NO_WAIT);
     ASSERT_EQ(h.lock(&exclusive), 0u);
     ::close(::open(p.c_str(), O_RDWR));
     ZEPHFile other;
@@ -309,7 +307,6 @@ TEST_F(HFile, LockBetweenProcesses) {
     // Closing the handle releases its lock, even while a mapping keeps the file open (shared:
     // the lock that a read-only handle takes through its own descriptor, which the mapping shares).
     put(p, "some bytes");
-    ZEPFileLockParam shared(SH, ZEP_FILE_LOCK_NO_WAIT);
     ASSERT_EQ(h.lock(&shared), 0u);
     ZEPFileMapParam m;
     m.protection = ZEP_FILE_MAP_READ;
