@@ -475,115 +475,72 @@ TEST_F(Trace, DumpHeaderPiecesAndClear) {
 TEST_F(Trace, RecordOfEachOperation) {
     ring();
     dirty();
-    const Uint32 w1 = 0x0000A001, w2 = 0x0000A002, w3 = 0x0000A003, w4 = 0x0000A004;
-    const Uint32 rc = 0x90000011;
-    const Uint32 v = 0xCAFEF00D;
+    const Uint32 rc = 0x90000011, v = 0xCAFEF00D;
     _gtraceEntry(T, F);
-    _gtraceExit(T, F, &rc, w1, w2);
+    _gtraceExit(T, F, &rc, 0xA1, 0xA2);
     _gtraceMarker(T, F, 77, 0x10009);
     _gtraceMarker(T, F, 78, 0x0000A);
-    _gtraceError(T, F, 40, 5, w1, w2);
-    _gtraceErrorRc(T, F, 41, 11, w1, w2, rc, w3, w4);
-    _gtraceErrorTrans(T, F, 42, w1, w2, w3, w4);
+    _gtraceError(T, F, 40, 5, 0xA1, 0xA2);
+    _gtraceErrorRc(T, F, 41, 11, 0xA1, 0xA2, rc, 0xA3, 0xA4);
+    _gtraceErrorTrans(T, F, 42, 0xA1, 0xA2, 0xA3, 0xA4);
     _gtraceEntryVar(T, F, 1, 0u, 4u, &v);
-    _gtraceExitVar(T, F, &rc, w1, w2, 1, 0u, 4u, &v);
+    _gtraceExitVar(T, F, &rc, 0xA1, 0xA2, 1, 0u, 4u, &v);
     _gtraceMarkerVar(T, F, 43, 0x10006, 1, 0u, 4u, &v);
     _gtraceVar(T, F, 44, 3, 0);
     _gtraceVar(T, F, 45, 3, 1, 0u, 4u, &v);
-    _gtraceErrorVar(T, F, 46, 4, w1, w2, 1, 0u, 4u, &v);
-    _gtraceErrorRcVar(T, F, 47, 5, w1, w2, rc, w3, w4, 1, 0u, 4u, &v);
-    _gtraceCorrelatorVar(T, F, 48, 0x1234u, w1, w2, 1, 0u, 4u, &v);
-    // One slot for the five plain ones, two for the rest (56 + 12 bytes fit 116).
+    _gtraceErrorVar(T, F, 46, 4, 0xA1, 0xA2, 1, 0u, 4u, &v);
+    _gtraceErrorRcVar(T, F, 47, 5, 0xA1, 0xA2, rc, 0xA3, 0xA4, 1, 0u, 4u, &v);
+    _gtraceCorrelatorVar(T, F, 48, 0x1234u, 0xA1, 0xA2, 1, 0u, 4u, &v);
+    // One slot for the five plain ones (52 bytes), two for the rest (56 + 12 bytes fit 116).
     EXPECT_EQ(claimed(), 5u * 1 + 10 * 2);
 
+    // D: the field was left alone, and holds what the slot held.
+    constexpr Uint32 D = kDirt32;
+    struct Want {
+        Uint32 size, type, flags, dataLength, probe, word1, word2, rc, itemCount, at56, at60;
+    };
+    const Want want[] = {
+        {52, 1, 0, 0, D, D, D, D, D, D, D},                  // _gtraceEntry
+        {52, 2, 0, 0, D, 0xA1, 0xA2, rc, D, D, D},           // _gtraceExit
+        {52, 9, 2, 0, 77, D, D, D, D, D, D},                 // _gtraceMarker, bit 16
+        {52, 10, 0, 0, 78, D, D, D, D, D, D},                // _gtraceMarker
+        {52, 5, 0, 0, 40, 0xA1, 0xA2, D, D, D, D},           // _gtraceError
+        {116, 11, 0, 0, 41, 0xA1, 0xA2, rc, D, 0xA3, 0xA4},  // _gtraceErrorRc
+        {116, 13, 0, 0, 42, 0xA1, 0xA2, D, D, 0xA3, 0xA4},   // _gtraceErrorTrans
+        {116, 1, 0, 12, 0, D, D, D, 1, 0, 4},                // _gtraceEntryVar
+        {116, 2, 0, 12, 0, 0xA1, 0xA2, rc, 1, 0, 4},         // _gtraceExitVar
+        {116, 6, 2, 12, 43, D, D, D, 1, 0, 4},               // _gtraceMarkerVar
+        {116, 3, 0, 0, 44, D, D, D, 0, D, D},                // _gtraceVar, no items
+        {116, 3, 0, 12, 45, D, D, D, 1, 0, 4},               // _gtraceVar
+        {116, 4, 0, 12, 46, 0xA1, 0xA2, D, 1, 0, 4},         // _gtraceErrorVar
+        {116, 5, 0, 12, 47, 0xA1, 0xA2, rc, 1, 0xA3, 0xA4},  // _gtraceErrorRcVar
+        {116, 12, 0, 12, 48, 0xA1, 0xA2, 0x1234, 1, 0, 4},   // _gtraceCorrelatorVar
+    };
     auto r = records();
-    ASSERT_EQ(r.size(), 15u);
-    const std::string vb = str(&v, 4);
-    for (size_t i = 0; i < r.size(); ++i) EXPECT_EQ(r[i].bytes.size(), i < 5 ? 52u : 116u) << i;
-
-    // _gtraceEntry: no probe, no words.
-    expectCommon(r[0], 1, 0, 0);
-    EXPECT_EQ(r[0].h.probe, kDirt16);
-    EXPECT_EQ(r[0].h.word1, kDirt32);
-    EXPECT_EQ(r[0].h.returnCode, kDirt32);
-    // _gtraceExit: words and the code read through the address; no probe.
-    expectCommon(r[1], 2, 0, 0);
-    EXPECT_EQ(r[1].h.probe, kDirt16);
-    EXPECT_EQ(r[1].h.word1, w1);
-    EXPECT_EQ(r[1].h.word2, w2);
-    EXPECT_EQ(r[1].h.returnCode, rc);
-    // _gtraceMarker: the type is the marker word's low half, bit 16 is flag 2.
-    expectCommon(r[2], 9, 2, 0);
-    EXPECT_EQ(r[2].h.probe, 77);
-    EXPECT_EQ(r[2].h.word1, kDirt32);
-    expectCommon(r[3], 10, 0, 0);
-    EXPECT_EQ(r[3].h.probe, 78);
-    // _gtraceError.
-    expectCommon(r[4], 5, 0, 0);
-    EXPECT_EQ(r[4].h.probe, 40);
-    EXPECT_EQ(r[4].h.word1, w1);
-    EXPECT_EQ(r[4].h.word2, w2);
-    EXPECT_EQ(r[4].h.returnCode, kDirt32);
-    // _gtraceErrorRc: two more words at 56; no item count.
-    expectCommon(r[5], 11, 0, 0);
-    EXPECT_EQ(r[5].h.probe, 41);
-    EXPECT_EQ(r[5].h.returnCode, rc);
-    EXPECT_EQ(r[5].h.itemCount, kDirt32);
-    EXPECT_EQ(r[5].word(56), w3);
-    EXPECT_EQ(r[5].word(60), w4);
-    EXPECT_EQ(r[5].word(64), kDirt32);
-    // _gtraceErrorTrans: type 13, no return code.
-    expectCommon(r[6], 13, 0, 0);
-    EXPECT_EQ(r[6].h.probe, 42);
-    EXPECT_EQ(r[6].h.word1, w1);
-    EXPECT_EQ(r[6].h.returnCode, kDirt32);
-    EXPECT_EQ(r[6].word(56), w3);
-    EXPECT_EQ(r[6].word(60), w4);
-    // The Var forms: probe 0 for entry and exit, the item behind its descriptor.
-    for (size_t i = 7; i < 15; ++i) {
-        if (i == 10) continue;
+    ASSERT_EQ(r.size(), std::size(want));
+    for (size_t i = 0; i < r.size(); ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(r[i].h.itemCount, 1u);
-        auto items = r[i].items(i == 13 ? 64 : 56);
-        ASSERT_EQ(items.size(), 1u);
-        EXPECT_EQ(items[0].kind, 0u);
-        EXPECT_EQ(items[0].length, 4u);
-        EXPECT_EQ(items[0].data, vb);
+        const Want& w = want[i];
+        const GTRecord& h = r[i].h;
+        EXPECT_EQ(r[i].bytes.size(), w.size);
+        expectCommon(r[i], w.type, static_cast<Uint16>(w.flags), static_cast<Uint16>(w.dataLength));
+        EXPECT_EQ(h.probe, w.probe == D ? kDirt16 : w.probe);
+        EXPECT_EQ(h.word1, w.word1);
+        EXPECT_EQ(h.word2, w.word2);
+        EXPECT_EQ(h.returnCode, w.rc);
+        EXPECT_EQ(h.itemCount, w.itemCount);
+        if (w.size > 56) {
+            EXPECT_EQ(r[i].word(56), w.at56);
+            EXPECT_EQ(r[i].word(60), w.at60);
+        }
+        // The item: behind the descriptor, which stands at 64 in _gtraceErrorRcVar.
+        if (w.dataLength != 0) {
+            auto items = r[i].items(i == 13 ? 64 : 56);
+            ASSERT_EQ(items.size(), 1u);
+            EXPECT_EQ(items[0].kind, 0u);
+            EXPECT_EQ(items[0].data, str(&v, 4));
+        }
     }
-    expectCommon(r[7], 1, 0, 12);
-    EXPECT_EQ(r[7].h.probe, 0);
-    EXPECT_EQ(r[7].h.word1, kDirt32);
-    expectCommon(r[8], 2, 0, 12);
-    EXPECT_EQ(r[8].h.probe, 0);
-    EXPECT_EQ(r[8].h.word2, w2);
-    EXPECT_EQ(r[8].h.returnCode, rc);
-    expectCommon(r[9], 6, 2, 12);
-    EXPECT_EQ(r[9].h.probe, 43);
-    EXPECT_EQ(r[9].h.word1, kDirt32);
-    // _gtraceVar without items: 56 bytes reserved, count and length 0.
-    expectCommon(r[10], 3, 0, 0);
-    EXPECT_EQ(r[10].h.probe, 44);
-    EXPECT_EQ(r[10].h.itemCount, 0u);
-    EXPECT_EQ(r[10].word(56), kDirt32);
-    expectCommon(r[11], 3, 0, 12);
-    EXPECT_EQ(r[11].h.probe, 45);
-    EXPECT_EQ(r[11].h.word1, kDirt32);
-    EXPECT_EQ(r[11].h.returnCode, kDirt32);
-    EXPECT_EQ(r[11].word(56), 0u);  // the descriptor at 56, the bytes at 64
-    EXPECT_EQ(r[11].word(60), 4u);
-    EXPECT_EQ(r[11].word(64), v);
-    expectCommon(r[12], 4, 0, 12);
-    EXPECT_EQ(r[12].h.word1, w1);
-    EXPECT_EQ(r[12].h.returnCode, kDirt32);
-    expectCommon(r[13], 5, 0, 12);
-    EXPECT_EQ(r[13].h.probe, 47);
-    EXPECT_EQ(r[13].h.returnCode, rc);
-    EXPECT_EQ(r[13].word(56), w3);
-    EXPECT_EQ(r[13].word(60), w4);
-    expectCommon(r[14], 12, 0, 12);
-    EXPECT_EQ(r[14].h.probe, 48);
-    EXPECT_EQ(r[14].h.returnCode, 0x1234u);
-    EXPECT_EQ(r[14].h.word1, w1);
 }
 
 TEST_F(Trace, ItemsCutNullAndByValue) {
@@ -1061,32 +1018,6 @@ TEST_F(Trace, FailingRenameLeavesItsRecordsAndItsLogRecord) {
 
 // ---------------------------------------------------------------- threads and processes
 
-TEST_F(Trace, ThreadsWriteConcurrently) {
-    ring(GTRACE_FLAG_TIMESTAMP);
-    const int threads = 4, each = 1000;
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t)
-        pool.emplace_back([t] {
-            for (Uint32 i = 0; i < each; ++i) {
-                if (i % 3 == 0)
-                    _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
-                else
-                    _gtraceEntry(t, i);
-            }
-        });
-    for (auto& th : pool) th.join();
-    auto r = records();
-    ASSERT_EQ(r.size(), static_cast<size_t>(threads * each));
-    std::vector<Uint32> next(threads, 0);
-    for (const Rec& x : r) {
-        ASSERT_LT(x.h.threadID, static_cast<Uint64>(threads));
-        Uint32& n = next[x.h.threadID];
-        const Uint32 i = x.h.recordType == 3 ? x.word(64) : x.h.functionID;
-        EXPECT_EQ(i, n);  // each thread's records in its own order
-        n = i + 1;
-    }
-}
-
 TEST_F(Trace, TwoProcessesOneBlock) {
     // The block lies in a shared file mapping; a helper process attaches to it as well.
     const std::string areaPath = dir_ + "/area";
@@ -1167,7 +1098,7 @@ TEST_F(Trace, TwoProcessesOneBlock) {
     munmap(cb, gtraceGetAllocSize(kRing));
 }
 
-TEST_F(Trace, TwoProcessesConcurrently) {
+TEST_F(Trace, ThreadsAndProcessesConcurrently) {
     const std::string areaPath = dir_ + "/area";
     GTCB* cb = sharedArea(areaPath);
     ASSERT_NE(cb, nullptr);
@@ -1185,18 +1116,34 @@ TEST_F(Trace, TwoProcessesConcurrently) {
         execl(helper.c_str(), helper.c_str(), "concurrent", areaPath.c_str(), nullptr);
         _exit(127);
     }
+    // Meanwhile two threads here, with one-slot and two-slot records mixed; the helper writes
+    // 1500 data records as process 2, thread 2.
     const Uint32 each = 1500;
-    for (Uint32 i = 0; i < each; ++i) _gtraceVar(1, F, 10, 3, 1, 0u, 4u, &i);
+    std::vector<std::thread> threads;
+    for (Uint64 t : {0, 1})
+        threads.emplace_back([t] {
+            for (Uint32 i = 0; i < each; ++i) {
+                if (i % 3 == 0)
+                    _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
+                else
+                    _gtraceEntry(t, i);
+            }
+        });
+    for (auto& th : threads) th.join();
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_EQ(WEXITSTATUS(status), 0);
 
+    // Every record, each thread's in its own order.
     auto r = records();
-    ASSERT_EQ(r.size(), 2u * each);
+    ASSERT_EQ(r.size(), 3u * each);
     Uint32 next[3] = {0, 0, 0};
     for (const Rec& x : r) {
-        ASSERT_TRUE(x.h.processID == 1 || x.h.processID == 2);
-        EXPECT_EQ(x.word(64), next[x.h.processID]++);
+        const Uint64 who = x.h.processID == 2 ? 2 : x.h.threadID;
+        ASSERT_LT(who, 3u);
+        const Uint32 i = x.h.recordType == 3 ? x.word(64) : x.h.functionID;
+        ASSERT_EQ(i, next[who]) << who;
+        next[who] = i + 1;
     }
     gtraceDetach();
     cb_ = nullptr;
