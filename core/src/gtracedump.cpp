@@ -5,10 +5,10 @@
 // and hands the file, standing behind it, to the rambo reader. A counting dump holds the table
 // instead of slots; its walker reads forward in blocks of 16 KiB and delivers the entries in use,
 // in the table's (hash) order.
-#include <stdlib.h>
 #include <string.h>
 
 #include "gtrace.h"
+#include "zepmemory.h"
 
 namespace {
 
@@ -21,8 +21,18 @@ struct TraceHeader {
 };
 static_assert(sizeof(TraceHeader) == GTRACE_DUMP_TRACE_HEADER_SIZE, "the trace header's size");
 
-TraceHeader* newHeader() {
-    return static_cast<TraceHeader*>(malloc(sizeof(TraceHeader)));
+// The reader's blocks come from the allocator under the tag "gptrace".
+void* take(Uint32 size, Uint32* rc) {
+    void* p = nullptr;
+    *rc = _zepMemAlloc(&p, nullptr, size, 0, "gptrace", __LINE__);
+    return p;
+}
+Uint32 give(void* p) {
+    return p ? _zepMemFree(&p, nullptr, 0, "gptrace", __LINE__) : 0;
+}
+
+TraceHeader* newHeader(Uint32* rc) {
+    return static_cast<TraceHeader*>(take(sizeof(TraceHeader), rc));
 }
 
 Uint32 kindOf(const TraceHeader* h) {
@@ -55,13 +65,8 @@ Uint32 countOpen(ZEPHFile* file, GTCountParser* c, const GTCBOptions& options) {
     if (file == nullptr || c == nullptr) return ECF_INVALID_PARAMETER;
     c->open = 1;
     Uint32 rc = seekTo(file, 0, ZEP_FILE_SEEK_CURRENT, &c->startPosition);
-    if (rc == 0) {
-        // The allocator's tag for this buffer is "gptrace".
-        c->buffer = static_cast<Uint8*>(malloc(GTRACE_COUNT_READ_SIZE));
-        if (c->buffer == nullptr) rc = ECF_NO_MEMORY;
-    } else {
-        c->buffer = nullptr;
-    }
+    c->buffer = nullptr;
+    if (rc == 0) c->buffer = static_cast<Uint8*>(take(GTRACE_COUNT_READ_SIZE, &rc));
     if (rc == 0) {
         c->cursor = c->buffer;
         c->consumed = 0;
@@ -82,7 +87,7 @@ Uint32 countOpen(ZEPHFile* file, GTCountParser* c, const GTCBOptions& options) {
     }
     if (rc != 0) {
         // A walker that failed to open holds nothing: there is nothing to close.
-        free(c->buffer);
+        give(c->buffer);
         c->buffer = nullptr;
         c->open = 0;
     }
@@ -118,11 +123,11 @@ Uint32 countParse(ZEPHFile* file, GTCountParser* c, void* buffer, Uint32 bufferS
 
 Uint32 countClose(GTCountParser* c) {
     if (c == nullptr || !c->open) return ECF_INVALID_PARAMETER;
-    free(c->buffer);
+    const Uint32 rc = give(c->buffer);
     c->buffer = nullptr;
     c->cursor = nullptr;
     c->open = 0;
-    return 0;
+    return rc;
 }
 
 }  // namespace
@@ -132,16 +137,16 @@ Uint32 gtraceValidateDumpFile(ZEPHFile* file, Uint32 expectedKind) {
     Uint64 start = 0;
     Uint32 rc = seekTo(file, 0, ZEP_FILE_SEEK_CURRENT, &start);
     if (rc != 0) return rc;
-    TraceHeader* h = newHeader();
-    if (h == nullptr) return ECF_NO_MEMORY;
+    TraceHeader* h = newHeader(&rc);
+    if (h == nullptr) return rc;
     Uint32 got = 0;
     rc = readHeader(file, h, &got);
     if (rc == ECF_FILE_EOF || (rc == 0 && got < GTRACE_DUMP_TRACE_HEADER_SIZE)) {
-        free(h);
+        give(h);
         return ECF_GTRACE_DUMP_HEADER_TRUNCATED;
     }
     if (rc != 0) {
-        free(h);
+        give(h);
         return rc;
     }
     if (memcmp(h->eyeCatcher, GTRACE_DUMP_EYE_CATCHER, sizeof(h->eyeCatcher)) != 0)
@@ -150,17 +155,18 @@ Uint32 gtraceValidateDumpFile(ZEPHFile* file, Uint32 expectedKind) {
         rc = ECF_INVALID_PARAMETER;
     else
         rc = ramboValidateDumpFile(file);
-    free(h);
+    give(h);
     const Uint32 back = seekTo(file, static_cast<Sint64>(start), ZEP_FILE_SEEK_START);
     return rc != 0 ? rc : back;
 }
 
 Uint32 gtraceOpenDumpFileParser(ZEPHFile* file, GTDumpParser* parser, Uint8 forward) {
     if (file == nullptr || parser == nullptr) return ECF_INVALID_PARAMETER;
-    TraceHeader* h = newHeader();
-    if (h == nullptr) return ECF_NO_MEMORY;
+    Uint32 rc = 0;
+    TraceHeader* h = newHeader(&rc);
+    if (h == nullptr) return rc;
     Uint32 got = 0;
-    Uint32 rc = readHeader(file, h, &got);
+    rc = readHeader(file, h, &got);
     if (rc == 0) {
         parser->kind = kindOf(h);
         if (parser->kind == GTRACE_DUMP_KIND_COUNTING) {
@@ -172,7 +178,7 @@ Uint32 gtraceOpenDumpFileParser(ZEPHFile* file, GTDumpParser* parser, Uint8 forw
             rc = ramboOpenDumpFileParser(file, &parser->rambo, forward);
         }
     }
-    free(h);
+    give(h);
     return rc;
 }
 
