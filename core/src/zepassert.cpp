@@ -93,7 +93,17 @@ void zepAssertFailureAction(String expression, String file, Uint32 line, String 
                             ...) {
     ZEPAssertPair pairs[ZEP_ASSERT_MAX_PAIRS + 1];
     va_list ap;
+    // The exported signature ends its named part with a one-byte Bool. va_start needs only that
+    // parameter's place, and the calling convention passes it widened in a register like any
+    // integer, so the promotion clang warns about changes nothing here.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wvarargs"
+#endif
     va_start(ap, fatal);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
     const Uint32 count = collectPairs(ap, pairs);
     va_end(ap);
 
