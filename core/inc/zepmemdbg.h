@@ -114,6 +114,14 @@ static_assert(offsetof(ZEPMemDebugRecord, prev) == 8 && offsetof(ZEPMemDebugReco
               "the record's fields in order, the mode word last");
 
 // The debugger's control block: one per process, all zero at load.
+//
+// The lock guards the settings, the list and the reports. The settings change under the lock
+// alone, and each change makes `sequence` odd while it is under way; an allocation reads the
+// four settings as one snapshot by the sequence, without the lock, so that the heap path costs
+// no locked instruction. Mode 0 still can't be entered or left once a block exists: the first
+// allocation publishes `allocated` with a full fence before it reads the settings, and a change
+// reads `allocated` with a full fence after it made the sequence odd, so one of the two always
+// sees the other.
 struct ZEPMemDebugCB {
     Uint32 flags;
     Uint32 mode;
@@ -121,7 +129,8 @@ struct ZEPMemDebugCB {
     Uint32 frontPads;  // pads of new blocks in full mode
     Uint32 backPads;
     ZEPMemDebugRecord* head;  // the youngest live block in full mode
-    ZEPLock lock;             // guards all of the above
+    ZEPLock lock;
+    Uint32 sequence;  // odd while the settings change
 };
 
 ZEP_BEGIN_C
@@ -169,6 +178,7 @@ ZEP_END_C
 #ifdef ZEP_BUILDING_LIBRARY
 // The control block itself, for the allocator's heap path.
 extern ZEPMemDebugCB g_zepMemDebugCB;
+
 // The check of _zepMemAllocCheck; `modeZero` tells the heap path that the debugger is off and the
 // block starts 16 bytes in front of the address.
 Uint32 zepMemCheckBlock(void** pointer, String file, Uint32 line, bool freeing, bool* modeZero);

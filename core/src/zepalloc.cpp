@@ -32,11 +32,19 @@ void storeWords(char* at, Uint32 a, Uint32 b, Uint32 c, Uint32 d) {
 
 // ---- the header's file hash, over the base name
 
-const char* baseName(String file) {
-    if (file == nullptr) return "";
+// The part behind the last '/' or '\\'; its length through `length`.
+const char* baseName(String file, size_t* length) {
+    if (file == nullptr) {
+        *length = 0;
+        return "";
+    }
+    // Every allocation comes here with a whole path: the searches run backwards on whole words.
+    const size_t n = strlen(file);
     const char* base = file;
-    for (const char* at = file; *at != 0; ++at)
-        if (*at == '/' || *at == '\\') base = at + 1;
+    if (const void* slash = memrchr(file, '/', n)) base = static_cast<const char*>(slash) + 1;
+    const size_t rest = n - static_cast<size_t>(base - file);
+    if (const void* back = memrchr(base, '\\', rest)) base = static_cast<const char*>(back) + 1;
+    *length = n - static_cast<size_t>(base - file);
     return base;
 }
 
@@ -47,11 +55,25 @@ Uint32 fileHash(const char* name, size_t length) {
         h = (Uint32{b[3]} << 28) | (Uint32{b[4]} << 21) | (Uint32{b[5]} << 13) |
             (Uint32{b[6]} << 5);
     size_t i = 0;
-    for (; length - i >= 4; i += 4)
-        h ^= (Uint32{b[i]} << 24) ^ (Uint32{b[i + 1]} << 16) ^ (Uint32{b[i + 2]} << 8) ^
-             Uint32 { b[i + 3] };
-    const size_t rest = length - i;
-    for (size_t j = 0; j < rest; ++j) h ^= Uint32{b[i + j]} << (8 * (rest - j - 1));
+    for (; length - i >= 4; i += 4) {
+        // The four bytes as a big-endian word: first << 24 ^ second << 16 ^ ...
+        Uint32 w;
+        memcpy(&w, b + i, 4);
+        h ^= __builtin_bswap32(w);
+    }
+    switch (length - i) {  // the last bytes, the final one lowest
+        case 3:
+            h ^= (Uint32{b[i]} << 16) ^ (Uint32{b[i + 1]} << 8) ^ Uint32 { b[i + 2] };
+            break;
+        case 2:
+            h ^= (Uint32{b[i]} << 8) ^ Uint32 { b[i + 1] };
+            break;
+        case 1:
+            h ^= Uint32{b[i]};
+            break;
+        default:
+            break;
+    }
     return h;
 }
 
@@ -72,11 +94,12 @@ struct Quarantine {
     Uint32 oldest;
     Uint32 count;
     size_t bytes;
-    bool registered;
-    bool closed;
 };
 
-thread_local Quarantine t_quarantine;
+// The thread's ring, made at its first free; kClosed once the thread's end gave it back. The
+// pointer alone is thread-local, in the initial-exec model: one load, no call, on every free.
+Quarantine* const kClosed = reinterpret_cast<Quarantine*>(1);
+__thread Quarantine* t_quarantine __attribute__((tls_model("initial-exec"))) = nullptr;
 
 pthread_key_t s_quarantineKey;
 pthread_once_t s_quarantineOnce = PTHREAD_ONCE_INIT;
@@ -90,32 +113,38 @@ void releaseOldest(Quarantine& q) {
 }
 
 void closeQuarantine(void* p) {
-    Quarantine& q = *static_cast<Quarantine*>(p);
-    while (q.count > 0) releaseOldest(q);
-    q.closed = true;
+    Quarantine* q = static_cast<Quarantine*>(p);
+    while (q->count > 0) releaseOldest(*q);
+    free(q);
+    t_quarantine = kClosed;
 }
 
 void createQuarantineKey() {
     pthread_key_create(&s_quarantineKey, closeQuarantine);
 }
 
+Quarantine* openQuarantine() {
+    Quarantine* q = static_cast<Quarantine*>(calloc(1, sizeof(Quarantine)));
+    if (q == nullptr) return nullptr;
+    pthread_once(&s_quarantineOnce, createQuarantineKey);
+    pthread_setspecific(s_quarantineKey, q);
+    t_quarantine = q;
+    return q;
+}
+
 void hold(void* start, Uint32 bytes) {
-    Quarantine& q = t_quarantine;
-    if (q.closed) {
+    Quarantine* q = t_quarantine;
+    if (q == nullptr) q = openQuarantine();
+    if (q == nullptr || q == kClosed) {
         free(start);
         return;
     }
-    if (!q.registered) {
-        pthread_once(&s_quarantineOnce, createQuarantineKey);
-        pthread_setspecific(s_quarantineKey, &q);
-        q.registered = true;
-    }
-    while (q.count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
-           (q.count > 0 && q.bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
-        releaseOldest(q);
-    q.ring[(q.oldest + q.count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
-    ++q.count;
-    q.bytes += bytes;
+    while (q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
+           (q->count > 0 && q->bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
+        releaseOldest(*q);
+    q->ring[(q->oldest + q->count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
+    ++q->count;
+    q->bytes += bytes;
 }
 
 // ---- the heap path
@@ -124,13 +153,26 @@ struct DebugState {
     Uint32 flags, mode, frontPads, backPads;
 };
 
-// The settings are read once per allocation, under the lock.
+// The settings are read once per allocation, as one snapshot by the control block's sequence
+// (zepmemdbg.h): a change that is under way is waited for, one that slipped in is read again.
 DebugState readDebugState() {
-    zepLockGet(&cb.lock);
-    DebugState s{cb.flags, cb.mode, cb.frontPads, cb.backPads};
-    cb.allocated = 1;
-    zepLockRelease(&cb.lock);
-    return s;
+    if (!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED)) {
+        __atomic_store_n(&cb.allocated, 1u, __ATOMIC_RELAXED);
+        __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    }
+    for (;;) {
+        const Uint32 before = __atomic_load_n(&cb.sequence, __ATOMIC_ACQUIRE);
+        if (before & 1) {
+            zepos::YieldProcessor();
+            continue;
+        }
+        DebugState s{__atomic_load_n(&cb.flags, __ATOMIC_RELAXED),
+                     __atomic_load_n(&cb.mode, __ATOMIC_RELAXED),
+                     __atomic_load_n(&cb.frontPads, __ATOMIC_RELAXED),
+                     __atomic_load_n(&cb.backPads, __ATOMIC_RELAXED)};
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (__atomic_load_n(&cb.sequence, __ATOMIC_RELAXED) == before) return s;
+    }
 }
 
 Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
@@ -160,8 +202,8 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
         return zepErrorMapSystem(ZEPFN_zepMemAlloc, 40, SYSFN_malloc, zepos::GetLastError(),
                                  &level);
     }
-    const char* name = baseName(file);
-    const size_t nameLength = strlen(name);
+    size_t nameLength;
+    const char* name = baseName(file, &nameLength);
 
     char* header;
     switch (s.mode) {
@@ -231,6 +273,20 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
 
 void heapFree(void** pointer, String file, Uint32 line) {
     char* user = static_cast<char*>(*pointer);
+    // An intact idle block, the common case, has nothing the check could find: it is marked
+    // freed and held back at once. Anything else goes through the whole check.
+    Uint32 head[2];  // the idle record's size and mode word
+    Uint32 eye;
+    memcpy(head, user - kHeader - 8, sizeof head);
+    memcpy(&eye, user - kHeader, sizeof eye);
+    if (head[1] == ZEP_MEMDBG_IDLE && (eye & ~ZEP_MEM_EYECATCHER_FLAGS) == ZEP_MEM_EYECATCHER &&
+        __atomic_load_n(&cb.mode, __ATOMIC_RELAXED) != 0) {
+        store32(user - kHeader, ZEP_MEM_EYECATCHER_FREED);
+        store32(user - kHeader - 4, ZEP_MEMDBG_FREED);
+        *pointer = nullptr;
+        hold(user - kHeader - 16, head[0]);
+        return;
+    }
     bool modeZero;
     const Uint32 size = zepMemCheckBlock(pointer, file, line, true, &modeZero);
     if (modeZero)
