@@ -243,8 +243,8 @@ TEST(NumConv, SnprintfAgreesWithTheCLibrary) {
     const std::vector<std::string> widths = {"", "1", "3", "7", "21"};
     for (const std::string& fl : flags) {
         for (const std::string& w : widths) {
-            const std::string spec = "%" + fl + w;
-            auto f = [&](const char* conv) { return "<" + spec + conv + ">|"; };
+            const std::string directive = "%" + fl + w;
+            auto f = [&](const char* conv) { return "<" + directive + conv + ">|"; };
             for (int v : {0, 7, -7, 42, INT_MAX, INT_MIN}) {
                 expectSameAsCLibrary(f("d"), v);
                 expectSameAsCLibrary(f("i"), v);
