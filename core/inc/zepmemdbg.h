@@ -119,9 +119,9 @@ static_assert(offsetof(ZEPMemDebugRecord, prev) == 8 && offsetof(ZEPMemDebugReco
 // alone, and each change makes `sequence` odd while it is under way; an allocation reads the
 // four settings as one snapshot by the sequence, without the lock, so that the heap path costs
 // no locked instruction. Mode 0 still can't be entered or left once a block exists: the first
-// allocation publishes `allocated` with a full fence before it reads the settings, and a change
-// reads `allocated` with a full fence after it made the sequence odd, so one of the two always
-// sees the other.
+// allocation publishes `allocated` by a locked exchange before it reads the settings, and a
+// change makes the sequence odd by a locked add before it reads `allocated`, so one of the two
+// always sees the other.
 struct ZEPMemDebugCB {
     Uint32 flags;
     Uint32 mode;

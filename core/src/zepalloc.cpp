@@ -156,21 +156,20 @@ struct DebugState {
 // The settings are read once per allocation, as one snapshot by the control block's sequence
 // (zepmemdbg.h): a change that is under way is waited for, one that slipped in is read again.
 DebugState readDebugState() {
-    if (!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED)) {
-        __atomic_store_n(&cb.allocated, 1u, __ATOMIC_RELAXED);
-        __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    }
+    // A locked exchange once per process: it orders the flag before the first snapshot.
+    if (!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED))
+        __atomic_exchange_n(&cb.allocated, 1u, __ATOMIC_SEQ_CST);
     for (;;) {
-        const Uint32 before = __atomic_load_n(&cb.sequence, __ATOMIC_ACQUIRE);
+        const Uint32 before = __atomic_load_n(&cb.sequence, __ATOMIC_SEQ_CST);
         if (before & 1) {
             zepos::YieldProcessor();
             continue;
         }
-        DebugState s{__atomic_load_n(&cb.flags, __ATOMIC_RELAXED),
-                     __atomic_load_n(&cb.mode, __ATOMIC_RELAXED),
-                     __atomic_load_n(&cb.frontPads, __ATOMIC_RELAXED),
-                     __atomic_load_n(&cb.backPads, __ATOMIC_RELAXED)};
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        // Acquire loads: the second read of the sequence stays behind them.
+        DebugState s{__atomic_load_n(&cb.flags, __ATOMIC_ACQUIRE),
+                     __atomic_load_n(&cb.mode, __ATOMIC_ACQUIRE),
+                     __atomic_load_n(&cb.frontPads, __ATOMIC_ACQUIRE),
+                     __atomic_load_n(&cb.backPads, __ATOMIC_ACQUIRE)};
         if (__atomic_load_n(&cb.sequence, __ATOMIC_RELAXED) == before) return s;
     }
 }
@@ -274,18 +273,20 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
 void heapFree(void** pointer, String file, Uint32 line) {
     char* user = static_cast<char*>(*pointer);
     // An intact idle block, the common case, has nothing the check could find: it is marked
-    // freed and held back at once. Anything else goes through the whole check.
-    Uint32 head[2];  // the idle record's size and mode word
-    Uint32 eye;
-    memcpy(head, user - kHeader - 8, sizeof head);
-    memcpy(&eye, user - kHeader, sizeof eye);
-    if (head[1] == ZEP_MEMDBG_IDLE && (eye & ~ZEP_MEM_EYECATCHER_FLAGS) == ZEP_MEM_EYECATCHER &&
-        __atomic_load_n(&cb.mode, __ATOMIC_RELAXED) != 0) {
-        store32(user - kHeader, ZEP_MEM_EYECATCHER_FREED);
-        store32(user - kHeader - 4, ZEP_MEMDBG_FREED);
-        *pointer = nullptr;
-        hold(user - kHeader - 16, head[0]);
-        return;
+    // freed and held back at once. Anything else goes through the whole check. (In mode 0 there is
+    // no pad record in front of the header to read.)
+    if (__atomic_load_n(&cb.mode, __ATOMIC_RELAXED) != 0) {
+        Uint32 head[2];  // the idle record's size and mode word
+        Uint32 eye;
+        memcpy(head, user - kHeader - 8, sizeof head);
+        memcpy(&eye, user - kHeader, sizeof eye);
+        if (head[1] == ZEP_MEMDBG_IDLE && (eye & ~ZEP_MEM_EYECATCHER_FLAGS) == ZEP_MEM_EYECATCHER) {
+            store32(user - kHeader, ZEP_MEM_EYECATCHER_FREED);
+            store32(user - kHeader - 4, ZEP_MEMDBG_FREED);
+            *pointer = nullptr;
+            hold(user - kHeader - 16, head[0]);
+            return;
+        }
     }
     bool modeZero;
     const Uint32 size = zepMemCheckBlock(pointer, file, line, true, &modeZero);

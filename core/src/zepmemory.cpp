@@ -185,14 +185,13 @@ Uint32 zepMemSetDebug(Uint32 flags, Uint32 mode, Uint32 frontPads, Uint32 backPa
         return ECF_INVALID_PARAMETER;
     Uint32 rc = 0;
     zepLockGet(&cb.lock);
-    // Odd while the settings change; the fence orders that before the read of `allocated`
+    // Odd while the settings change; the locked add orders that before the read of `allocated`
     // (zepmemdbg.h tells why).
-    __atomic_store_n(&cb.sequence, cb.sequence + 1, __ATOMIC_RELAXED);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    __atomic_fetch_add(&cb.sequence, 1u, __ATOMIC_SEQ_CST);
     __atomic_store_n(&cb.flags, flags, __ATOMIC_RELAXED);
     __atomic_store_n(&cb.frontPads, frontPads, __ATOMIC_RELAXED);
     __atomic_store_n(&cb.backPads, backPads, __ATOMIC_RELAXED);
-    if (__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED) && (cb.mode == 0) != (mode == 0))
+    if (__atomic_load_n(&cb.allocated, __ATOMIC_SEQ_CST) && (cb.mode == 0) != (mode == 0))
         rc = ECF_MEM_CANNOT_TOGGLE_MEM_DEBUG_AFTER_ALLOC;
     else
         __atomic_store_n(&cb.mode, mode, __ATOMIC_RELAXED);
