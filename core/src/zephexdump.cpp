@@ -88,7 +88,7 @@ void zepHexDumpToBuffer(const void* data, Uint32 length, char* buffer, Uint32 si
         Uint32 n = length - offset < 16 ? length - offset : 16;
         Uint32 lineLength = zepHexDumpLine(line, bytes + offset, n, flags);
         if (size - used <= prefixLength + lineLength + 2) break;
-        memcpy(buffer + used, prefix, prefixLength);
+        if (prefixLength) memcpy(buffer + used, prefix, prefixLength);
         used += prefixLength;
         memcpy(buffer + used, line, lineLength);  // the terminator comes along
         used += lineLength - 1;

@@ -284,6 +284,13 @@ ZEPLogFacility* facilityOf(ZEPLogFacility* f) { return f ? f : &s_defaultFacilit
 
 }  // namespace
 
+// The default facility's file, for the assertion report's last place: null unless the facility
+// is open on a file.
+extern "C" String zepLogDefaultFacilityPath(void) {
+    const ZEPLogFacility& f = s_defaultFacility;
+    return f.open && f.target == ZEP_LOG_TARGET_FILE ? f.path : nullptr;
+}
+
 Uint32 zepLogFacOpen(const ZEPLogFacilityParam* param, ZEPLogFacility* facility) {
     if (param == nullptr || param->version < ZEP_MIN_VERSION_STAMP) return ECF_INVALID_PARAMETER;
     if (param->target != ZEP_LOG_TARGET_FILE && param->target != ZEP_LOG_TARGET_EVENTLOG &&
