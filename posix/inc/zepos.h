@@ -114,6 +114,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 #include "zepos_file.h"
 #include "zepos_proc.h"
 #include "zepos_tls.h"
+#include "zepos_named.h"
 
 #pragma GCC visibility pop
 

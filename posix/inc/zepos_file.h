@@ -49,16 +49,30 @@ enum : Uint32 {
 // Every handle the layer hands out points at a record that starts with this header, so that
 // CloseHandle closes any kind. A family that adds a kind of handle gives it a kind number of its
 // own and its close function; CloseHandle refuses anything without the magic word (6).
+// A kind that can be waited on (semaphores, events, threads, processes) sets `wait`; it returns
+// WAIT_OBJECT_0, WAIT_TIMEOUT or WAIT_FAILED with the last error, as WaitForSingleObject does.
 struct HandleRecord {
     Uint32 magic;
     Uint32 kind;
     BOOL (*close)(HandleRecord* record);
+    Uint32 (*wait)(HandleRecord* record, Uint32 milliseconds);
 };
 inline constexpr Uint32 HANDLE_MAGIC = 0x5A48444Cu;  // "ZHDL"
 enum : Uint32 {
     HANDLE_KIND_FILE = 1,
     HANDLE_KIND_FILE_MAPPING = 2,
+    HANDLE_KIND_SEMAPHORE = 3,
+    HANDLE_KIND_EVENT = 4,
+    HANDLE_KIND_MUTEX = 5,
+    HANDLE_KIND_THREAD = 6,
+    HANDLE_KIND_PROCESS = 7,
+    HANDLE_KIND_LIBRARY = 8,
 };
+
+// The handle of a record whose magic, kind, close (and wait, where the kind has one) are set.
+// Every stand-in hands out its handles through this, so that what a handle value is stays the
+// business of this one place.
+HANDLE HandleFor(HandleRecord* record);
 
 // The record a handle of `kind` points at, or null (last error 6) for none, all ones, a foreign
 // pointer's magic, or another kind.
@@ -66,6 +80,18 @@ HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind);
 
 // Closes a handle of any kind. All ones, null and closed handles fail with 6.
 BOOL CloseHandle(HANDLE handle);
+
+// ---- waits
+
+enum : Uint32 {
+    WAIT_OBJECT_0 = 0,
+    WAIT_TIMEOUT = 258,
+    WAIT_FAILED = 0xFFFFFFFFu,
+};
+
+// Waits for a handle of a kind that has a wait: `milliseconds` on the monotonic clock, INFINITE
+// (zepos_sys.h) for no limit, 0 to poll. A handle of another kind fails with 6.
+Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds);
 
 // ---- CreateFileA
 

@@ -202,6 +202,21 @@ HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind) {
     return r;
 }
 
+HANDLE HandleFor(HandleRecord* record) { return record; }
+
+Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds) {
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
+    HandleRecord* r = static_cast<HandleRecord*>(handle);
+    if (r->magic != HANDLE_MAGIC || r->wait == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
+    return r->wait(r, milliseconds);
+}
+
 BOOL CloseHandle(HANDLE handle) {
     if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return fail(ERROR_INVALID_HANDLE);
     HandleRecord* r = static_cast<HandleRecord*>(handle);
@@ -338,6 +353,7 @@ HANDLE CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32 shareMode,
     f->head.magic = HANDLE_MAGIC;
     f->head.kind = HANDLE_KIND_FILE;
     f->head.close = closeFile;
+    f->head.wait = nullptr;
     f->fd = fd;
     f->altFd = -1;
     f->access = rw;
@@ -349,7 +365,7 @@ HANDLE CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32 shareMode,
     }
     pthread_mutex_init(&f->rangeMutex, nullptr);
     SetLastError(existed && mayCreate ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
-    return &f->head;
+    return HandleFor(&f->head);
 }
 
 Uint32 GetFileAttributesA(const char* fileName) {
@@ -659,10 +675,11 @@ HANDLE CreateFileMappingA(HANDLE file, void*, Uint32 protect, Uint32 maximumSize
     m->head.magic = HANDLE_MAGIC;
     m->head.kind = HANDLE_KIND_FILE_MAPPING;
     m->head.close = closeMapping;
+    m->head.wait = nullptr;
     m->protect = protect;
     m->size = size;
     SetLastError(ERROR_SUCCESS);
-    return &m->head;
+    return HandleFor(&m->head);
 }
 
 void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, Uint32 offsetLow,
