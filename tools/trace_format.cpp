@@ -221,9 +221,9 @@ std::string Formatter::countEntry(const GTCountEntry& e) const {
                   functionName(e.functionID).c_str());
 }
 
-Uint32 formatDumpFile(const char* path, View view, bool forward, std::string* text,
-                      Uint64* records) {
-    if (path == nullptr || text == nullptr) return ECF_INVALID_PARAMETER;
+Uint32 walkDumpFile(const char* path, bool forward, DumpInfo* info, const RecordVisitor& visit,
+                    Uint64* records) {
+    if (path == nullptr || info == nullptr) return ECF_INVALID_PARAMETER;
     if (records) *records = 0;
     ZEPHFile file;
     ZEPFileOpenParam open;
@@ -233,18 +233,28 @@ Uint32 formatDumpFile(const char* path, View view, bool forward, std::string* te
     Uint32 rc = file.open(&open);
     if (rc != 0) return rc;
 
-    // The tick factor from the header; the parser reads the header again for itself.
+    // The tick factor from the header; the parser reads the header again for itself. A file
+    // shorter than the trace's own header is no dump, whatever its first bytes say.
     std::unique_ptr<Uint8[]> header(new Uint8[sizeof(GTDumpHeader)]());
     ZEPFileReadParam read;
     read.length = GTRACE_DUMP_TRACE_HEADER_SIZE;
     Uint32 got = 0;
     rc = file.read(&read, header.get(), &got);
     const GTDumpHeader* h = reinterpret_cast<const GTDumpHeader*>(header.get());
-    const bool counting = (h->options.modeBits & GTRACE_MODE_COUNTING) != 0;
+    if (rc == 0 && got < GTRACE_DUMP_TRACE_HEADER_SIZE) rc = ECF_GTRACE_DUMP_HEADER_TRUNCATED;
+    if (rc == 0 && memcmp(h->eyeCatcher, GTRACE_DUMP_EYE_CATCHER, 8) != 0)
+        rc = ECF_GTRACE_INVALID_DUMP_EYE_CATCHER;
+    Uint64 fileSize = 0;
+    if (rc == 0) rc = file.getSize(&fileSize);
+    info->counting = (h->options.modeBits & GTRACE_MODE_COUNTING) != 0;
+    info->modeBits = h->options.modeBits;
+    info->bufferSize = h->options.bufferSize;
+    info->flags = h->options.flags;
+    info->tickFactor = h->tickFactor;
+    info->fileSize = fileSize;
     ZEPFileSeekParam start;  // offset 0 from the start
     if (rc == 0) rc = file.seek(&start);
-    // A counting dump has no ring header to validate; it is simply read.
-    if (rc == 0 && !counting) rc = gtraceValidateDumpFile(&file, GTRACE_DUMP_KIND_RAMBO);
+    if (rc == 0 && !info->counting) rc = gtraceValidateDumpFile(&file, GTRACE_DUMP_KIND_RAMBO);
     GTDumpParser parser;
     if (rc == 0) rc = gtraceOpenDumpFileParser(&file, &parser, forward ? 1 : 0);
     if (rc != 0) {
@@ -252,26 +262,60 @@ Uint32 formatDumpFile(const char* path, View view, bool forward, std::string* te
         return rc;
     }
 
-    Formatter formatter(h->tickFactor);
     std::vector<Uint8> buffer(RAMBO_CHUNK_SIZE);
     Uint64 n = 0;
     for (Uint32 size; (size = gtraceParseRecords(&file, &parser, nullptr, buffer.data(),
                                                  static_cast<Uint32>(buffer.size()))) != 0;) {
         ++n;
-        if (counting) {
-            GTCountEntry e;
-            memcpy(&e, buffer.data(), sizeof e);
-            *text += formatter.countEntry(e);
-        } else if (view == View::Flow) {
-            *text += formatter.flow(buffer.data(), size);
-        } else {
-            *text += formatter.record(buffer.data(), size, n);
-        }
+        if (!visit(buffer.data(), size)) break;
     }
     gtraceCloseDumpFileParser(&parser);
     file.close();
     if (records) *records = n;
     return 0;
+}
+
+Uint32 formatDumpFile(const char* path, View view, bool forward, std::string* text,
+                      Uint64* records) {
+    if (path == nullptr || text == nullptr) return ECF_INVALID_PARAMETER;
+    DumpInfo info;
+    std::unique_ptr<Formatter> formatter;
+    Uint64 n = 0;
+    return walkDumpFile(
+        path, forward, &info,
+        [&](const void* payload, Uint32 size) {
+            if (!formatter) formatter = std::make_unique<Formatter>(info.tickFactor);
+            ++n;
+            if (info.counting) {
+                GTCountEntry e;
+                memcpy(&e, payload, sizeof e);
+                *text += formatter->countEntry(e);
+            } else if (view == View::Flow) {
+                *text += formatter->flow(payload, size);
+            } else {
+                *text += formatter->record(payload, size, n);
+            }
+            return true;
+        },
+        records);
+}
+
+std::vector<RecordItem> recordItems(const void* payload, Uint32 size) {
+    const GTRecord r = fixedPart(payload, size);
+    std::vector<RecordItem> out;
+    for (const Item& i : itemsOf(payload, size, r))
+        out.push_back(RecordItem{i.kind, i.length, i.data});
+    return out;
+}
+
+bool recordHasRc(Uint32 type) {
+    return hasRc(type);
+}
+bool recordHasWords(Uint32 type) {
+    return hasWords(type);
+}
+bool recordHasProbe(Uint32 type) {
+    return hasProbe(type);
 }
 
 }  // namespace zeptrace

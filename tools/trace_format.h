@@ -15,9 +15,11 @@
 #ifndef TRACE_FORMAT_H
 #define TRACE_FORMAT_H
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "gtrace.h"
 
@@ -49,10 +51,43 @@ private:
     std::map<std::pair<Uint32, Uint64>, Uint32> depth_;  // (process, thread) -> open entries
 };
 
+// What a walk learns from a dump's header before the first record.
+struct DumpInfo {
+    bool counting = false;  // a counting table, not a ring
+    Uint32 modeBits = 0;
+    Uint32 bufferSize = 0;
+    Uint32 flags = 0;
+    ZEPTickConversionFactor tickFactor{};
+    Uint64 fileSize = 0;
+};
+
+// Called for every record in the walk's direction: a ring record's payload (a GTRecord and its
+// variable part) or a counting entry (a GTCountEntry). Return false to stop the walk.
+using RecordVisitor = std::function<bool(const void* payload, Uint32 size)>;
+
+// Opens the dump at `path`, validates it (a ring dump by its headers; a counting dump has none to
+// check), fills `info` and hands every record to `visit`. `records` gets the number visited.
+// Returns 0 or the ECF code of the failure; memory stays bounded whatever the dump's size.
+Uint32 walkDumpFile(const char* path, bool forward, DumpInfo* info, const RecordVisitor& visit,
+                    Uint64* records = nullptr);
+
 // Reads the dump at `path` (validated first) and formats every record in the walk's direction
 // into `text`. `records` gets the number formatted. Returns 0 or the ECF code of the failure.
 Uint32 formatDumpFile(const char* path, View view, bool forward, std::string* text,
                       Uint64* records = nullptr);
+
+// The items of a Var record, for tools that show them: kind, length and bytes (null for a null
+// address). Empty for a record without a variable part or with one that doesn't add up.
+struct RecordItem {
+    Uint32 kind, length;
+    const Uint8* data;
+};
+std::vector<RecordItem> recordItems(const void* payload, Uint32 size);
+
+// Whether the record type carries a return code, the two words, a probe.
+bool recordHasRc(Uint32 type);
+bool recordHasWords(Uint32 type);
+bool recordHasProbe(Uint32 type);
 
 }  // namespace zeptrace
 

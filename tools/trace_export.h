@@ -1,0 +1,82 @@
+// trace_export.h - a trace dump in the trace-event JSON format that timeline viewers open
+// (part of the library target zep_trace_format).
+//
+// One track per process and thread, named by metadata events. Each entry with its exit becomes
+// one complete duration event ("X"), nested per thread as the calls were; an entry left without
+// an exit (the parameter checks return without one, and a wrapping ring may have lost the exit)
+// is closed at its parent's exit or at the end of the dump. Data and error records become
+// arguments of the call they happened in, and error records also instant events on the thread.
+//
+// Time stamps are the records' ticks converted by the dump's own factor, in microseconds with
+// nanosecond digits. Within a thread every event gets a time strictly after the one before, so no
+// instant event shares a time stamp with the start or end of a duration event, and nesting stays
+// unambiguous for viewers that sort by time; a dump without time stamps comes out as one
+// nanosecond per record, in record order.
+//
+// The exporter streams: memory is bounded by the threads' call depths, not by the dump's size.
+#ifndef TRACE_EXPORT_H
+#define TRACE_EXPORT_H
+
+#include <stdio.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "trace_format.h"
+
+namespace zeptrace {
+
+class ChromeExporter {
+public:
+    // Writes to `out`, which stays the caller's.
+    ChromeExporter(FILE* out, const ZEPTickConversionFactor& factor);
+
+    // One record of a ring dump, in forward order.
+    void record(const void* payload, Uint32 size);
+    // Closes what is still open and ends the document. Returns false if a write failed.
+    bool finish();
+
+    Uint64 events() const { return events_; }
+
+    // Frames deeper than this on one thread are counted, not kept.
+    static constexpr size_t kMaxDepth = 1024;
+    // Data and error records kept as arguments of one call; more are counted.
+    static constexpr size_t kMaxArgs = 16;
+
+private:
+    struct Frame {
+        Uint32 functionId;
+        Uint64 startNs;
+        std::vector<std::string> args;  // JSON members, ready to write
+        Uint32 argsDropped = 0;
+    };
+    struct Thread {
+        std::vector<Frame> stack;
+        Uint64 lastNs = 0;
+        bool any = false;
+        Uint64 framesDropped = 0;
+    };
+
+    Uint64 nanoseconds(Uint64 ticks) const;
+    Uint64 next(Thread& t, Uint64 ns);
+    Thread& thread(Uint32 pid, Uint64 tid);
+    void close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs, const std::string& extra);
+    void emit(const std::string& event);
+
+    FILE* out_;
+    ZEPTickConversionFactor factor_;
+    std::map<std::pair<Uint32, Uint64>, Thread> threads_;
+    std::map<Uint32, bool> processes_;
+    Uint64 events_ = 0;
+    bool failed_ = false;
+};
+
+// Exports the dump at `path` to `out`. `records` gets the number read. Returns 0 or the ECF code
+// of the failure (a counting dump has no calls to show: ECF_NOT_SUPPORTED).
+Uint32 exportChromeFile(const char* path, FILE* out, Uint64* records = nullptr);
+
+}  // namespace zeptrace
+
+#endif
