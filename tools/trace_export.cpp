@@ -121,21 +121,24 @@ ChromeExporter::Thread& ChromeExporter::thread(Uint32 pid, Uint64 tid) {
     return threads_[{pid, tid}];
 }
 
-// Ends the top frame of the thread at `endNs`; `extra` holds further argument members.
-void ChromeExporter::close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs,
-                           const std::string& extra) {
-    Frame& f = t.stack.back();
+// Ends the top frame of the thread at `endNs`.
+void ChromeExporter::close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs) {
+    const Frame f = t.stack.back();
+    t.stack.pop_back();
     const Uint64 end = next(t, endNs);
-    std::string args;
-    for (const std::string& a : f.args) args += (args.empty() ? "" : ",") + a;
-    if (f.argsDropped) args += (args.empty() ? "" : ",") + format("\"more\":%u", f.argsDropped);
-    if (!extra.empty()) args += (args.empty() ? "" : ",") + extra;
     emit("{\"ph\":\"X\",\"name\":" + quoted(functionName(f.functionId)) +
          ",\"cat\":" + quoted(category(f.functionId)) + ",\"ts\":" + micros(f.startNs) +
          ",\"dur\":" + micros(end - f.startNs) +
+         format(",\"pid\":%u,\"tid\":%llu}", pid, static_cast<unsigned long long>(tid)));
+}
+
+void ChromeExporter::instant(Uint32 pid, Uint64 tid, Thread& t, Uint64 ns, const std::string& name,
+                             const char* category, const std::string& args) {
+    const Uint64 when = next(t, ns);
+    emit("{\"ph\":\"i\",\"s\":\"t\",\"name\":" + quoted(name) + ",\"cat\":\"" + category +
+         "\",\"ts\":" + micros(when) +
          format(",\"pid\":%u,\"tid\":%llu", pid, static_cast<unsigned long long>(tid)) +
          ",\"args\":{" + args + "}}");
-    t.stack.pop_back();
 }
 
 void ChromeExporter::record(const void* payload, Uint32 size) {
@@ -144,78 +147,64 @@ void ChromeExporter::record(const void* payload, Uint32 size) {
     memcpy(&r, payload, size < sizeof r ? size : sizeof r);
     Thread& t = thread(r.processID, r.threadID);
     const Uint64 ns = nanoseconds(r.time);
+    const std::string fn = functionName(r.functionID);
 
     if (r.recordType == GTRACE_TYPE_ENTRY) {
         if (t.stack.size() >= kMaxDepth) {
             ++t.framesDropped;
             return;
         }
-        t.stack.push_back(Frame{r.functionID, next(t, ns), {}, 0});
+        t.stack.push_back(Frame{r.functionID, next(t, ns)});
         return;
     }
     if (r.recordType == GTRACE_TYPE_EXIT) {
+        const std::string rc = "\"rc\":" + quoted(codeText(r.returnCode));
         // The matching entry is the innermost open frame of the function; frames above it were
         // left without an exit and end here, inside it.
         size_t at = t.stack.size();
         while (at > 0 && t.stack[at - 1].functionId != r.functionID) --at;
         if (at == 0) {
             // An exit whose entry the dump doesn't hold (a wrapping ring lost it).
-            const Uint64 when = next(t, ns);
-            emit("{\"ph\":\"i\",\"s\":\"t\",\"name\":" +
-                 quoted("exit " + functionName(r.functionID)) + ",\"ts\":" + micros(when) +
-                 format(",\"pid\":%u,\"tid\":%llu", r.processID,
-                        static_cast<unsigned long long>(r.threadID)) +
-                 ",\"args\":{\"rc\":" + quoted(codeText(r.returnCode)) + "}}");
+            instant(r.processID, r.threadID, t, ns, "exit " + fn, "exit", rc);
             return;
         }
-        while (t.stack.size() > at) close(r.processID, r.threadID, t, ns, "\"unfinished\":true");
-        close(r.processID, r.threadID, t, ns, "\"rc\":" + quoted(codeText(r.returnCode)));
+        while (t.stack.size() > at) {
+            instant(r.processID, r.threadID, t, ns,
+                    "no exit " + functionName(t.stack.back().functionId), "exit", "");
+            close(r.processID, r.threadID, t, ns);
+        }
+        if (r.returnCode != 0)
+            instant(r.processID, r.threadID, t, ns, "rc " + fn + " " + codeText(r.returnCode),
+                    "error", rc);
+        close(r.processID, r.threadID, t, ns);
         return;
     }
 
-    // Data, error and other records: an argument of the call they belong to, and for errors an
-    // instant event as well.
-    std::string value = format("\"type\":%s,\"probe\":%u",
-                               quoted(Formatter::typeName(r.recordType)).c_str(), r.probe);
-    if (recordHasRc(r.recordType) || r.recordType == GTRACE_TYPE_ERROR_OP)
-        value += ",\"rc\":" + quoted(codeText(r.returnCode));
-    if (recordHasWords(r.recordType)) value += format(",\"words\":[%u,%u]", r.word1, r.word2);
+    // Data, error and other records: instant events inside the call they belong to.
+    std::string args = format("\"type\":%s,\"probe\":%u",
+                              quoted(Formatter::typeName(r.recordType)).c_str(), r.probe);
+    if (recordHasRc(r.recordType)) args += ",\"rc\":" + quoted(codeText(r.returnCode));
+    if (recordHasWords(r.recordType)) args += format(",\"words\":[%u,%u]", r.word1, r.word2);
     std::string items;
     for (const RecordItem& item : recordItems(payload, size))
         items += (items.empty() ? "" : ",") + quoted(itemText(item));
-    if (!items.empty()) value += ",\"items\":[" + items + "]";
-    const std::string key = format("%s@%u", Formatter::typeName(r.recordType).c_str(), r.probe);
+    if (!items.empty()) args += ",\"items\":[" + items + "]";
     const bool error = r.recordType == GTRACE_TYPE_ERROR || r.recordType == GTRACE_TYPE_ERROR_OP ||
                        r.recordType == GTRACE_TYPE_ERROR_TRANS;
-    if (!t.stack.empty() && t.stack.back().functionId == r.functionID) {
-        Frame& f = t.stack.back();
-        if (f.args.size() < kMaxArgs)
-            f.args.push_back(quoted(key) + ":{" + value + "}");
-        else
-            ++f.argsDropped;
-    } else if (!error) {
-        // Not inside a call of its function: keep it visible as an instant event.
-        const Uint64 when = next(t, ns);
-        emit("{\"ph\":\"i\",\"s\":\"t\",\"name\":" +
-             quoted(key + " " + functionName(r.functionID)) + ",\"ts\":" + micros(when) +
-             format(",\"pid\":%u,\"tid\":%llu", r.processID,
-                    static_cast<unsigned long long>(r.threadID)) +
-             ",\"args\":{" + value + "}}");
-    }
-    if (error) {
-        const Uint64 when = next(t, ns);
-        emit("{\"ph\":\"i\",\"s\":\"t\",\"name\":" +
-             quoted("error " + functionName(r.functionID) + format(" probe %u", r.probe)) +
-             ",\"cat\":\"error\",\"ts\":" + micros(when) +
-             format(",\"pid\":%u,\"tid\":%llu", r.processID,
-                    static_cast<unsigned long long>(r.threadID)) +
-             ",\"args\":{" + value + "}}");
-    }
+    std::string name = error                              ? "error "
+                       : r.recordType == GTRACE_TYPE_DATA ? "data "
+                                                          : Formatter::typeName(r.recordType) + " ";
+    instant(r.processID, r.threadID, t, ns, name + fn + format(" probe %u", r.probe),
+            error ? "error" : "data", args);
 }
 
 bool ChromeExporter::finish() {
     for (auto& [key, t] : threads_) {
-        while (!t.stack.empty()) close(key.first, key.second, t, t.lastNs, "\"unfinished\":true");
+        while (!t.stack.empty()) {
+            instant(key.first, key.second, t, t.lastNs,
+                    "no exit " + functionName(t.stack.back().functionId), "exit", "");
+            close(key.first, key.second, t, t.lastNs);
+        }
         if (t.framesDropped)
             emit(
                 format("{\"ph\":\"M\",\"name\":\"thread_sort_index\",\"pid\":%u,\"tid\":%llu,"

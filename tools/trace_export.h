@@ -4,8 +4,11 @@
 // One track per process and thread, named by metadata events. Each entry with its exit becomes
 // one complete duration event ("X"), nested per thread as the calls were; an entry left without
 // an exit (the parameter checks return without one, and a wrapping ring may have lost the exit)
-// is closed at its parent's exit or at the end of the dump. Data and error records become
-// arguments of the call they happened in, and error records also instant events on the thread.
+// is closed at its parent's exit or at the end of the dump. Duration events carry no arguments:
+// viewers that aggregate calls (flame graphs) key a frame by its name and arguments, so a call's
+// details would split one function into many frames. The details are instant events on the
+// thread instead, inside the call they belong to: data records, error records, the return code of
+// a failing exit, and the end of a call that had no exit.
 //
 // Time stamps are the records' ticks converted by the dump's own factor, in microseconds with
 // nanosecond digits. Within a thread every event gets a time strictly after the one before, so no
@@ -42,15 +45,11 @@ public:
 
     // Frames deeper than this on one thread are counted, not kept.
     static constexpr size_t kMaxDepth = 1024;
-    // Data and error records kept as arguments of one call; more are counted.
-    static constexpr size_t kMaxArgs = 16;
 
 private:
     struct Frame {
         Uint32 functionId;
         Uint64 startNs;
-        std::vector<std::string> args;  // JSON members, ready to write
-        Uint32 argsDropped = 0;
     };
     struct Thread {
         std::vector<Frame> stack;
@@ -62,7 +61,9 @@ private:
     Uint64 nanoseconds(Uint64 ticks) const;
     Uint64 next(Thread& t, Uint64 ns);
     Thread& thread(Uint32 pid, Uint64 tid);
-    void close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs, const std::string& extra);
+    void close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs);
+    void instant(Uint32 pid, Uint64 tid, Thread& t, Uint64 ns, const std::string& name,
+                 const char* category, const std::string& args);
     void emit(const std::string& event);
 
     FILE* out_;
