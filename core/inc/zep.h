@@ -27,6 +27,11 @@
 
 #include "rambo.h"
 
+// processes: begin
+#include "zepthread.h"
+#include "zeplibrary.h"
+// processes: end
+
 // memory: begin
 #include "zepprimfile.h"
 #include "zepassert.h"
