@@ -30,6 +30,7 @@
 // processes: begin
 #include "zepthread.h"
 #include "zeplibrary.h"
+#include "zepprocess.h"
 // processes: end
 
 // memory: begin
