@@ -307,7 +307,10 @@ Uint32 GetTempPathA(Uint32 size, char* buffer) {
     size_t n = strlen(dir);
     bool slash = dir[n - 1] == '/';
     size_t total = n + (slash ? 0 : 1);
-    if (total >= size) return static_cast<Uint32>(total + 1);
+    if (total >= size) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return static_cast<Uint32>(total + 1);
+    }
     memcpy(buffer, dir, n);
     if (!slash) buffer[n] = '/';
     buffer[total] = 0;
