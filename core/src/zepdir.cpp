@@ -26,6 +26,9 @@ namespace {
 
 constexpr char kSep = ZEP_PATH_SEPARATOR;
 constexpr Uint32 kFilesAndDirectories = 0xC000;
+// The delete lists entries of every kind: a FIFO or a device left behind would keep its directory
+// from going, and each of them is removed as itself like a file.
+constexpr Uint32 kEveryKind = 0xF000;
 constexpr Uint16 kDirectory = 0x4000, kLink = 0xA000;
 
 bool isDotOrDotDot(const char* name) {
@@ -97,7 +100,7 @@ Uint32 deleteLevel(ZepFrame& f, zepos::HANDLE parent, const char* name, zepos::H
                    Uint32 openError, const char* path) {
     DirHandle dir(self);
     ZEPDirectoryListing listing;
-    Uint32 rc = zepListingBeginAt(&listing, self, openError, path, kFilesAndDirectories);
+    Uint32 rc = zepListingBeginAt(&listing, self, openError, path, kEveryKind);
     if (rc != 0) {
         f.failNested(rc, 50, ZEP_LOG_INFO, ZEPFN_ZEPDirectoryListing_begin, rc, ZEP_LOG_ARGS(1),
                      ZepLogStr(path));
