@@ -13,6 +13,7 @@
 #include "zepdirlist.h"
 #include "zephfile.h"
 #include "zephexdump.h"
+#include "zepsysinfo.h"
 
 // primitives: begin
 #include "zepatomic.h"

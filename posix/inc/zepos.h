@@ -111,6 +111,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 }  // namespace zepos
 
 #include "zepos_sys.h"
+#include "zepos_sysinfo.h"
 #include "zepos_file.h"
 #include "zepos_proc.h"
 #include "zepos_tls.h"
