@@ -10,6 +10,7 @@
 #include "gtrace.h"
 #include "zepmemdbg.h"
 #include "zepfile.h"
+#include "zepdirlist.h"
 #include "zephfile.h"
 #include "zephexdump.h"
 #include "zepsysinfo.h"
