@@ -280,8 +280,9 @@ TEST_F(Zeptrace, BadInputGetsAClearMessage) {
             for (const char* cmd : {"show ", "export "}) {
                 const Result r = tool(cmd + bad + (cmd[0] == 'e' ? " --format chrome -" : ""));
                 EXPECT_LT(r.status, 128) << cmd << cut << " crashed";
-                if (r.status != 0)
+                if (r.status != 0) {
                     EXPECT_NE(r.out.find("zeptrace: "), std::string::npos) << r.out;
+                }
             }
         }
     }

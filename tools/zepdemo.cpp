@@ -60,9 +60,10 @@ void failSome(const std::string& dir, const char* who) {
     open.access = ZEP_FILE_ACCESS_READ_WRITE;
     if (file.open(&open) == 0) {
         ZEPFileWriteParam write;
+        write.buffer = who;
         write.length = static_cast<Uint32>(strlen(who));
         Uint32 written = 0;
-        file.write(&write, who, &written);
+        file.write(&write, &written);
         file.close();
     }
     file.open(&open);  // exists now
