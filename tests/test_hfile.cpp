@@ -399,16 +399,16 @@ TEST_F(HFile, ClosedHandleStaysInvalid) {
     EXPECT_EQ(slurp(path("b")), "written");
 
     using namespace zepos;
-    HANDLE f = CreateFileA(path("m").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE f = CreateFileA(path("m").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
     ASSERT_NE(f, INVALID_HANDLE_VALUE);
     HANDLE m = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
     ASSERT_NE(m, nullptr);
     ASSERT_TRUE(CloseHandle(m));
     HANDLE again = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
     ASSERT_NE(again, nullptr);
-    for (HANDLE h : {m, static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE,
-                     static_cast<HANDLE>(&w)}) {
+    for (HANDLE h :
+         {m, static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE, static_cast<HANDLE>(&w)}) {
         SetLastError(0);
         EXPECT_FALSE(CloseHandle(h));
         EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
@@ -427,8 +427,8 @@ TEST_F(HFile, ClosedHandleStaysInvalid) {
 // changes them, on this handle and, for the size, on another one.
 TEST_F(HFile, SizeAndPointerAfterEveryCall) {
     using namespace zepos;
-    HANDLE h = CreateFileA(path("s").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE h = CreateFileA(path("s").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     Uint32 n = 0;
     OVERLAPPED o = {};
