@@ -89,17 +89,19 @@ struct Site {
 constexpr Uint32 kSites = 64;
 __thread Site t_sites[kSites] __attribute__((tls_model("initial-exec")));
 
+__attribute__((noinline)) void learnSite(Site& s, String file) {
+    size_t length;
+    const char* base = baseName(file, &length);
+    s.hash = fileHash(base, length);
+    // Names beyond 64 KiB are cut; the record keeps 19 characters of them anyway.
+    s.baseOffset = static_cast<Uint16>(file ? base - file : 0);
+    s.baseLength = static_cast<Uint16>(length < 0xFFFF ? length : 0xFFFF);
+    s.file = file;
+}
+
 inline const Site& siteOf(String file) {
     Site& s = t_sites[(reinterpret_cast<uintptr_t>(file) >> 3) & (kSites - 1)];
-    if (__builtin_expect(s.file != file || file == nullptr, 0)) {
-        size_t length;
-        const char* base = baseName(file, &length);
-        s.hash = fileHash(base, length);
-        // Names beyond 64 KiB are cut; the record keeps 19 characters of them anyway.
-        s.baseOffset = static_cast<Uint16>(file ? base - file : 0);
-        s.baseLength = static_cast<Uint16>(length < 0xFFFF ? length : 0xFFFF);
-        s.file = file;
-    }
+    if (__builtin_expect(s.file != file || file == nullptr, 0)) learnSite(s, file);
     return s;
 }
 
@@ -430,7 +432,8 @@ bool roundToGranule(Uint32 size, Uint32* rounded) {
     return true;
 }
 
-Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
+// Out of line, like the heap's debug modes: the idle heap path keeps a small frame.
+__attribute__((noinline)) Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
     *result = nullptr;
     Uint32 need;
     if (!roundToGranule(size, &need)) return ECF_NO_MEMORY;
@@ -458,7 +461,7 @@ Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
     return 0;
 }
 
-Uint32 areaFree(char* area, void* block, Uint32 size) {
+__attribute__((noinline)) Uint32 areaFree(char* area, void* block, Uint32 size) {
     Uint32 rounded;
     if (size == 0 || !roundToGranule(size, &rounded)) return ECF_INVALID_PARAMETER;
     Uint32 piece = static_cast<Uint32>(static_cast<char*>(block) - area);
@@ -487,10 +490,13 @@ Uint32 areaFree(char* area, void* block, Uint32 size) {
 }
 
 // A tool or a signal handler may set the flag; the next call of any thread writes the report.
-void reportIfAsked() {
-    if (__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
-        __atomic_exchange_n(&g_bDumpMemAllocListFlag, 0, __ATOMIC_ACQ_REL))
-        zepMemAllocList(1);
+__attribute__((noinline)) void reportAsked() {
+    if (__atomic_exchange_n(&g_bDumpMemAllocListFlag, 0, __ATOMIC_ACQ_REL)) zepMemAllocList(1);
+}
+
+inline void reportIfAsked() {
+    if (__builtin_expect(__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) != 0, 0))
+        reportAsked();
 }
 
 }  // namespace
