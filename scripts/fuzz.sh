@@ -10,7 +10,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${ZEP_BUILD_DIR:-build-fuzz}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_C_COMPILER=clang -DZEP_FUZZ=ON -DZEP_SANITIZE=address -DZEP_BUILD_TESTS=OFF >/dev/null
+  -DCMAKE_C_COMPILER=clang -DZEP_FUZZ=ON -DZEP_SANITIZE=address -DZEP_BUILD_TESTS=OFF \
+  -DZEP_WERROR=ON >/dev/null
 cmake --build "$build"
 bin="$build/fuzz"
 
