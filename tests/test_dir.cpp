@@ -67,13 +67,12 @@ std::string makeTree(const std::string& root, int files, int dirs, size_t maxSiz
         d.push_back(d[i / 10] + "/d" + std::to_string(i));
         mkdir(d.back().c_str(), 0755);
     }
-    std::string data(maxSize, 0);
+    std::string data(maxSize + 4096, 0);
     for (char& c : data) c = static_cast<char>(rng());
     std::string last;
     for (int j = 0; j < files; ++j) {
         last = d[1 + j % dirs] + "/f" + std::to_string(j);
-        std::ofstream(last, std::ios::binary)
-            .write(data.data() + rng() % 4096, rng() % (maxSize - 4096));
+        std::ofstream(last, std::ios::binary).write(data.data() + rng() % 4096, rng() % maxSize);
     }
     return last;
 }

@@ -193,6 +193,7 @@ TEST_F(File, InfoOfFilesDirectoriesAndOthers) {
     }
 
     calls.clear();
+    p.path = f.c_str();
     p.version = 20040701;
     EXPECT_EQ(zepFileGetInfoV9(&p, &info), ECF_INVALID_VERSION);
     theLog(ZEPFN_zepGetFileInfo, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
