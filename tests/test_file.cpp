@@ -367,6 +367,7 @@ TEST_F(File, CopyAFile) {
     }
     EXPECT_EQ(slurp(src), data);
 
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);  // would wait for a writer if opened plainly
     // Failures leave no target behind: a missing source, a directory, a source that fails to
     // read after the target was made.
     struct Row {
@@ -374,6 +375,7 @@ TEST_F(File, CopyAFile) {
         Uint32 rc;
     } rows[] = {{path("none"), ECF_FILE_DOESNT_EXIST},
                 {dir_, ECF_ACCESS_DENIED},
+                {path("fifo"), ECF_ACCESS_DENIED},
                 {"/proc/self/mem", ECF_UNKNOWN}};
     for (const Row& r : rows) {
         calls.clear();
