@@ -29,6 +29,12 @@
 
 #include "rambo.h"
 
+// processes: begin
+#include "zepthread.h"
+#include "zeplibrary.h"
+#include "zepprocess.h"
+// processes: end
+
 // memory: begin
 #include "zepprimfile.h"
 #include "zepassert.h"
