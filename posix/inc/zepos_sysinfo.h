@@ -140,6 +140,88 @@ BOOL GetVersionExA(OSVERSIONINFOA* info);
 // "/usr/bin": its length, or the size needed (terminator included) when `size` is too small.
 Uint32 GetSystemDirectoryA(char* buffer, Uint32 size);
 
+// ---- disks and mounts
+
+// Sizes by statvfs: the caller's share of the free space (f_bavail), the size and the free space
+// (f_bfree) in bytes; any pointer may be null. Fails with the translated errno (2 or 3 for a
+// missing path).
+BOOL GetDiskFreeSpaceExA(const char* directory, Uint64* freeToCaller, Uint64* totalBytes,
+                         Uint64* totalFree);
+
+// The file system holding `root` (any path on it): the mount table's entry whose mount point is
+// the longest prefix of the resolved path. The volume name is the mount's source (a device, a
+// label, "tmpfs", "overlay"), the type the kernel's name for it ("ext4", "xfs", "tmpfs"), the
+// longest component statvfs's f_namemax. Strings are cut to their buffers. The serial number is
+// 0 and the flags 0. On success the last error is left alone.
+BOOL GetVolumeInformationA(const char* root, char* volumeName, Uint32 volumeNameSize,
+                           Uint32* serialNumber, Uint32* maxComponentLength,
+                           Uint32* fileSystemFlags, char* fileSystemName,
+                           Uint32 fileSystemNameSize);
+
+enum : Uint32 {
+    DRIVE_UNKNOWN = 0,      // no mount holds it
+    DRIVE_NO_ROOT_DIR = 1,  // the path doesn't exist
+    DRIVE_REMOVABLE = 2,    // a block device whose /sys/dev/block/<dev>/removable is 1
+    DRIVE_FIXED = 3,
+    DRIVE_REMOTE = 4,   // network file systems
+    DRIVE_CDROM = 5,    // iso9660, udf
+    DRIVE_RAMDISK = 6,  // tmpfs, ramfs
+};
+Uint32 GetDriveTypeA(const char* root);
+
+// The mount points of the real file systems of /proc/self/mountinfo, in mount order, each once,
+// as NUL-ended strings followed by an empty one; pseudo file systems (proc, sysfs, cgroup,
+// devpts, mqueue and their kin) are left out. Only whole names are written: the list stops
+// before the first that doesn't fit with the final empty string, so it never overflows `size`.
+// Returns the characters written, the final NUL not counted; 0 with the reason on failure.
+Uint32 GetLogicalDriveStringsA(Uint32 size, char* buffer);
+
+// ---- processor load
+
+// The 1, 5 and 15 minute load averages of /proc/loadavg; FALSE with the reason if it can't be
+// read or parsed (13, invalid data).
+BOOL GetLoadAverages(double averages[3]);
+
+// The performance-data calls, over the "cpu" line of /proc/stat. A query samples the line at
+// each collection; a counter's value is its share of the ticks between the last two samples,
+// in percent:
+//   "% Processor Time"   100 - idle share           "% User Time"      user + nice
+//   "% Privileged Time"  system                     "% Interrupt Time" irq + softirq
+//   "% Idle Time"        idle + iowait
+// The ticks counted are user, nice, system, idle, iowait, irq, softirq and steal (guest time is
+// inside user already). A path is "\\<this node>\Processor(_Total)\<counter>", or the same
+// without the machine part. The results are PDH status words, 0 on success.
+typedef void* PDH_HQUERY;
+typedef void* PDH_HCOUNTER;
+typedef Uint32 PDH_STATUS;
+enum : Uint32 {
+    PDH_CSTATUS_NO_MACHINE = 0x800007D0u,
+    PDH_NO_DATA = 0x800007D5u,
+    PDH_CALC_NEGATIVE_DENOMINATOR = 0x800007D6u,
+    PDH_CALC_NEGATIVE_VALUE = 0x800007D8u,
+    PDH_CSTATUS_NO_OBJECT = 0xC0000BB8u,
+    PDH_CSTATUS_NO_COUNTER = 0xC0000BB9u,
+    PDH_CSTATUS_INVALID_DATA = 0xC0000BBAu,  // the kernel's line lacks the counter's fields
+    PDH_MEMORY_ALLOCATION_FAILURE = 0xC0000BBBu,
+    PDH_INVALID_HANDLE = 0xC0000BBCu,
+    PDH_INVALID_ARGUMENT = 0xC0000BBDu,
+    PDH_INVALID_DATA = 0xC0000BC6u,  // fewer than two samples yet
+};
+inline constexpr Uint32 PDH_FMT_DOUBLE = 0x200;
+struct PDH_FMT_COUNTERVALUE {
+    Uint32 CStatus;
+    double doubleValue;
+};
+PDH_STATUS PdhOpenQueryA(const char* dataSource, uintptr_t userData, PDH_HQUERY* query);
+PDH_STATUS PdhAddCounterA(PDH_HQUERY query, const char* counterPath, uintptr_t userData,
+                          PDH_HCOUNTER* counter);
+// PDH_NO_DATA when /proc/stat can't be read or has no "cpu" line.
+PDH_STATUS PdhCollectQueryData(PDH_HQUERY query);
+PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, Uint32 format, Uint32* type,
+                                       PDH_FMT_COUNTERVALUE* value);
+// Frees the query and its counters.
+PDH_STATUS PdhCloseQuery(PDH_HQUERY query);
+
 // ---- the readers underneath, for the library's tests
 
 namespace sysfiles {
@@ -166,6 +248,8 @@ struct MountEntry {
     std::string root, mountPoint, type, source, superOptions;
 };
 bool ParseMountLine(std::string_view line, MountEntry* entry);
+// A file system type that holds no files of its own (proc, sysfs, cgroup, ...).
+bool IsPseudoFileSystem(std::string_view type);
 
 // The control group's limits, its directories cached until /proc/self/cgroup changes.
 void ReadControlGroupLimits(CONTROL_GROUP_LIMITS* limits);

@@ -8,12 +8,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <limits.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -750,6 +754,352 @@ Uint32 GetSystemDirectoryA(char* buffer, Uint32 size) {
     if (buffer == nullptr || size < n + 1) return n + 1;
     memcpy(buffer, kDir, n + 1);
     return n;
+}
+
+// ---- disks and mounts
+
+namespace sysfiles {
+
+bool IsPseudoFileSystem(std::string_view type) {
+    static const char* const kPseudo[] = {
+        "proc",    "sysfs",     "cgroup",     "cgroup2",     "devpts",   "mqueue",
+        "debugfs", "tracefs",   "securityfs", "pstore",      "bpf",      "configfs",
+        "fusectl", "hugetlbfs", "autofs",     "binfmt_misc", "efivarfs", "rpc_pipefs",
+        "nsfs",    "selinuxfs", "devtmpfs",   "nfsd"};
+    for (const char* p : kPseudo)
+        if (type == p) return true;
+    return false;
+}
+
+}  // namespace sysfiles
+
+namespace {
+
+// The mount that holds `path`: the longest mount point that is a prefix of its resolved form;
+// of equal ones the last mounted, which hides the others.
+bool findMount(const char* path, sysfiles::MountEntry* found) {
+    char resolved[PATH_MAX];
+    if (realpath(path, resolved) == nullptr) return false;
+    std::string table;
+    if (!sysfiles::ReadText(sysfiles::Path("/proc/self/mountinfo"), &table)) return false;
+    const std::string_view r(resolved);
+    size_t best = 0;
+    bool any = false;
+    size_t pos = 0;
+    while (pos < table.size()) {
+        size_t end = table.find('\n', pos);
+        if (end == std::string::npos) end = table.size();
+        sysfiles::MountEntry m;
+        const bool ok =
+            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
+        pos = end + 1;
+        if (!ok) continue;
+        const std::string& mp = m.mountPoint;
+        const bool prefix = mp == "/" || (r.compare(0, mp.size(), mp) == 0 &&
+                                          (r.size() == mp.size() || r[mp.size()] == '/'));
+        if (!prefix || mp.size() < best) continue;
+        best = mp.size();
+        *found = std::move(m);
+        any = true;
+    }
+    return any;
+}
+
+void copyCut(char* to, Uint32 size, const std::string& from) {
+    if (to == nullptr || size == 0) return;
+    const size_t n = from.size() < size - 1 ? from.size() : size - 1;
+    memcpy(to, from.data(), n);
+    to[n] = 0;
+}
+
+}  // namespace
+
+BOOL GetDiskFreeSpaceExA(const char* directory, Uint64* freeToCaller, Uint64* totalBytes,
+                         Uint64* totalFree) {
+    struct statvfs v;
+    if (directory == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (statvfs(directory, &v) != 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(directory));
+        else
+            SetLastErrorFromErrno();
+        return 0;
+    }
+    const Uint64 unit = v.f_frsize ? v.f_frsize : v.f_bsize;
+    if (freeToCaller) *freeToCaller = static_cast<Uint64>(v.f_bavail) * unit;
+    if (totalBytes) *totalBytes = static_cast<Uint64>(v.f_blocks) * unit;
+    if (totalFree) *totalFree = static_cast<Uint64>(v.f_bfree) * unit;
+    return 1;
+}
+
+BOOL GetVolumeInformationA(const char* root, char* volumeName, Uint32 volumeNameSize,
+                           Uint32* serialNumber, Uint32* maxComponentLength,
+                           Uint32* fileSystemFlags, char* fileSystemName,
+                           Uint32 fileSystemNameSize) {
+    struct statvfs v;
+    if (root == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (statvfs(root, &v) != 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(root));
+        else
+            SetLastErrorFromErrno();
+        return 0;
+    }
+    sysfiles::MountEntry m;
+    if (!findMount(root, &m)) {
+        SetLastError(ERROR_NOT_READY);
+        return 0;
+    }
+    copyCut(volumeName, volumeNameSize, m.source);
+    copyCut(fileSystemName, fileSystemNameSize, m.type);
+    if (serialNumber) *serialNumber = 0;
+    if (fileSystemFlags) *fileSystemFlags = 0;
+    if (maxComponentLength) *maxComponentLength = static_cast<Uint32>(v.f_namemax);
+    return 1;
+}
+
+Uint32 GetDriveTypeA(const char* root) {
+    struct stat st;
+    if (root == nullptr || stat(root, &st) != 0) return DRIVE_NO_ROOT_DIR;
+    sysfiles::MountEntry m;
+    if (!findMount(root, &m)) return DRIVE_UNKNOWN;
+    const std::string& t = m.type;
+    if (t == "tmpfs" || t == "ramfs") return DRIVE_RAMDISK;
+    if (t == "iso9660" || t == "udf") return DRIVE_CDROM;
+    for (const char* remote : {"nfs", "nfs4", "cifs", "smb3", "smbfs", "ceph", "9p", "afs",
+                               "fuse.sshfs", "glusterfs", "lustre"})
+        if (t == remote) return DRIVE_REMOTE;
+    // A partition's removable flag is its disk's: the directory above it in /sys.
+    const std::string dev =
+        sysfiles::Path("/sys/dev/block/") + std::to_string(m.major) + ":" + std::to_string(m.minor);
+    char flag[16];
+    if (sysfiles::ReadWhole(dev + "/removable", flag, sizeof flag) <= 0) {
+        char resolved[PATH_MAX];
+        if (realpath(dev.c_str(), resolved) == nullptr ||
+            sysfiles::ReadWhole(std::string(resolved) + "/../removable", flag, sizeof flag) <= 0)
+            flag[0] = '0';
+    }
+    return flag[0] == '1' ? DRIVE_REMOVABLE : DRIVE_FIXED;
+}
+
+Uint32 GetLogicalDriveStringsA(Uint32 size, char* buffer) {
+    std::string table;
+    if (!sysfiles::ReadText(sysfiles::Path("/proc/self/mountinfo"), &table)) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    std::string list;  // the names, each with its NUL
+    size_t pos = 0;
+    bool full = false;
+    while (pos < table.size() && !full) {
+        size_t end = table.find('\n', pos);
+        if (end == std::string::npos) end = table.size();
+        sysfiles::MountEntry m;
+        const bool ok =
+            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
+        pos = end + 1;
+        if (!ok || sysfiles::IsPseudoFileSystem(m.type) || m.mountPoint.empty()) continue;
+        // A point mounted over again is listed once.
+        bool again = false;
+        for (size_t at = 0; at < list.size(); at += strlen(list.c_str() + at) + 1)
+            if (m.mountPoint == list.c_str() + at) again = true;
+        if (again) continue;
+        if (buffer == nullptr || list.size() + m.mountPoint.size() + 2 > size) {
+            full = true;
+            break;
+        }
+        list.append(m.mountPoint).push_back(0);
+    }
+    if (buffer == nullptr || size == 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    memcpy(buffer, list.data(), list.size());
+    buffer[list.size()] = 0;
+    return static_cast<Uint32>(list.size());
+}
+
+// ---- processor load
+
+BOOL GetLoadAverages(double averages[3]) {
+    char buffer[256];
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/loadavg"), buffer, sizeof buffer) < 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    double a[3];
+    if (sscanf(buffer, "%lf %lf %lf", &a[0], &a[1], &a[2]) != 3) {
+        SetLastError(13);  // invalid data
+        return 0;
+    }
+    averages[0] = a[0], averages[1] = a[1], averages[2] = a[2];
+    return 1;
+}
+
+namespace {
+
+// The "cpu" line's fields in their order; a kernel gives a prefix of them (four on the oldest).
+enum Tick { USER, NICE, SYSTEM, IDLE, IOWAIT, IRQ, SOFTIRQ, STEAL, TICKS };
+
+struct Sample {
+    Uint64 tick[TICKS] = {};
+    int fields = 0;
+};
+
+enum CounterKind { PROCESSOR, USER_TIME, PRIVILEGED, INTERRUPT, IDLE_TIME, KINDS };
+const char* const kCounterNames[KINDS] = {"% Processor Time", "% User Time", "% Privileged Time",
+                                          "% Interrupt Time", "% Idle Time"};
+
+inline constexpr Uint32 QUERY_MAGIC = 0x5A504451u;  // "ZPDQ"
+struct PdhQuery;
+struct PdhCounter {
+    PdhQuery* query;
+    CounterKind kind;
+};
+struct PdhQuery {
+    Uint32 magic = QUERY_MAGIC;
+    Sample previous, current;
+    int samples = 0;
+    PdhCounter* counters[16] = {};
+    int counterCount = 0;
+};
+
+PdhQuery* queryOf(PDH_HQUERY q) {
+    PdhQuery* query = static_cast<PdhQuery*>(q);
+    return query != nullptr && query->magic == QUERY_MAGIC ? query : nullptr;
+}
+
+bool readSample(Sample* s) {
+    char buffer[512];  // the first line is all that is read
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/stat"), buffer, sizeof buffer) <= 0) return false;
+    if (strncmp(buffer, "cpu ", 4) != 0) return false;
+    const char* p = buffer + 4;
+    s->fields = 0;
+    while (s->fields < TICKS) {
+        while (*p == ' ') ++p;
+        if (*p < '0' || *p > '9') break;
+        char* end;
+        s->tick[s->fields++] = strtoull(p, &end, 10);
+        p = end;
+    }
+    return s->fields >= 4;
+}
+
+}  // namespace
+
+PDH_STATUS PdhOpenQueryA(const char* dataSource, uintptr_t /*userData*/, PDH_HQUERY* query) {
+    if (query == nullptr) return PDH_INVALID_ARGUMENT;
+    if (dataSource != nullptr) return PDH_INVALID_ARGUMENT;  // live data only; no log files
+    PdhQuery* q = new (std::nothrow) PdhQuery;
+    if (q == nullptr) return PDH_MEMORY_ALLOCATION_FAILURE;
+    *query = q;
+    return 0;
+}
+
+PDH_STATUS PdhAddCounterA(PDH_HQUERY query, const char* path, uintptr_t /*userData*/,
+                          PDH_HCOUNTER* counter) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    if (path == nullptr || counter == nullptr) return PDH_INVALID_ARGUMENT;
+    std::string_view p(path);
+    if (p.substr(0, 2) == "\\\\") {
+        const size_t end = p.find('\\', 2);
+        if (end == std::string_view::npos) return PDH_CSTATUS_NO_MACHINE;
+        char node[256];
+        Uint32 size = sizeof node;
+        if (!GetComputerNameA(node, &size) || p.substr(2, end - 2) != node)
+            return PDH_CSTATUS_NO_MACHINE;
+        p.remove_prefix(end);
+    }
+    static const char kObject[] = "\\Processor(_Total)\\";
+    if (p.substr(0, sizeof kObject - 1) != kObject) return PDH_CSTATUS_NO_OBJECT;
+    p.remove_prefix(sizeof kObject - 1);
+    int kind = 0;
+    while (kind < KINDS && p != kCounterNames[kind]) ++kind;
+    if (kind == KINDS) return PDH_CSTATUS_NO_COUNTER;
+    if (q->counterCount == 16) return PDH_MEMORY_ALLOCATION_FAILURE;
+    PdhCounter* c = new (std::nothrow) PdhCounter{q, static_cast<CounterKind>(kind)};
+    if (c == nullptr) return PDH_MEMORY_ALLOCATION_FAILURE;
+    q->counters[q->counterCount++] = c;
+    *counter = c;
+    return 0;
+}
+
+PDH_STATUS PdhCollectQueryData(PDH_HQUERY query) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    Sample s;
+    if (!readSample(&s)) return PDH_NO_DATA;
+    q->previous = q->current;
+    q->current = s;
+    if (q->samples < 2) ++q->samples;
+    return 0;
+}
+
+PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, Uint32 format, Uint32* type,
+                                       PDH_FMT_COUNTERVALUE* value) {
+    PdhCounter* c = static_cast<PdhCounter*>(counter);
+    if (c == nullptr || queryOf(c->query) == nullptr) return PDH_INVALID_HANDLE;
+    if (value == nullptr || (format & PDH_FMT_DOUBLE) == 0) return PDH_INVALID_ARGUMENT;
+    if (type) *type = 0x00020000u | 0x00000400u;  // a percentage of elapsed time
+    const PdhQuery& q = *c->query;
+    PDH_STATUS status = 0;
+    double percent = 0;
+    const int fields = q.previous.fields < q.current.fields ? q.previous.fields : q.current.fields;
+    if (q.samples < 2) {
+        status = PDH_INVALID_DATA;
+    } else if (c->kind == INTERRUPT && fields <= SOFTIRQ) {
+        status = PDH_CSTATUS_INVALID_DATA;
+    } else {
+        Uint64 delta[TICKS] = {}, total = 0;
+        for (int i = 0; i < fields; ++i) {
+            if (q.current.tick[i] < q.previous.tick[i]) status = PDH_CALC_NEGATIVE_VALUE;
+            delta[i] = q.current.tick[i] - q.previous.tick[i];
+            total += delta[i];
+        }
+        if (status == 0 && total == 0) status = PDH_CALC_NEGATIVE_DENOMINATOR;
+        if (status == 0) {
+            Uint64 part = 0;
+            switch (c->kind) {
+                case PROCESSOR:
+                    part = total - delta[IDLE] - delta[IOWAIT];
+                    break;
+                case USER_TIME:
+                    part = delta[USER] + delta[NICE];
+                    break;
+                case PRIVILEGED:
+                    part = delta[SYSTEM];
+                    break;
+                case INTERRUPT:
+                    part = delta[IRQ] + delta[SOFTIRQ];
+                    break;
+                case IDLE_TIME:
+                    part = delta[IDLE] + delta[IOWAIT];
+                    break;
+                default:
+                    break;
+            }
+            percent = 100.0 * static_cast<double>(part) / static_cast<double>(total);
+        }
+    }
+    value->CStatus = status;
+    value->doubleValue = percent;
+    return status;
+}
+
+PDH_STATUS PdhCloseQuery(PDH_HQUERY query) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    for (int i = 0; i < q->counterCount; ++i) delete q->counters[i];
+    q->magic = 0;
+    delete q;
+    return 0;
 }
 
 }  // namespace zepos
