@@ -11,6 +11,7 @@
 #include "zepmemdbg.h"
 #include "zepfile.h"
 #include "zephfile.h"
+#include "zepipc.h"
 #include "zephexdump.h"
 
 // primitives: begin
