@@ -10,9 +10,11 @@
 #include "gtrace.h"
 #include "zepmemdbg.h"
 #include "zepfile.h"
+#include "zepdirlist.h"
 #include "zephfile.h"
 #include "zepipc.h"
 #include "zephexdump.h"
+#include "zepsysinfo.h"
 
 // primitives: begin
 #include "zepatomic.h"
@@ -27,6 +29,12 @@
 // numerics: end
 
 #include "rambo.h"
+
+// processes: begin
+#include "zepthread.h"
+#include "zeplibrary.h"
+#include "zepprocess.h"
+// processes: end
 
 // memory: begin
 #include "zepprimfile.h"

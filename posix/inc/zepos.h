@@ -111,11 +111,14 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 }  // namespace zepos
 
 #include "zepos_sys.h"
+#include "zepos_sysinfo.h"
 #include "zepos_file.h"
 #include "zepos_proc.h"
 #include "zepos_tls.h"
 #include "zepos_named.h"
 #include "zepos_ipc.h"
+#include "zepos_exec.h"
+#include "zepos_path.h"
 
 #pragma GCC visibility pop
 
