@@ -43,8 +43,7 @@ HANDLE OpenFileMappingA(Uint32 desiredAccess, BOOL inheritHandle, const char* na
 
 // ---- the process and its memory
 
-// The pseudo handle of this process: all ones, as on the platform.
-HANDLE GetCurrentProcess();
+// GetCurrentProcess (zepos_sysinfo.h) gives the pseudo handle of this process.
 
 enum : Uint32 {
     MEM_COMMIT = 0x1000,

@@ -211,10 +211,6 @@ bool UnmapNamedViewOfFile(const void* baseAddress, BOOL* result) {
 
 // ---- the process and its memory
 
-HANDLE GetCurrentProcess() {
-    return INVALID_HANDLE_VALUE;
-}
-
 size_t VirtualQueryEx(HANDLE process, const void* address, MEMORY_BASIC_INFORMATION* buffer,
                       size_t length) {
     if (process != GetCurrentProcess()) {
