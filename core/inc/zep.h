@@ -13,6 +13,7 @@
 #include "zepdirlist.h"
 #include "zephfile.h"
 #include "zepipc.h"
+#include "zepipcmemory.h"
 #include "zephexdump.h"
 #include "zepsysinfo.h"
 

@@ -25,8 +25,9 @@
 //    A handle conflicting with itself fails at once with 33, also in the waiting form. A length
 //    of 0 is refused with 87. Locks are advisory: read and write don't test them.
 //  - File mappings of open files here; without a file (INVALID_HANDLE_VALUE) the call goes to
-//    the paging-file and named form of zepos_ipc.h, and so do views of such mappings. The maximum size 0 means the file's size when the mapping is made; an empty file
-//    gives 1006. Views keep their mapping alive, as on the platform; the file can still be cut
+//    the paging-file and named form of zepos_ipc.h, and so do views of such mappings. The
+//    maximum size 0 means the file's size when the mapping is made; an empty file gives 1006.
+//    Views keep their mapping alive, as on the platform; the file can still be cut
 //    short under a view here (the platform refuses that), and touching the lost pages faults.
 //  - ReadFile and WriteFile are synchronous: an OVERLAPPED record is refused with 87.
 #ifndef ZEPOS_FILE_H

@@ -70,7 +70,12 @@ HANDLE handleOf(NamedObject* object, bool readOnly) {
     m->head.wait = nullptr;
     m->object = object;
     m->readOnly = readOnly;
-    return HandleFor(&m->head);
+    HANDLE h = HandleFor(&m->head);
+    if (h == nullptr) {
+        closeNamedMapping(&m->head);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    return h;
 }
 
 }  // namespace
@@ -110,9 +115,10 @@ HANDLE OpenFileMappingA(Uint32 desiredAccess, BOOL inheritHandle, const char* na
 }
 
 bool IsNamedFileMapping(HANDLE mapping) {
-    if (mapping == nullptr || mapping == INVALID_HANDLE_VALUE) return false;
-    const HandleRecord* r = static_cast<const HandleRecord*>(mapping);
-    return r->magic == HANDLE_MAGIC && r->kind == HANDLE_KIND_NAMED_MAPPING;
+    const Uint32 saved = GetLastError();
+    const bool named = HandleOfKind(mapping, HANDLE_KIND_NAMED_MAPPING) != nullptr;
+    SetLastError(saved);
+    return named;
 }
 
 void* MapNamedViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh,
@@ -339,6 +345,11 @@ BOOL OpenProcessToken(HANDLE process, Uint32, HANDLE* token) {
     t->head.close = closeToken;
     t->head.wait = nullptr;
     *token = HandleFor(&t->head);
+    if (*token == nullptr) {
+        closeToken(&t->head);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return 0;
+    }
     return 1;
 }
 
