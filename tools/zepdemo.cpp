@@ -32,7 +32,8 @@ struct TraceMembership {
         attach.flags = ZEP_IPC_MEMEX_READ_WRITE;  // trace points write the ring
         ZEPIPCMemoryExInfo info;
         Uint32 rc = memory.attach(&attach, &info);
-        if (rc == 0) rc = gtraceAttach(static_cast<GTCB*>(info.address), zepProcessID(), nullptr, nullptr);
+        if (rc == 0)
+            rc = gtraceAttach(static_cast<GTCB*>(info.address), zepProcessID(), nullptr, nullptr);
         joined = rc == 0;
         return rc;
     }
