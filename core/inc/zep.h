@@ -38,4 +38,9 @@
 #include "zeptsd.h"
 // trace: end
 
+// crash: begin
+#include "zepstack.h"
+#include "zeptrap.h"
+// crash: end
+
 #endif
