@@ -32,7 +32,7 @@ Uint32 g_mask = ZEP_TRAP_ALL_BUT_MEMORY;
 
 void onCrash(int, siginfo_t* si, void* context) {
     ZEPTrapFile trap;
-    if (trap.open(g_trapPath, ZEP_PRIMFILE_WRITE | ZEP_PRIMFILE_CREATE) == 0) {
+    if (trap.open(g_trapPath, ZEP_PRIMFILE_CREATE) == 0) {
         trap.initialize(0, si, static_cast<ucontext_t*>(context), nullptr);
         trap.dump(g_mask, 0, si, static_cast<ucontext_t*>(context));
         trap.close();
