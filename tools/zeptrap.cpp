@@ -14,6 +14,7 @@
 // goes as far as the file does.
 #include <cxxabi.h>
 #include <elfutils/libdw.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -70,6 +71,7 @@ public:
     size_t left() const { return data_.size() - pos_; }
     bool take(void* out, size_t n) {
         if (left() < n) return false;
+        if (n == 0) return true;  // an empty vector's data() may be null
         memcpy(out, data_.data() + pos_, n);
         pos_ += n;
         return true;
@@ -274,9 +276,19 @@ struct Symbols {
             mods.push_back(mod);
         }
         dwfl_report_end(dwfl, nullptr, nullptr);
-        for (Dwfl_Module* mod : mods) {
+        // A binary found by its path may have been rebuilt since the crash: only the one with
+        // the recorded build id describes the addresses.
+        for (size_t i = 0; i < mods.size(); i++) {
             Dwarf_Addr bias;
-            usable.push_back(mod != nullptr && dwfl_module_getelf(mod, &bias) != nullptr);
+            Elf* elf = mods[i] != nullptr ? dwfl_module_getelf(mods[i], &bias) : nullptr;
+            bool ok = elf != nullptr;
+            const ZEPTrapModuleRecord& m = modules[i];
+            if (ok && m.buildIdLength > 0) {
+                const void* id = nullptr;
+                const ssize_t n = dwelf_elf_gnu_build_id(elf, &id);
+                ok = n == static_cast<ssize_t>(m.buildIdLength) && memcmp(id, m.buildId, n) == 0;
+            }
+            usable.push_back(ok);
         }
     }
     ~Symbols() {
