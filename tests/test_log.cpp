@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 
 #include "zep.h"
 #include "zeplogitems.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -247,6 +249,16 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(typed(&h2, 2, ZEP_LOGDATA_HEX), "Hex, 2 bytes\r\n0xBEEF\r\n");
     EXPECT_EQ(typed(&u8, 8, ZEP_LOGDATA_UINT), "Uint64, 8 bytes\r\n18446744073709551615\r\n");
     EXPECT_EQ(typed("hello", 5, ZEP_LOGDATA_CHAR), "Char, 5 bytes\r\nh\r\n");
+    {
+        // An item of no bytes at the very end of readable memory: nothing behind it is read.
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        char* two = static_cast<char*>(
+            mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(two, MAP_FAILED);
+        ASSERT_EQ(mprotect(two + page, page, PROT_NONE), 0);
+        EXPECT_EQ(typed(two + page, 0, ZEP_LOGDATA_CHAR), "Char, 0 bytes\r\n\r\n");
+        munmap(two, 2 * page);
+    }
     EXPECT_EQ(typed(&u4, 4, -9), "");
     EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
     // Strings are clamped at 512; with too little room for the text and its line end, the line
@@ -314,7 +326,8 @@ TEST_F(Log, ManyProcessesAppendToOneFile) {
     std::vector<pid_t> kids(4);
     for (pid_t& k : kids)
         if ((k = fork()) == 0) {
-            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(), "2000", nullptr);
+            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(),
+                  std::to_string(2000 * zeptestStress()).c_str(), nullptr);
             _exit(127);
         }
     for (pid_t k : kids) {
@@ -323,7 +336,8 @@ TEST_F(Log, ManyProcessesAppendToOneFile) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     // The library's own reader walks the file by its fields.
-    expectTool("--check " + path_, 0, {": 8000 records, 0 damaged"});
+    expectTool("--check " + path_, 0,
+               {": " + std::to_string(8000 * zeptestStress()) + " records, 0 damaged"});
 }
 
 TEST(HexDump, LinesAndBuffers) {

@@ -409,7 +409,7 @@ Uint32 loadError(const char* name, const char* why) {
     if (contains(why, "undefined symbol")) return ERROR_PROC_NOT_FOUND;
     if (contains(why, "No such file")) return ERROR_MOD_NOT_FOUND;
     if (contains(why, "Permission denied")) return ERROR_ACCESS_DENIED;
-    if (contains(why, "ELF") || contains(why, "too short") || contains(why, "position-independent"))
+    if (contains(why, "ELF") || contains(why, "too short") || contains(why, "executable"))
         return ERROR_BAD_EXE_FORMAT;
     return ERROR_MOD_NOT_FOUND;
 }
