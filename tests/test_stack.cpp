@@ -295,15 +295,16 @@ TEST(SymbolEngine, RegistryMutexIsRecursiveAndExcludesOtherThreads) {
     zepos::HANDLE m = zepos::sym::CreateMutexA(nullptr, 0, name.c_str());
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(zepos::GetLastError(), 0u);
+    // A second create opens the same mutex through a handle of its own.
     zepos::HANDLE again = zepos::sym::CreateMutexA(nullptr, 0, name.c_str());
-    EXPECT_EQ(again, m);
+    ASSERT_NE(again, nullptr);
     EXPECT_EQ(zepos::GetLastError(), static_cast<Uint32>(zepos::ERROR_ALREADY_EXISTS));
     EXPECT_EQ(zepos::sym::MutexHandleCount(name.c_str()), 2u);
 
     EXPECT_EQ(zepos::WaitForSingleObject(m, zepos::INFINITE), zepos::WAIT_OBJECT_0);
-    EXPECT_EQ(zepos::WaitForSingleObject(m, 0), zepos::WAIT_OBJECT_0);  // recursive
+    EXPECT_EQ(zepos::WaitForSingleObject(again, 0), zepos::WAIT_OBJECT_0);  // recursive
     std::thread([&] {
-        EXPECT_EQ(zepos::WaitForSingleObject(m, 0), zepos::WAIT_TIMEOUT);
+        EXPECT_EQ(zepos::WaitForSingleObject(again, 0), zepos::WAIT_TIMEOUT);
         EXPECT_EQ(zepos::WaitForSingleObject(m, 20), zepos::WAIT_TIMEOUT);
         EXPECT_FALSE(zepos::sym::ReleaseMutex(m));
         EXPECT_EQ(zepos::GetLastError(), zepos::sym::ERROR_NOT_OWNER);
