@@ -66,23 +66,45 @@ void ringRead(ZEPIPCQueueHeader* h, void* to, Uint32 len) {
     if (h->readOffset == h->writeOffset) h->notEmpty = 0;
 }
 
-// With the state latch held: raise the flag, let go of the latch, sleep on the semaphore, and
-// take the latch back if the wait succeeded. After a failure the latch stays released.
-Uint32 sleepOn(ZEPIPCQueueHeader* h, Uint8* flag, ZEPHIPCSemaphore& s, Uint32 timeout) {
-    *flag = 1;
-    zepLockRelease(&h->stateLatch);
-    ZEPIPCSemaphoreWaitParam w(timeout);
-    const Uint32 rc = s.wait(&w);
-    if (rc == 0) zepLockGet(&h->stateLatch);
-    return rc;
-}
+// One put or get: the state latch it holds, and the post it owes the other side. A sleeper on
+// the other side is marked for waking under the latch (its flag cleared), and posted only once
+// the latch is released: a sleeper woken while the latch is still held would find it taken at
+// once and spin or sleep on it.
+struct Side {
+    ZEPIPCQueueHeader* h;
+    ZEPHIPCSemaphore& other;  // the semaphore the other side sleeps on
+    bool held = true;
+    bool owed = false;
 
-// Posts a sleeper whose flag is up, clearing the flag first (under the state latch).
-Uint32 wake(Uint8* flag, ZEPHIPCSemaphore& s) {
-    if (*flag == 0) return 0;
-    *flag = 0;
-    return s.post();
-}
+    void note(Uint8* otherFlag) {
+        if (*otherFlag == 0) return;
+        *otherFlag = 0;
+        owed = true;
+    }
+    // Releases the state latch and pays what is owed.
+    Uint32 release() {
+        if (held) zepLockRelease(&h->stateLatch);
+        held = false;
+        if (!owed) return 0;
+        owed = false;
+        return other.post();
+    }
+    // Raises this side's flag and sleeps; the latch is held again after a successful wait.
+    // `postFailed` tells a failed post of the other side from a failed wait.
+    Uint32 sleep(Uint8* flag, ZEPHIPCSemaphore& mine, Uint32 timeout, bool* postFailed) {
+        *flag = 1;
+        Uint32 rc = release();
+        *postFailed = rc != 0;
+        if (rc != 0) return rc;
+        ZEPIPCSemaphoreWaitParam w(timeout);
+        rc = mine.wait(&w);
+        if (rc == 0) {
+            zepLockGet(&h->stateLatch);
+            held = true;
+        }
+        return rc;
+    }
+};
 
 // Empties the ring and counts a flush, so that whoever is in mid-message drops that message.
 void emptyRing(ZEPIPCQueueHeader* h) {
@@ -205,15 +227,18 @@ Uint32 ZEPHIPCQueue::flush() {
     // after their next sleep, and drop it (the sender stops streaming, the receiver waits for
     // the next whole message). So the stream stays framed.
     emptyRing(h);
-    Uint32 rc = wake(&h->receiverWaiting, receiveSemaphore);
+    const bool receiver = h->receiverWaiting != 0, sender = h->senderWaiting != 0;
+    h->receiverWaiting = 0;
+    h->senderWaiting = 0;
+    zepLockRelease(&h->stateLatch);
+    Uint32 rc = receiver ? receiveSemaphore.post() : 0;
     if (rc != 0) {
         f.failNested(rc, 40, ZEP_LOG_INFO, ZEPFN_ZEPHIPCSemaphore_post, rc, ZEP_LOG_ARGS(1),
                      logHandle(&receiveSemaphore.handle));
-    } else if ((rc = wake(&h->senderWaiting, sendSemaphore)) != 0) {
+    } else if ((rc = sender ? sendSemaphore.post() : 0) != 0) {
         f.failNested(rc, 50, ZEP_LOG_INFO, ZEPFN_ZEPHIPCSemaphore_post, rc, ZEP_LOG_ARGS(1),
                      logHandle(&sendSemaphore.handle));
     }
-    zepLockRelease(&h->stateLatch);
     return f.exit();
 }
 
@@ -223,17 +248,17 @@ Uint32 ZEPHIPCQueue::put(const void* message, Uint32 size) {
     const Uint8* src = static_cast<const Uint8*>(message);
     zepLockGet(&h->sendLatch);
     zepLockGet(&h->stateLatch);
+    Side me{h, receiveSemaphore};
 
     Uint32 rc = 0;
     Uint16 probe = 0;
-    ZEPHIPCSemaphore* sem = &sendSemaphore;
-    bool stateHeld = true;
+    bool postFailed = false;
     // Room for the length word. Only a post of a receiver or of a flush wakes a sender, and
     // either leaves room; the loop is there all the same.
     while (freeRoom(h) < 4) {
-        rc = sleepOn(h, &h->senderWaiting, sendSemaphore, ZEP_IPC_WAIT_FOREVER);
+        rc = me.sleep(&h->senderWaiting, sendSemaphore, ZEP_IPC_WAIT_FOREVER, &postFailed);
         if (rc != 0) {
-            probe = 50, stateHeld = false;
+            probe = 50;
             break;
         }
     }
@@ -242,16 +267,13 @@ Uint32 ZEPHIPCQueue::put(const void* message, Uint32 size) {
         const Uint8 flushes = h->flushCount;
         // The length word alone is news to a sleeping receiver: in a ring of 4 bytes it is all
         // that fits, and the receiver must take it before the body can follow.
-        sem = &receiveSemaphore;
-        rc = wake(&h->receiverWaiting, receiveSemaphore);
-        if (rc != 0) probe = 70;
+        me.note(&h->receiverWaiting);
         Uint32 copied = 0;
-        while (probe == 0) {
+        for (;;) {
             if (freeRoom(h) == 0) {
-                sem = &sendSemaphore;
-                rc = sleepOn(h, &h->senderWaiting, sendSemaphore, ZEP_IPC_WAIT_FOREVER);
+                rc = me.sleep(&h->senderWaiting, sendSemaphore, ZEP_IPC_WAIT_FOREVER, &postFailed);
                 if (rc != 0) {
-                    probe = 60, stateHeld = false;
+                    probe = 60;
                     break;
                 }
                 // Flushed, or given up by a receiver whose time ran out inside it: the rest of
@@ -262,20 +284,23 @@ Uint32 ZEPHIPCQueue::put(const void* message, Uint32 size) {
             if (chunk > size - copied) chunk = size - copied;
             ringWrite(h, src + copied, chunk);
             copied += chunk;
-            sem = &receiveSemaphore;
-            rc = wake(&h->receiverWaiting, receiveSemaphore);
-            if (rc != 0) {
-                probe = 70;
-                break;
-            }
+            me.note(&h->receiverWaiting);
             if (copied >= size) break;
         }
     }
-    if (stateHeld) zepLockRelease(&h->stateLatch);
+    if (probe == 0) {
+        rc = me.release();
+        postFailed = rc != 0;
+    } else {
+        me.release();
+    }
     zepLockRelease(&h->sendLatch);
-    if (probe != 0)
+    if (postFailed) probe = 70;
+    if (rc != 0) {
+        ZEPHIPCSemaphore& sem = postFailed ? receiveSemaphore : sendSemaphore;
         f.failNested(rc, probe, ZEP_LOG_INFO, 0, rc, ZEP_LOG_ARGS(3),
-                     ZepLogHex(message, size < 64 ? size : 64), logHandle(&sem->handle));
+                     ZepLogHex(message, size < 64 ? size : 64), logHandle(&sem.handle));
+    }
     return f.exit();
 }
 
@@ -286,23 +311,25 @@ Uint32 ZEPHIPCQueue::get(void* buffer, Uint32 bufferSize, Uint32* received, Sint
     const Uint32 wait = static_cast<Uint32>(timeout);  // -1 is no limit
     zepLockGet(&h->receiveLatch);
     zepLockGet(&h->stateLatch);
-    bool stateHeld = true;
+    Side me{h, sendSemaphore};
+    Uint32 rc = 0;
+    bool postFailed = false;
 
     if (!h->notEmpty && timeout == 0) {
         f.setQuietResult(ECF_QUE_INVALID_MSG_TYPE);
         f.traceError(0);
     } else {
         for (;;) {  // once per message that begins; again only after a flush took it away
-            Uint32 rc = 0;
             // A wake-up that finds nothing (a post left by a receiver that timed out) sleeps
             // again for the full time.
             while (!h->notEmpty) {
-                rc = sleepOn(h, &h->receiverWaiting, receiveSemaphore, wait);
+                rc = me.sleep(&h->receiverWaiting, receiveSemaphore, wait, &postFailed);
                 if (rc != 0) break;
             }
             if (rc != 0) {
-                stateHeld = false;
-                if (rc == ECF_TIMEOUT)
+                if (postFailed)
+                    f.setQuietResult(rc), f.traceError(130);
+                else if (rc == ECF_TIMEOUT)
                     f.fail(rc, 80, ZEP_LOG_INFO);
                 else
                     f.failNested(rc, 90, ZEP_LOG_INFO, ZEPFN_ZEPHIPCSemaphore_wait, rc, 0);
@@ -322,65 +349,69 @@ Uint32 ZEPHIPCQueue::get(void* buffer, Uint32 bufferSize, Uint32* received, Sint
             }
             // The length word freed room: a sender asleep behind it (a ring it filled, or a
             // message of 0 bytes) goes on now, not after a body that may never come.
-            rc = wake(&h->senderWaiting, sendSemaphore);
+            me.note(&h->senderWaiting);
             const Uint8 flushes = h->flushCount;
             Uint32 copied = 0;
             bool flushed = false;
-            while (rc == 0 && copied < length) {
-                if (freeRoom(h) == h->capacity) {
-                    rc = sleepOn(h, &h->receiverWaiting, receiveSemaphore, wait);
-                    if (rc != 0) {
-                        // Inside a message. Whatever came meanwhile is taken; if nothing came,
-                        // the rest of the message is dropped the way a flush drops it, so the
-                        // next get finds the next whole message and not the middle of this one.
-                        zepLockGet(&h->stateLatch);
-                        if (h->flushCount == flushes && freeRoom(h) != h->capacity &&
-                            rc == ECF_TIMEOUT) {
-                            rc = 0;
-                            continue;
-                        }
-                        if (h->flushCount == flushes) {
-                            emptyRing(h);
-                            wake(&h->senderWaiting, sendSemaphore);
-                        }
-                        zepLockRelease(&h->stateLatch);
-                        stateHeld = false;
-                        if (rc == ECF_TIMEOUT)
-                            f.fail(rc, 110, ZEP_LOG_INFO);
-                        else
-                            f.failNested(rc, 120, ZEP_LOG_INFO, ZEPFN_ZEPHIPCSemaphore_wait, rc, 0);
-                        break;
-                    }
+            while (copied < length) {
+                if (freeRoom(h) != h->capacity) {
+                    Uint32 chunk = h->capacity - freeRoom(h);
+                    if (chunk > length - copied) chunk = length - copied;
+                    ringRead(h, dst + copied, chunk);
+                    copied += chunk;
+                    me.note(&h->senderWaiting);
+                    continue;
+                }
+                rc = me.sleep(&h->receiverWaiting, receiveSemaphore, wait, &postFailed);
+                if (rc == 0) {
                     if (h->flushCount != flushes) {
                         flushed = true;
                         break;
                     }
+                    continue;  // a wake-up with nothing in the ring sleeps again
+                }
+                // Inside a message, the latch released. Whatever came meanwhile is taken; if
+                // nothing came, the rest of the message is dropped the way a flush drops it,
+                // so that the next get finds the next whole message and not the middle of this
+                // one. (A post that failed may leave the sender asleep for good: the same.)
+                zepLockGet(&h->stateLatch);
+                me.held = true;
+                if (h->flushCount != flushes) {
+                    flushed = true;  // a flush came first: wait for the next message
+                    rc = 0;
+                    break;
+                }
+                if (!postFailed && rc == ECF_TIMEOUT && freeRoom(h) != h->capacity) {
+                    rc = 0;
                     continue;
                 }
-                Uint32 chunk = h->capacity - freeRoom(h);
-                if (chunk > length - copied) chunk = length - copied;
-                ringRead(h, dst + copied, chunk);
-                copied += chunk;
-                rc = wake(&h->senderWaiting, sendSemaphore);
-            }
-            if (flushed) continue;  // that message is gone: wait for the next whole one
-            if (rc != 0) {
-                if (stateHeld) {
-                    // A post that failed inside a message: its sender may never wake, so the
-                    // message is dropped as above.
-                    emptyRing(h);
+                emptyRing(h);
+                me.note(&h->senderWaiting);
+                const Uint32 postRc = me.release();
+                if (postFailed || postRc != 0) {
+                    if (postRc != 0) rc = postRc;
                     f.setQuietResult(rc);
                     f.traceError(130);
+                } else if (rc == ECF_TIMEOUT) {
+                    f.fail(rc, 110, ZEP_LOG_INFO);
+                } else {
+                    f.failNested(rc, 120, ZEP_LOG_INFO, ZEPFN_ZEPHIPCSemaphore_wait, rc, 0);
                 }
                 break;
             }
+            if (flushed) continue;  // that message is gone: wait for the next whole one
+            if (rc != 0) break;
             if (received) *received = copied;
             f.traceData(140, ZepTrcObj(&copied));
             break;
         }
     }
-    if (stateHeld) zepLockRelease(&h->stateLatch);
+    const Uint32 postRc = me.release();
     zepLockRelease(&h->receiveLatch);
+    if (postRc != 0 && f.rc() == 0) {
+        f.setQuietResult(postRc);
+        f.traceError(130);
+    }
     return f.exit();
 }
 
