@@ -2,8 +2,11 @@
 # Builds zep and runs the demo: the catalogue tool on a few codes and identifiers, then a
 # program whose operations fail, each leaving its record in the log file it opened, and the
 # log reader walking that file.
+# Run as root on a fresh Debian machine, it first installs what the build needs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/prereq.sh
+zep_require "${zep_base_packages[@]}"
 build=${ZEP_BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" --target zep zeperr zeplog zepdemo >/dev/null

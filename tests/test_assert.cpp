@@ -151,7 +151,7 @@ void recordingCallback(String expression, String file, Uint32 line, String path,
     std::string call = std::string(expression) + "|" + file + "|" + std::to_string(line) + "|" +
                        (path ? path : "(none)") + "|" + std::to_string(fatal);
     for (; pairs->data != nullptr; ++pairs)
-        call += "|" + std::string(static_cast<const char*>(pairs->data), pairs->length);
+        call.append("|").append(static_cast<const char*>(pairs->data), pairs->length);
     g_calls.push_back(call);
 }
 

@@ -170,6 +170,31 @@ TEST(Int128, AdditionShiftsAndComparisons) {
     EXPECT_TRUE(Uint128((Sint64)-2) == Uint128(kOnes, kOnes - 1));
 }
 
+// Every standard integer type converts without a cast, sign-extended when it is signed.
+template <typename T>
+void expectExactConversions() {
+    for (T v : {std::numeric_limits<T>::min(), (T)-1, (T)0, (T)1, std::numeric_limits<T>::max()}) {
+        const U128 want = std::is_signed_v<T> ? (U128)(__int128)v : (U128)v;
+        Uint128 u = v;
+        Sint128 s = v;
+        EXPECT_TRUE(raw(u) == want) << +v;
+        EXPECT_TRUE(raw(s) == want) << +v;
+    }
+}
+
+TEST(Int128, EveryStandardIntegerTypeConverts) {
+    expectExactConversions<int>();
+    expectExactConversions<unsigned>();
+    expectExactConversions<long>();
+    expectExactConversions<unsigned long>();
+    expectExactConversions<long long>();
+    expectExactConversions<unsigned long long>();
+    EXPECT_TRUE(Uint128(~0ULL) == Uint128(0, kOnes));
+    EXPECT_TRUE(Sint128(-1LL) == Sint128(kOnes, kOnes));
+    EXPECT_TRUE(Uint128(5) + 7ULL == Uint128(12));
+    EXPECT_TRUE(Sint128(5) - 7LL == Sint128(-2));
+}
+
 TEST(Int128, FloatingPointInIsTruncatedAndSaturated) {
     const double inf = std::numeric_limits<double>::infinity();
     const double nan = std::numeric_limits<double>::quiet_NaN();

@@ -12,6 +12,7 @@
 #include "zepfile.h"
 #include "zephfile.h"
 #include "zephexdump.h"
+#include "zepsysinfo.h"
 
 // primitives: begin
 #include "zepatomic.h"

@@ -105,6 +105,10 @@ public:
     Uint128(Uint32 v) : int128(v) {}
     Uint128(Uint64 v) : int128(v) {}
     Uint128(Sint64 v) : int128(v) {}
+    // Sint64 and Uint64 are long and unsigned long here: literals such as ~0ULL and -1LL match
+    // no constructor exactly without these two.
+    Uint128(long long v) : int128((Sint64)v) {}
+    Uint128(unsigned long long v) : int128((Uint64)v) {}
     Uint128(Uint64 highPart, Uint64 lowPart) : int128(highPart, lowPart) {}
     explicit Uint128(const int128& v) : int128(v) {}
     // The fraction is cut off; negative values, NaN with its sign set and magnitudes below 1
@@ -173,6 +177,10 @@ public:
     Sint128(Uint32 v) : int128(v) {}
     Sint128(Uint64 v) : int128(v) {}
     Sint128(Sint64 v) : int128(v) {}
+    // Sint64 and Uint64 are long and unsigned long here: literals such as ~0ULL and -1LL match
+    // no constructor exactly without these two.
+    Sint128(long long v) : int128((Sint64)v) {}
+    Sint128(unsigned long long v) : int128((Uint64)v) {}
     Sint128(Uint64 highPart, Uint64 lowPart) : int128(highPart, lowPart) {}
     explicit Sint128(const int128& v) : int128(v) {}
     // The fraction is cut off toward zero; beyond the range, and for infinity and NaN, the

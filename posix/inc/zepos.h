@@ -111,10 +111,12 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 }  // namespace zepos
 
 #include "zepos_sys.h"
+#include "zepos_sysinfo.h"
 #include "zepos_file.h"
 #include "zepos_proc.h"
 #include "zepos_tls.h"
 #include "zepos_named.h"
+#include "zepos_path.h"
 #include "zepos_sync.h"
 
 #pragma GCC visibility pop

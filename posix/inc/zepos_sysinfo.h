@@ -1,0 +1,178 @@
+// zepos_sysinfo.h - the machine's facts, in the forms the system-information queries expect.
+//
+// The queries were designed against a registry value, a memory status record, a version
+// record, a drive list and performance counters. Here each of those calls reads the same fact
+// from Linux: /proc, /sys, sysconf, uname, statvfs, the mount table and the process's control
+// group. docs/sysinfo.md lists every value's source.
+//
+// Control groups. The values a caller sizes work by (memory, processors, swap) are bounded by
+// the limits of the process's control group: v1 where the controller is mounted on a v1
+// hierarchy, v2 otherwise. The group's directory is found from /proc/self/cgroup and the mount
+// table, and every level from it up to the hierarchy's root is read: the lowest limit wins, and
+// what the group may still take is the least headroom (limit - usage) of the levels that have
+// one. "max", -1 and the kernel's sentinel for "no limit" (a page counter's maximum, 2^63 less a
+// page) all mean no limit.
+//
+// Every file is read below a root that is "" in the library; the library's tests point it at
+// recorded copies of /proc and /sys (SetSystemFilesRoot).
+#ifndef ZEPOS_SYSINFO_H
+#define ZEPOS_SYSINFO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <string_view>
+
+#include "zeptypes.h"
+
+namespace zepos {
+
+// ---- the files' root (tests only)
+
+// Every /proc, /sys and control-group file is read below `root` ("" or null: the real ones).
+// Not for concurrent use with the readers.
+void SetSystemFilesRoot(const char* root);
+
+// ---- processors
+
+// The calling thread's affinity stands in for the process's: a mask of the first 64 processors.
+HANDLE GetCurrentProcess();
+BOOL GetProcessAffinityMask(HANDLE process, uintptr_t* processMask, uintptr_t* systemMask);
+// Binds the calling thread; the mask must name a processor the thread may use (87 otherwise).
+BOOL SetProcessAffinityMask(HANDLE process, uintptr_t processMask);
+
+// The three numbers the platform gives as one: processors configured on the machine (cpuN
+// directories of /sys/devices/system/cpu), online (its "online" list), and those this process
+// may use: its affinity, further limited by its group's CPU quota (quota / period, rounded up).
+// Never fails; a file that can't be read leaves the count of the layer below it.
+struct PROCESSOR_COUNTS {
+    Uint32 configured;
+    Uint32 online;
+    Uint32 usable;
+};
+void GetProcessorCounts(PROCESSOR_COUNTS* counts);
+
+// ---- the registry: the one key and value the library reads
+
+typedef void* HKEY;
+inline HKEY const HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(static_cast<uintptr_t>(0x80000002));
+inline constexpr Uint32 KEY_QUERY_VALUE = 0x0001;
+inline constexpr Uint32 REG_DWORD = 4;
+
+// "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0" under HKEY_LOCAL_MACHINE opens; any other
+// key gives 2. The results are error numbers, 0 on success, as the platform's registry calls give.
+Sint32 RegOpenKeyExA(HKEY key, const char* subKey, Uint32 options, Uint32 desired, HKEY* result);
+// "~MHZ" of that key: the processor's base frequency (cpufreq's base_frequency), else its
+// highest (cpuinfo_max_freq), else the "cpu MHz" of /proc/cpuinfo, as a REG_DWORD of MHz.
+// 2 when none of them exists, 234 (more data) when *size is below 4, 2 for any other value.
+Sint32 RegQueryValueExA(HKEY key, const char* valueName, Uint32* reserved, Uint32* type,
+                        Uint8* data, Uint32* size);
+Sint32 RegCloseKey(HKEY key);
+
+// ---- memory
+
+// In bytes. Physical memory is the smaller of the machine's and the control group's limit;
+// available memory likewise bounded by what the group may still take. The page file counts
+// physical memory as the platform's does: ullTotalPageFile = total physical + swap (the group's
+// swap limit applied), ullAvailPageFile = available physical + free swap. The virtual numbers
+// are the process's user address space (or its RLIMIT_AS if lower) and what of it isn't mapped.
+struct MEMORYSTATUSEX {
+    Uint32 dwLength;  // 64
+    Uint32 dwMemoryLoad;
+    Uint64 ullTotalPhys;
+    Uint64 ullAvailPhys;
+    Uint64 ullTotalPageFile;
+    Uint64 ullAvailPageFile;
+    Uint64 ullTotalVirtual;
+    Uint64 ullAvailVirtual;
+    Uint64 ullAvailExtendedVirtual;
+};
+// FALSE (last error 87) for a dwLength other than 64; FALSE with the reason when
+// /proc/meminfo can't be read.
+BOOL GlobalMemoryStatusEx(MEMORYSTATUSEX* status);
+
+// The old call: 32-bit numbers (clamped), from sysinfo(2) without the control group. Can't fail.
+struct MEMORYSTATUS {
+    Uint32 dwLength;
+    Uint32 dwMemoryLoad;
+    Uint32 dwTotalPhys;
+    Uint32 dwAvailPhys;
+    Uint32 dwTotalPageFile;
+    Uint32 dwAvailPageFile;
+    Uint32 dwTotalVirtual;
+    Uint32 dwAvailVirtual;
+};
+void GlobalMemoryStatus(MEMORYSTATUS* status);
+
+// The limits of the process's control group as found below the files' root, for the calls above
+// and for the tests. UINT64_MAX (memory, swap) and 0 (processors) mean no limit.
+struct CONTROL_GROUP_LIMITS {
+    Uint64 memoryLimit;     // lowest limit of all levels
+    Uint64 memoryHeadroom;  // least (limit - usage) of the levels with a limit
+    Uint64 swapLimit;       // lowest swap limit (v1: memory+swap limit less memory limit)
+    Uint64 swapHeadroom;
+    Uint32 cpuProcessors;  // lowest quota / period, rounded up
+    Uint32 version;        // 1 or 2 for the memory controller's hierarchy, 0 if none was found
+};
+void GetControlGroupLimits(CONTROL_GROUP_LIMITS* limits);
+
+// ---- operating system
+
+// The node name; FALSE with 111 (buffer overflow) and the needed size if *size is too small.
+BOOL GetComputerNameA(char* buffer, Uint32* size);
+
+// The kernel's version from uname: major and minor of its release, the release string in
+// szCSDVersion, and the kernel's name, which the platform's record has no field for, in
+// szSystemName. dwPlatformId is VER_PLATFORM_LINUX.
+inline constexpr Uint32 VER_PLATFORM_LINUX = 0x4C;
+struct OSVERSIONINFOA {
+    Uint32 dwOSVersionInfoSize;
+    Uint32 dwMajorVersion;
+    Uint32 dwMinorVersion;
+    Uint32 dwBuildNumber;  // the patch level, the third number of the release
+    Uint32 dwPlatformId;
+    char szCSDVersion[128];
+    char szSystemName[65];
+};
+BOOL GetVersionExA(OSVERSIONINFOA* info);
+
+// "/usr/bin": its length, or the size needed (terminator included) when `size` is too small.
+Uint32 GetSystemDirectoryA(char* buffer, Uint32 size);
+
+// ---- the readers underneath, for the library's tests
+
+namespace sysfiles {
+
+inline constexpr Uint64 NO_LIMIT = UINT64_MAX;
+
+// `path` below the files' root.
+std::string Path(std::string_view path);
+// The file's bytes, NUL-ended, up to size - 1 of them: the count, or -1 with errno.
+long ReadWhole(const std::string& path, char* buffer, size_t size);
+bool ReadText(const std::string& path, std::string* text);
+// Decimal digits after blanks; false without any or on overflow.
+bool ParseU64(std::string_view s, Uint64* value);
+// A control group's limit: "max", a negative number and the kernel's sentinel give NO_LIMIT.
+Uint64 ParseLimit(std::string_view s);
+// Processors in a list such as "0-3,8,10-11".
+Uint32 CountCpuList(std::string_view s);
+// A comma-separated option list has `option`.
+bool HasOption(std::string_view options, std::string_view option);
+
+// One line of /proc/self/mountinfo, octal escapes undone.
+struct MountEntry {
+    Uint32 major = 0, minor = 0;
+    std::string root, mountPoint, type, source, superOptions;
+};
+bool ParseMountLine(std::string_view line, MountEntry* entry);
+
+// The control group's limits, its directories cached until /proc/self/cgroup changes.
+void ReadControlGroupLimits(CONTROL_GROUP_LIMITS* limits);
+void ForgetControlGroup();  // with the root's lock held
+
+}  // namespace sysfiles
+
+}  // namespace zepos
+
+#endif

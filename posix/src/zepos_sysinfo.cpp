@@ -1,0 +1,755 @@
+// zepos_sysinfo.cpp - the machine's facts from /proc, /sys, sysconf, uname and the control group.
+#include "zepos.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/sysinfo.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace zepos {
+
+// ---- files below the root
+
+namespace {
+
+std::mutex g_rootLock;  // the root and the control group's cached directories
+std::string g_root;
+
+std::string rootOf() {
+    std::lock_guard<std::mutex> hold(g_rootLock);
+    return g_root;
+}
+
+}  // namespace
+
+void SetSystemFilesRoot(const char* root) {
+    std::lock_guard<std::mutex> hold(g_rootLock);
+    g_root = root ? root : "";
+    sysfiles::ForgetControlGroup();
+}
+
+namespace sysfiles {
+
+std::string Path(std::string_view path) {
+    std::string p = rootOf();
+    p.append(path);
+    return p;
+}
+
+long ReadWhole(const std::string& path, char* buffer, size_t size) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    size_t have = 0;
+    while (have + 1 < size) {
+        const ssize_t n = read(fd, buffer + have, size - 1 - have);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            const int saved = errno;
+            close(fd);
+            errno = saved;
+            return -1;
+        }
+        if (n == 0) break;
+        have += static_cast<size_t>(n);
+    }
+    close(fd);
+    buffer[have] = 0;
+    return static_cast<long>(have);
+}
+
+bool ReadText(const std::string& path, std::string* text) {
+    char buffer[8192];
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    text->clear();
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            const int saved = errno;
+            close(fd);
+            errno = saved;
+            return n == 0;
+        }
+        text->append(buffer, static_cast<size_t>(n));
+    }
+}
+
+bool ParseU64(std::string_view s, Uint64* value) {
+    size_t i = 0;
+    while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
+    if (i == s.size() || s[i] < '0' || s[i] > '9') return false;
+    Uint64 v = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+        const Uint64 digit = static_cast<Uint64>(s[i] - '0');
+        if (v > (UINT64_MAX - digit) / 10) return false;
+        v = v * 10 + digit;
+    }
+    *value = v;
+    return true;
+}
+
+Uint64 ParseLimit(std::string_view s) {
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.remove_suffix(1);
+    while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
+    if (s.empty() || s == "max" || s[0] == '-') return NO_LIMIT;
+    Uint64 v;
+    if (!ParseU64(s, &v)) return NO_LIMIT;
+    // The kernel writes a page counter's maximum (2^63 less a page, whatever the page size) for
+    // a group that has no limit; nothing real comes near 2^62 bytes.
+    if (v >= (static_cast<Uint64>(1) << 62)) return NO_LIMIT;
+    return v;
+}
+
+Uint32 CountCpuList(std::string_view s) {
+    Uint32 count = 0;
+    size_t i = 0;
+    while (i < s.size()) {
+        Uint64 first, last;
+        size_t j = i;
+        while (j < s.size() && s[j] >= '0' && s[j] <= '9') ++j;
+        if (j == i || !ParseU64(s.substr(i, j - i), &first)) break;
+        last = first;
+        if (j < s.size() && s[j] == '-') {
+            size_t k = ++j;
+            while (k < s.size() && s[k] >= '0' && s[k] <= '9') ++k;
+            if (k == j || !ParseU64(s.substr(j, k - j), &last) || last < first) break;
+            j = k;
+        }
+        count += static_cast<Uint32>(last - first + 1);
+        if (j < s.size() && s[j] == ',') ++j;
+        i = j;
+        if (i < s.size() && (s[i] == '\n' || s[i] == ' ')) break;
+    }
+    return count;
+}
+
+// ---- /proc/self/mountinfo
+
+std::string Unescape(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == '\\' && i + 3 < s.size() + 0 && s[i + 1] >= '0' && s[i + 1] <= '3') {
+            out.push_back(static_cast<char>(((s[i + 1] - '0') << 6) | ((s[i + 2] - '0') << 3) |
+                                            (s[i + 3] - '0')));
+            i += 3;
+        } else {
+            out.push_back(s[i]);
+        }
+    }
+    return out;
+}
+
+bool ParseMountLine(std::string_view line, MountEntry* m) {
+    // id parent major:minor root mount-point options [optional fields] - type source super-options
+    std::string_view field[6];
+    size_t pos = 0;
+    for (int k = 0; k < 6; ++k) {
+        const size_t end = line.find(' ', pos);
+        if (end == std::string_view::npos) return false;
+        field[k] = line.substr(pos, end - pos);
+        pos = end + 1;
+    }
+    const size_t dash = line.find(" - ", pos - 1);
+    if (dash == std::string_view::npos) return false;
+    std::string_view rest = line.substr(dash + 3);
+    const size_t t = rest.find(' ');
+    if (t == std::string_view::npos) return false;
+    const size_t s = rest.find(' ', t + 1);
+    m->type = std::string(rest.substr(0, t));
+    m->source = Unescape(rest.substr(t + 1, s == std::string_view::npos ? s : s - t - 1));
+    m->superOptions = s == std::string_view::npos ? std::string() : std::string(rest.substr(s + 1));
+    const size_t colon = field[2].find(':');
+    Uint64 major = 0, minor = 0;
+    if (colon == std::string_view::npos || !ParseU64(field[2].substr(0, colon), &major) ||
+        !ParseU64(field[2].substr(colon + 1), &minor))
+        return false;
+    m->major = static_cast<Uint32>(major);
+    m->minor = static_cast<Uint32>(minor);
+    m->root = Unescape(field[3]);
+    m->mountPoint = Unescape(field[4]);
+    return true;
+}
+
+bool HasOption(std::string_view options, std::string_view option) {
+    size_t pos = 0;
+    while (pos <= options.size()) {
+        size_t end = options.find(',', pos);
+        if (end == std::string_view::npos) end = options.size();
+        if (options.substr(pos, end - pos) == option) return true;
+        pos = end + 1;
+    }
+    return false;
+}
+
+// ---- the control group
+
+namespace {
+
+struct GroupDir {
+    int version = 0;       // 0: the controller isn't found
+    std::string dir, top;  // the group's directory and its hierarchy's mount point, rooted
+};
+
+struct GroupCache {
+    bool valid = false;
+    std::string cgroupFile;  // /proc/self/cgroup as it was when the directories were found
+    GroupDir memory, cpu;
+};
+GroupCache g_cache;  // under g_rootLock
+
+// The group's directory for `controller`: its v1 hierarchy if it has one, else the v2 one.
+GroupDir findGroup(const std::string& cgroupFile, const std::string& mountinfo,
+                   const std::string& root, std::string_view controller) {
+    GroupDir g;
+    std::string path;
+    int version = 0;
+    size_t pos = 0;
+    while (pos < cgroupFile.size()) {
+        size_t end = cgroupFile.find('\n', pos);
+        if (end == std::string::npos) end = cgroupFile.size();
+        std::string_view line(cgroupFile.data() + pos, end - pos);
+        pos = end + 1;
+        const size_t c1 = line.find(':');
+        const size_t c2 = c1 == std::string_view::npos ? c1 : line.find(':', c1 + 1);
+        if (c2 == std::string_view::npos) continue;
+        std::string_view controllers = line.substr(c1 + 1, c2 - c1 - 1);
+        std::string_view p = line.substr(c2 + 1);
+        if (controllers.empty() && line.substr(0, c1) == "0") {
+            if (version == 0) version = 2, path = std::string(p);
+        } else if (HasOption(controllers, controller)) {
+            version = 1, path = std::string(p);
+        }
+    }
+    if (version == 0) return g;
+    pos = 0;
+    while (pos < mountinfo.size()) {
+        size_t end = mountinfo.find('\n', pos);
+        if (end == std::string::npos) end = mountinfo.size();
+        MountEntry m;
+        const bool ok = ParseMountLine(std::string_view(mountinfo.data() + pos, end - pos), &m);
+        pos = end + 1;
+        if (!ok) continue;
+        if (version == 1 ? (m.type != "cgroup" || !HasOption(m.superOptions, controller))
+                         : m.type != "cgroup2")
+            continue;
+        // /proc/self/cgroup names the group from the hierarchy's root; the mount may show a
+        // part of it only (a container's view), whose root the mount table names.
+        std::string rel = path;
+        if (m.root != "/") {
+            if (rel.compare(0, m.root.size(), m.root) == 0 &&
+                (rel.size() == m.root.size() || rel[m.root.size()] == '/'))
+                rel.erase(0, m.root.size());
+            else
+                rel.clear();  // outside this mount's view: its top is all we can see
+        }
+        while (!rel.empty() && rel.back() == '/') rel.pop_back();
+        g.version = version;
+        g.top = root + m.mountPoint;
+        while (g.top.size() > 1 && g.top.back() == '/') g.top.pop_back();
+        g.dir = g.top + rel;
+        return g;
+    }
+    return g;
+}
+
+bool readLimitFile(const std::string& dir, const char* name, Uint64* value) {
+    char buffer[128];
+    if (ReadWhole(dir + "/" + name, buffer, sizeof buffer) < 0) return false;
+    *value = ParseLimit(buffer);
+    return true;
+}
+
+bool readNumberFile(const std::string& dir, const char* name, Uint64* value) {
+    char buffer[128];
+    if (ReadWhole(dir + "/" + name, buffer, sizeof buffer) < 0) return false;
+    return ParseU64(buffer, value);
+}
+
+// Calls visit(dir) for the group's directory and each one above it up to the hierarchy's top.
+template <class Visit>
+void walkUp(const GroupDir& g, Visit visit) {
+    if (g.version == 0) return;
+    std::string dir = g.dir;
+    for (int depth = 0; depth < 64; ++depth) {
+        visit(dir);
+        if (dir.size() <= g.top.size()) break;
+        const size_t slash = dir.rfind('/');
+        if (slash == std::string::npos || slash < g.top.size()) break;
+        dir.erase(slash);
+    }
+}
+
+void lower(Uint64* v, Uint64 candidate) {
+    if (candidate < *v) *v = candidate;
+}
+
+}  // namespace
+
+void ForgetControlGroup() {
+    g_cache.valid = false;
+}
+
+void ReadControlGroupLimits(CONTROL_GROUP_LIMITS* limits) {
+    limits->memoryLimit = limits->memoryHeadroom = NO_LIMIT;
+    limits->swapLimit = limits->swapHeadroom = NO_LIMIT;
+    limits->cpuProcessors = 0;
+    limits->version = 0;
+
+    GroupDir memory, cpu;
+    {
+        // The directories are worked out again only when the process has moved to another
+        // group: reading the mount table costs more than all the limits together.
+        std::lock_guard<std::mutex> hold(g_rootLock);
+        std::string cgroupFile;
+        if (!ReadText(g_root + "/proc/self/cgroup", &cgroupFile)) return;
+        if (!g_cache.valid || g_cache.cgroupFile != cgroupFile) {
+            std::string mountinfo;
+            if (!ReadText(g_root + "/proc/self/mountinfo", &mountinfo)) return;
+            g_cache.memory = findGroup(cgroupFile, mountinfo, g_root, "memory");
+            g_cache.cpu = findGroup(cgroupFile, mountinfo, g_root, "cpu");
+            g_cache.cgroupFile = std::move(cgroupFile);
+            g_cache.valid = true;
+        }
+        memory = g_cache.memory;
+        cpu = g_cache.cpu;
+    }
+    limits->version = static_cast<Uint32>(memory.version);
+
+    walkUp(memory, [&](const std::string& dir) {
+        Uint64 limit, usage, swapLimit, swapUsage;
+        if (memory.version == 2) {
+            if (readLimitFile(dir, "memory.max", &limit) && limit != NO_LIMIT) {
+                lower(&limits->memoryLimit, limit);
+                if (readNumberFile(dir, "memory.current", &usage))
+                    lower(&limits->memoryHeadroom, usage < limit ? limit - usage : 0);
+            }
+            if (readLimitFile(dir, "memory.swap.max", &swapLimit) && swapLimit != NO_LIMIT) {
+                lower(&limits->swapLimit, swapLimit);
+                if (readNumberFile(dir, "memory.swap.current", &swapUsage))
+                    lower(&limits->swapHeadroom, swapUsage < swapLimit ? swapLimit - swapUsage : 0);
+            }
+            return;
+        }
+        // v1 limits memory and memory+swap; the swap a group may use is the difference.
+        if (!readLimitFile(dir, "memory.limit_in_bytes", &limit)) return;
+        const bool haveUsage = readNumberFile(dir, "memory.usage_in_bytes", &usage);
+        if (limit != NO_LIMIT) {
+            lower(&limits->memoryLimit, limit);
+            if (haveUsage) lower(&limits->memoryHeadroom, usage < limit ? limit - usage : 0);
+        }
+        Uint64 both, bothUsage;
+        if (limit != NO_LIMIT && readLimitFile(dir, "memory.memsw.limit_in_bytes", &both) &&
+            both != NO_LIMIT) {
+            swapLimit = both > limit ? both - limit : 0;
+            lower(&limits->swapLimit, swapLimit);
+            if (haveUsage && readNumberFile(dir, "memory.memsw.usage_in_bytes", &bothUsage)) {
+                swapUsage = bothUsage > usage ? bothUsage - usage : 0;
+                lower(&limits->swapHeadroom, swapUsage < swapLimit ? swapLimit - swapUsage : 0);
+            }
+        }
+    });
+
+    Uint64 fewest = NO_LIMIT;
+    walkUp(cpu, [&](const std::string& dir) {
+        char buffer[128];
+        Uint64 quota = 0, period = 0;
+        if (cpu.version == 2) {
+            if (ReadWhole(dir + "/cpu.max", buffer, sizeof buffer) < 0) return;
+            std::string_view text(buffer);
+            const size_t space = text.find(' ');
+            if (space == std::string_view::npos) return;
+            quota = ParseLimit(text.substr(0, space));
+            if (quota == NO_LIMIT || !ParseU64(text.substr(space + 1), &period)) return;
+        } else {
+            if (!readLimitFile(dir, "cpu.cfs_quota_us", &quota) || quota == NO_LIMIT) return;
+            if (!readNumberFile(dir, "cpu.cfs_period_us", &period)) return;
+        }
+        if (period == 0) return;
+        // A part of a processor is a processor the caller must plan for.
+        Uint64 processors = (quota + period - 1) / period;
+        if (processors == 0) processors = 1;
+        lower(&fewest, processors);
+    });
+    if (fewest != NO_LIMIT)
+        limits->cpuProcessors = fewest > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<Uint32>(fewest);
+}
+
+}  // namespace sysfiles
+
+void GetControlGroupLimits(CONTROL_GROUP_LIMITS* limits) {
+    sysfiles::ReadControlGroupLimits(limits);
+}
+
+// ---- processors
+
+namespace {
+
+inline HANDLE const CURRENT_PROCESS = reinterpret_cast<HANDLE>(static_cast<intptr_t>(-1));
+
+// The thread's whole affinity as last read: a mask of 64 bits can't carry more processors, so
+// putting back the mask that was read puts back the whole set, processors above 64 included.
+thread_local cpu_set_t* t_lastSet = nullptr;
+thread_local size_t t_lastSetSize = 0;
+thread_local uintptr_t t_lastMask = 0;
+
+size_t cpuSetSize() {
+    const long n = sysconf(_SC_NPROCESSORS_CONF);
+    return CPU_ALLOC_SIZE(n > 1024 ? n : 1024);
+}
+
+}  // namespace
+
+HANDLE GetCurrentProcess() {
+    return CURRENT_PROCESS;
+}
+
+BOOL GetProcessAffinityMask(HANDLE process, uintptr_t* processMask, uintptr_t* systemMask) {
+    if (process != CURRENT_PROCESS || processMask == nullptr || systemMask == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    const size_t size = cpuSetSize();
+    if (t_lastSetSize != size) {
+        CPU_FREE(t_lastSet);
+        t_lastSet = CPU_ALLOC(size * 8);
+        t_lastSetSize = t_lastSet ? size : 0;
+        if (t_lastSet == nullptr) {
+            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            return 0;
+        }
+    }
+    if (sched_getaffinity(0, size, t_lastSet) != 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    uintptr_t mask = 0;
+    for (unsigned i = 0; i < sizeof(uintptr_t) * 8; ++i)
+        if (CPU_ISSET_S(i, size, t_lastSet)) mask |= static_cast<uintptr_t>(1) << i;
+    long configured = sysconf(_SC_NPROCESSORS_CONF);
+    if (configured < 1) configured = 1;
+    *systemMask = configured >= static_cast<long>(sizeof(uintptr_t) * 8)
+                      ? ~static_cast<uintptr_t>(0)
+                      : (static_cast<uintptr_t>(1) << configured) - 1;
+    *processMask = mask;
+    t_lastMask = mask;
+    return 1;
+}
+
+BOOL SetProcessAffinityMask(HANDLE process, uintptr_t processMask) {
+    if (process != CURRENT_PROCESS || processMask == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    int rc;
+    if (t_lastSet != nullptr && processMask == t_lastMask) {
+        rc = sched_setaffinity(0, t_lastSetSize, t_lastSet);
+    } else {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        for (unsigned i = 0; i < sizeof(uintptr_t) * 8; ++i)
+            if (processMask & (static_cast<uintptr_t>(1) << i)) CPU_SET(i, &set);
+        rc = sched_setaffinity(0, sizeof set, &set);
+    }
+    if (rc != 0) {
+        SetLastError(errno == EINVAL ? ERROR_INVALID_PARAMETER : TranslateErrno(errno));
+        return 0;
+    }
+    return 1;
+}
+
+void GetProcessorCounts(PROCESSOR_COUNTS* counts) {
+    long conf = sysconf(_SC_NPROCESSORS_CONF);
+    long onln = sysconf(_SC_NPROCESSORS_ONLN);
+    counts->configured = conf > 0 ? static_cast<Uint32>(conf) : 1u;
+    counts->online = onln > 0 ? static_cast<Uint32>(onln) : counts->configured;
+
+    const std::string cpuDir = sysfiles::Path("/sys/devices/system/cpu");
+    if (DIR* d = opendir(cpuDir.c_str())) {
+        Uint32 n = 0;
+        while (const dirent* e = readdir(d)) {
+            if (strncmp(e->d_name, "cpu", 3) != 0) continue;
+            const char* p = e->d_name + 3;
+            if (*p == 0) continue;
+            while (*p >= '0' && *p <= '9') ++p;
+            if (*p == 0) ++n;
+        }
+        closedir(d);
+        if (n > 0) counts->configured = n;
+    }
+    char buffer[4096];
+    if (sysfiles::ReadWhole(cpuDir + "/online", buffer, sizeof buffer) > 0) {
+        const Uint32 n = sysfiles::CountCpuList(buffer);
+        if (n > 0) counts->online = n;
+    }
+
+    counts->usable = counts->online;
+    const size_t size = cpuSetSize();
+    if (cpu_set_t* set = CPU_ALLOC(size * 8)) {
+        if (sched_getaffinity(0, size, set) == 0)
+            counts->usable = static_cast<Uint32>(CPU_COUNT_S(size, set));
+        CPU_FREE(set);
+    }
+    CONTROL_GROUP_LIMITS limits;
+    sysfiles::ReadControlGroupLimits(&limits);
+    if (limits.cpuProcessors != 0 && limits.cpuProcessors < counts->usable)
+        counts->usable = limits.cpuProcessors;
+}
+
+// ---- the registry
+
+namespace {
+
+const char kProcessorKey[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
+inline HKEY const PROCESSOR_KEY = reinterpret_cast<HKEY>(static_cast<uintptr_t>(0x5A50524Fu));
+
+// MHz of the first processor, 0 if no source has it.
+Uint32 processorMHz() {
+    char buffer[256];
+    Uint64 khz;
+    for (const char* name : {"base_frequency", "cpuinfo_max_freq"}) {
+        const std::string p = sysfiles::Path("/sys/devices/system/cpu/cpu0/cpufreq/") + name;
+        if (sysfiles::ReadWhole(p, buffer, sizeof buffer) > 0 && sysfiles::ParseU64(buffer, &khz) &&
+            khz >= 1000)
+            return static_cast<Uint32>((khz + 500) / 1000);
+    }
+    std::string cpuinfo;
+    if (!sysfiles::ReadText(sysfiles::Path("/proc/cpuinfo"), &cpuinfo)) return 0;
+    size_t pos = 0;
+    while (pos < cpuinfo.size()) {
+        size_t end = cpuinfo.find('\n', pos);
+        if (end == std::string::npos) end = cpuinfo.size();
+        std::string_view line(cpuinfo.data() + pos, end - pos);
+        pos = end + 1;
+        if (line.compare(0, 7, "cpu MHz") != 0) continue;
+        const size_t colon = line.find(':');
+        if (colon == std::string_view::npos) continue;
+        const std::string value(line.substr(colon + 1));
+        char* stop = nullptr;
+        const double mhz = strtod(value.c_str(), &stop);
+        if (stop != value.c_str() && mhz >= 1 && mhz < 4e9) return static_cast<Uint32>(mhz + 0.5);
+    }
+    return 0;
+}
+
+}  // namespace
+
+Sint32 RegOpenKeyExA(HKEY key, const char* subKey, Uint32 /*options*/, Uint32 /*desired*/,
+                     HKEY* result) {
+    if (result == nullptr) return ERROR_INVALID_PARAMETER;
+    if (key != HKEY_LOCAL_MACHINE || subKey == nullptr || strcmp(subKey, kProcessorKey) != 0)
+        return ERROR_FILE_NOT_FOUND;
+    *result = PROCESSOR_KEY;
+    return ERROR_SUCCESS;
+}
+
+Sint32 RegQueryValueExA(HKEY key, const char* valueName, Uint32* /*reserved*/, Uint32* type,
+                        Uint8* data, Uint32* size) {
+    if (key != PROCESSOR_KEY) return ERROR_INVALID_HANDLE;
+    if (valueName == nullptr || strcmp(valueName, "~MHZ") != 0) return ERROR_FILE_NOT_FOUND;
+    const Uint32 mhz = processorMHz();
+    if (mhz == 0) return ERROR_FILE_NOT_FOUND;
+    if (type) *type = REG_DWORD;
+    if (size == nullptr) return data ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
+    if (data != nullptr && *size < 4) {
+        *size = 4;
+        return 234;  // more data
+    }
+    *size = 4;
+    if (data) memcpy(data, &mhz, 4);
+    return ERROR_SUCCESS;
+}
+
+Sint32 RegCloseKey(HKEY key) {
+    return key == PROCESSOR_KEY ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+}
+
+// ---- memory
+
+namespace {
+
+// The user address space of a process: what the kernel lets mmap hand out without a hint above
+// the default boundary.
+Uint64 userAddressSpace() {
+#if defined(__x86_64__)
+    return (static_cast<Uint64>(1) << 47) - 4096;
+#elif defined(__aarch64__)
+    return static_cast<Uint64>(1) << 48;
+#else
+    return sizeof(void*) == 8 ? static_cast<Uint64>(1) << 47 : static_cast<Uint64>(3) << 30;
+#endif
+}
+
+}  // namespace
+
+BOOL GlobalMemoryStatusEx(MEMORYSTATUSEX* status) {
+    if (status == nullptr || status->dwLength != sizeof(MEMORYSTATUSEX)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    char buffer[8192];
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/meminfo"), buffer, sizeof buffer) < 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    Uint64 total = 0, available = 0, free = 0, buffers = 0, cached = 0, swapTotal = 0, swapFree = 0;
+    bool haveTotal = false, haveAvailable = false;
+    for (char* line = buffer; *line;) {
+        char* end = strchr(line, '\n');
+        std::string_view l(line, end ? static_cast<size_t>(end - line) : strlen(line));
+        const size_t colon = l.find(':');
+        if (colon != std::string_view::npos) {
+            std::string_view key = l.substr(0, colon);
+            Uint64 kb;
+            if (sysfiles::ParseU64(l.substr(colon + 1), &kb)) {
+                kb *= 1024;
+                if (key == "MemTotal")
+                    total = kb, haveTotal = true;
+                else if (key == "MemAvailable")
+                    available = kb, haveAvailable = true;
+                else if (key == "MemFree")
+                    free = kb;
+                else if (key == "Buffers")
+                    buffers = kb;
+                else if (key == "Cached")
+                    cached = kb;
+                else if (key == "SwapTotal")
+                    swapTotal = kb;
+                else if (key == "SwapFree")
+                    swapFree = kb;
+            }
+        }
+        if (!end) break;
+        line = end + 1;
+    }
+    if (!haveTotal) {
+        SetLastError(ERROR_INVALID_FUNCTION);
+        return 0;
+    }
+    // Kernels before 3.14 don't estimate what is available; free memory and the page cache is
+    // the estimate they leave to user space.
+    if (!haveAvailable) available = free + buffers + cached;
+    if (available > total) available = total;
+    if (swapFree > swapTotal) swapFree = swapTotal;
+
+    CONTROL_GROUP_LIMITS g;
+    sysfiles::ReadControlGroupLimits(&g);
+    if (g.memoryLimit < total) total = g.memoryLimit;
+    if (g.memoryHeadroom < available) available = g.memoryHeadroom;
+    if (available > total) available = total;
+    if (g.swapLimit < swapTotal) swapTotal = g.swapLimit;
+    if (g.swapHeadroom < swapFree) swapFree = g.swapHeadroom;
+    if (swapFree > swapTotal) swapFree = swapTotal;
+
+    Uint64 space = userAddressSpace();
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_AS, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY && rl.rlim_cur < space)
+        space = rl.rlim_cur;
+    Uint64 mapped = 0;
+    char statm[256];
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/self/statm"), statm, sizeof statm) > 0 &&
+        sysfiles::ParseU64(statm, &mapped))
+        mapped *= static_cast<Uint64>(sysconf(_SC_PAGESIZE));
+
+    status->dwMemoryLoad = total ? static_cast<Uint32>(100 - available * 100 / total) : 0;
+    status->ullTotalPhys = total;
+    status->ullAvailPhys = available;
+    status->ullTotalPageFile = total + swapTotal;
+    status->ullAvailPageFile = available + swapFree;
+    status->ullTotalVirtual = space;
+    status->ullAvailVirtual = mapped < space ? space - mapped : 0;
+    status->ullAvailExtendedVirtual = 0;
+    return 1;
+}
+
+void GlobalMemoryStatus(MEMORYSTATUS* status) {
+    auto clamp = [](unsigned long long v) {
+        return v > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<Uint32>(v);
+    };
+    struct sysinfo si;
+    memset(&si, 0, sizeof si);
+    sysinfo(&si);
+    const unsigned long long unit = si.mem_unit ? si.mem_unit : 1;
+    const unsigned long long total = si.totalram * unit, avail = (si.freeram + si.bufferram) * unit;
+    status->dwLength = sizeof *status;
+    status->dwMemoryLoad = total ? static_cast<Uint32>(100 - avail * 100 / total) : 0;
+    status->dwTotalPhys = clamp(total);
+    status->dwAvailPhys = clamp(avail);
+    status->dwTotalPageFile = clamp(total + si.totalswap * unit);
+    status->dwAvailPageFile = clamp(avail + si.freeswap * unit);
+    status->dwTotalVirtual = clamp(userAddressSpace());
+    status->dwAvailVirtual = status->dwTotalVirtual;
+}
+
+// ---- operating system
+
+BOOL GetComputerNameA(char* buffer, Uint32* size) {
+    struct utsname u;
+    if (buffer == nullptr || size == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (uname(&u) != 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    const size_t n = strlen(u.nodename);
+    if (n + 1 > *size) {
+        *size = static_cast<Uint32>(n + 1);
+        SetLastError(111);  // buffer overflow
+        return 0;
+    }
+    memcpy(buffer, u.nodename, n + 1);
+    *size = static_cast<Uint32>(n);
+    return 1;
+}
+
+BOOL GetVersionExA(OSVERSIONINFOA* info) {
+    struct utsname u;
+    if (info == nullptr || info->dwOSVersionInfoSize != sizeof(OSVERSIONINFOA)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (uname(&u) != 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    Uint32 number[3] = {0, 0, 0};
+    const char* p = u.release;
+    for (int k = 0; k < 3 && *p >= '0' && *p <= '9'; ++k) {
+        Uint64 v = 0;
+        while (*p >= '0' && *p <= '9') v = v * 10 + static_cast<Uint64>(*p++ - '0');
+        number[k] = static_cast<Uint32>(v);
+        if (*p != '.') break;
+        ++p;
+    }
+    info->dwMajorVersion = number[0];
+    info->dwMinorVersion = number[1];
+    info->dwBuildNumber = number[2];
+    info->dwPlatformId = VER_PLATFORM_LINUX;
+    snprintf(info->szCSDVersion, sizeof info->szCSDVersion, "%s", u.release);
+    snprintf(info->szSystemName, sizeof info->szSystemName, "%s", u.sysname);
+    return 1;
+}
+
+Uint32 GetSystemDirectoryA(char* buffer, Uint32 size) {
+    static const char kDir[] = "/usr/bin";
+    const Uint32 n = sizeof kDir - 1;
+    if (buffer == nullptr || size < n + 1) return n + 1;
+    memcpy(buffer, kDir, n + 1);
+    return n;
+}
+
+}  // namespace zepos

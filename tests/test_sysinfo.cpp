@@ -1,0 +1,529 @@
+// Processors, memory and the operating system: the values of this machine against independent
+// sources (nproc, getconf, free, uname, /proc/cpuinfo, /sys), the record and stamp rules, and the
+// topology probe on made-up processors.
+#include <sched.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "zepos.h"
+#include "zeptest_capture.h"
+#include "zeptopology.h"
+
+namespace {
+
+using namespace zeptest;
+
+std::string run(const std::string& cmd) {
+    std::string out;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        char buf[512];
+        while (fgets(buf, sizeof buf, p)) out += buf;
+        pclose(p);
+    }
+    while (!out.empty() && out.back() == '\n') out.pop_back();
+    return out;
+}
+std::string slurp(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return in ? ss.str() : "";
+}
+Uint64 number(const std::string& s) {
+    return strtoull(s.c_str(), nullptr, 10);
+}
+Sint32 roundedMB(Uint64 bytes) {
+    return static_cast<Sint32>((bytes + (1u << 20) - 1) >> 20);
+}
+// The first "key : value" of /proc/cpuinfo.
+std::string cpuinfo(const std::string& key) {
+    std::istringstream in(slurp("/proc/cpuinfo"));
+    for (std::string line; std::getline(in, line);) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        std::string k = line.substr(0, colon);
+        while (!k.empty() && (k.back() == ' ' || k.back() == '\t')) k.pop_back();
+        if (k == key) return line.substr(colon + 2);
+    }
+    return "";
+}
+// Processors in a list like "0-3,8".
+Uint32 listCount(const std::string& s) {
+    return zepos::sysfiles::CountCpuList(s);
+}
+
+// The output of a fresh helper_sysinfo process, by name.
+std::map<std::string, std::string> helper(const std::string& args) {
+    std::map<std::string, std::string> v;
+    std::istringstream in(run(std::string(ZEP_TEST_BIN_DIR "/helper_sysinfo ") + args));
+    for (std::string line; std::getline(in, line);) {
+        const size_t eq = line.find('=');
+        if (eq != std::string::npos) v[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return v;
+}
+
+class SysInfo : public CaptureTest {};
+
+// ---- the record rules
+
+TEST_F(SysInfo, NullAndOldRecordsAreRefusedAndLogged) {
+    struct Case {
+        const char* name;
+        Uint32 fid;
+        Uint32 (*call)(Uint32 stamp, bool null);
+    };
+    const Case cases[] = {
+        {"cpu", ZEPFN_zepGetCPUInfo,
+         [](Uint32 s, bool n) {
+             ZEPCPUInfo r;
+             r.version = s;
+             return zepGetCPUInfo(n ? nullptr : &r);
+         }},
+        {"mem", ZEPFN_zepGetPhysMemInfo,
+         [](Uint32 s, bool n) {
+             ZEPPhysMemInfo r;
+             r.version = s;
+             return zepGetPhysMemInfo(n ? nullptr : &r);
+         }},
+        {"swap", ZEPFN_zepGetPhysSwapInfo,
+         [](Uint32 s, bool n) {
+             ZEPPhysSwapInfo r;
+             r.version = s;
+             return zepGetPhysSwapInfo(n ? nullptr : &r);
+         }},
+        {"virtual", ZEPFN_zepGetVirtualMemInfo,
+         [](Uint32 s, bool n) {
+             ZEPVirtualMemInfo r;
+             r.version = s;
+             return zepGetVirtualMemInfo(n ? nullptr : &r);
+         }},
+        {"os", ZEPFN_zepGetOSInfo,
+         [](Uint32 s, bool n) {
+             ZEPOSInfo r;
+             r.version = s;
+             return zepGetOSInfo(n ? nullptr : &r);
+         }},
+        {"ipc", ZEPFN_zepGetKernelIPCInfo,
+         [](Uint32 s, bool n) {
+             ZEPKernelIPCInfo r;
+             r.version = s;
+             return zepGetKernelIPCInfo(n ? nullptr : &r);
+         }},
+        {"sysdir", ZEPFN_zepGetSystemDirectory,
+         [](Uint32 s, bool n) {
+             ZEPSystemDirectoryParam p;
+             p.version = s;
+             ZEPSystemDirectoryInfo i;
+             return zepGetSystemDirectory(n ? nullptr : &p, &i);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        calls.clear();
+        EXPECT_EQ(c.call(ZEP_VERSION_WORD, true), ECF_INVALID_PARAMETER);
+        theLog(c.fid, 1111, ECF_INVALID_PARAMETER, ZEP_LOG_ERROR);
+        calls.clear();
+        EXPECT_EQ(c.call(20040701u, false), ECF_INVALID_VERSION);
+        EXPECT_EQ(
+            valueOf<Uint32>(theLog(c.fid, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR).items.at(0)),
+            20040701u);
+        calls.clear();
+        c.call(20040702u, false);  // the oldest stamp taken
+        for (const Call& k : calls) EXPECT_NE(k.what.substr(0, 3), "log") << k.probe;
+    }
+}
+
+TEST_F(SysInfo, BytesRoundUpToWholeMebibytesKeepingTheLowWord) {
+    const struct {
+        Uint64 bytes;
+        Sint32 mb;
+    } cases[] = {{0, 0},
+                 {1, 1},
+                 {1048575, 1},
+                 {1048576, 1},
+                 {1048577, 2},
+                 {25275711488ull, 24105},
+                 {(1ull << 47) - 4096, 1 << 27},
+                 {1ull << 52, 0},  // 2^32 MiB: the design keeps the low 32 bits
+                 {(1ull << 51) + 1, static_cast<Sint32>(0x80000001u)}};
+    for (const auto& c : cases) EXPECT_EQ(zepBytesToMB(c.bytes), c.mb) << c.bytes;
+}
+
+TEST_F(SysInfo, CoresPerPackageIsWrittenOnlyForNewStampsAndTheRecordIsTraced) {
+    ZEPCPUInfo old;
+    old.version = 20050714u;
+    old.coresPerPackage.value = 77, old.coresPerPackage.state = 99;
+    zepGetCPUInfo(&old);
+    EXPECT_EQ(old.coresPerPackage.value, 77u);
+    EXPECT_EQ(old.coresPerPackage.state, 99u);
+
+    trace(true);
+    ZEPCPUInfo now;
+    now.version = 20050715u;
+    const Uint32 rc = zepGetCPUInfo(&now);
+    trace(false);
+    EXPECT_GE(now.coresPerPackage.value, 1u);
+    EXPECT_EQ(now.coresPerPackage.state, 0u);
+    EXPECT_EQ(kinds(), (std::vector<std::string>{"entry", "var", "exit"}));
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[1].probe, 200u);
+    ASSERT_EQ(calls[1].items.size(), 1u);
+    EXPECT_EQ(calls[1].items[0].bytes, std::string(reinterpret_cast<char*>(&now), sizeof now));
+    EXPECT_EQ(calls[2].rc, rc);
+}
+
+TEST_F(SysInfo, OperatingSystemStampsDecideTheExtraField) {
+    ZEPOSInfo now;
+    EXPECT_EQ(zepGetOSInfo(&now), ECF_PARTIAL_INFO);
+    EXPECT_EQ(now.osExtra.state, ECF_NOT_SUPPORTED);
+    ZEPOSInfo old;
+    old.version = 20050714u;
+    EXPECT_EQ(zepGetOSInfo(&old), 0u);
+    EXPECT_EQ(old.osExtra.state, 0u);
+    for (const ZEPSysInfoStr* s :
+         {&old.osName, &old.nodeName, &old.osVersion, &old.osRelease, &old.processor})
+        EXPECT_EQ(s->state, 0u);
+}
+
+TEST_F(SysInfo, KernelIpcLimitsAreNotSupportedAndOldRecordsKeepTheirEnd) {
+    ZEPKernelIPCInfo now;
+    EXPECT_EQ(zepGetKernelIPCInfo(&now), ECF_NOT_SUPPORTED);
+    // Every state, counted over the record's words rather than by name: a forgotten field shows.
+    auto marked = [](const ZEPKernelIPCInfo& r) {
+        int n = 0;
+        for (size_t at = 0; at + 4 <= sizeof r; at += 4) {
+            Uint32 w;
+            memcpy(&w, reinterpret_cast<const char*>(&r) + at, 4);
+            n += w == ECF_NOT_SUPPORTED;
+        }
+        return n;
+    };
+    EXPECT_EQ(marked(now), 22);
+    EXPECT_EQ(now.msgMessageSizeMax.state, ECF_NOT_SUPPORTED);
+
+    ZEPKernelIPCInfo old;
+    old.version = 20050331u;
+    EXPECT_EQ(zepGetKernelIPCInfo(&old), ECF_NOT_SUPPORTED);
+    EXPECT_EQ(old.semAdjustMax.state, ECF_NOT_SUPPORTED);
+    EXPECT_EQ(old.semUndoStructuresMax.state, 0u);
+    EXPECT_EQ(marked(old), 21);
+}
+
+TEST_F(SysInfo, SystemDirectoryIsTracedWithItsLength) {
+    ZEPSystemDirectoryParam p;
+    ZEPSystemDirectoryInfo i;
+    i.reserved = 0xABCD;
+    trace(true);
+    EXPECT_EQ(zepGetSystemDirectory(&p, &i), 0u);
+    trace(false);
+    EXPECT_STREQ(i.path, "/usr/bin");
+    EXPECT_EQ(i.reserved, 0xABCDu);
+    ASSERT_EQ(kinds(), (std::vector<std::string>{"entry", "var", "var", "exit"}));
+    EXPECT_EQ(calls[1].probe, 10u);
+    EXPECT_EQ(calls[2].probe, 100u);
+    EXPECT_EQ(calls[2].items.at(0).bytes, "/usr/bin");
+    EXPECT_EQ(valueOf<Uint32>(calls[2].items.at(1)), 8u);
+    EXPECT_EQ(access(i.path, X_OK), 0);
+}
+
+// ---- this machine's values against other sources
+
+TEST_F(SysInfo, ProcessorsMatchNprocGetconfAndCpuinfo) {
+    ZEPCPUInfo c;
+    const Uint32 rc = zepGetCPUInfo(&c);
+    EXPECT_EQ(c.processorsTotal.value, number(run("nproc --all")));
+    EXPECT_EQ(c.processorsConfigured.value, number(run("getconf _NPROCESSORS_ONLN")));
+    // nproc knows the affinity; a CPU quota of the test's control group lowers it further.
+    zepos::CONTROL_GROUP_LIMITS g;
+    zepos::GetControlGroupLimits(&g);
+    Uint64 usable = number(run("nproc"));
+    if (g.cpuProcessors != 0 && g.cpuProcessors < usable) usable = g.cpuProcessors;
+    EXPECT_EQ(c.processorsOnline.value, usable);
+
+    const std::string freq = "/sys/devices/system/cpu/cpu0/cpufreq/";
+    const std::string base = slurp(freq + "base_frequency"), max = slurp(freq + "cpuinfo_max_freq");
+    if (!base.empty() || !max.empty()) {
+        EXPECT_EQ(c.speedMHz.value, (number(base.empty() ? max : base) + 500) / 1000);
+        EXPECT_EQ(rc, 0u);
+    } else if (!cpuinfo("cpu MHz").empty()) {
+        EXPECT_EQ(c.speedMHz.value, static_cast<Uint32>(atof(cpuinfo("cpu MHz").c_str()) + 0.5));
+        EXPECT_EQ(c.speedMHz.state, 0u);
+        EXPECT_EQ(rc, 0u);
+    } else {
+        EXPECT_EQ(c.speedMHz.state, ECF_FAILED);
+        EXPECT_EQ(rc, ECF_PARTIAL_INFO);
+    }
+}
+
+TEST_F(SysInfo, TopologyAgreesWithSysfs) {
+    ZEPCPUInfo c;
+    zepGetCPUInfo(&c);
+    const std::string topo = "/sys/devices/system/cpu/cpu0/topology/";
+    const Uint32 siblings = listCount(slurp(topo + "thread_siblings_list"));
+    const Uint32 package =
+        listCount(slurp(topo + "package_cpus_list").empty() ? slurp(topo + "core_siblings_list")
+                                                            : slurp(topo + "package_cpus_list"));
+    ASSERT_GE(siblings, 1u);
+    // The probe counts threads on processors that announce threading the old way (a family
+    // field of 15, or an extended family); others are taken as one thread per core.
+    Uint32 r[4];
+    zepos::Cpuid(1, r);
+    const bool announced = (((r[0] >> 8) & 0xF) == 0xF || ((r[0] >> 20) & 0xF) != 0) &&
+                           (r[3] & (1u << 28)) != 0 && cpuinfo("vendor_id") == "GenuineIntel";
+    if (announced) {
+        EXPECT_EQ(c.threadsPerCore.value, siblings);
+    } else {
+        EXPECT_EQ(c.threadsPerCore.value, 1u);
+        if (siblings != 1)
+            GTEST_LOG_(INFO) << "sysfs sees " << siblings
+                             << " threads a core; this processor doesn't announce them";
+    }
+    // Cores per package: what the processor says it can address, never fewer than sysfs counts.
+    if (cpuinfo("vendor_id") == "GenuineIntel" || cpuinfo("vendor_id") == "AuthenticAMD") {
+        EXPECT_GE(c.coresPerPackage.value * siblings, package);
+    }
+}
+
+TEST_F(SysInfo, TheProbeRunsInAFreshProcessAndPutsTheAffinityBack) {
+    const long n = sysconf(_SC_NPROCESSORS_ONLN);
+    std::map<std::string, std::string> all = helper("");
+    cpu_set_t set;
+    ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+    unsigned long long mine = 0;
+    for (int i = 0; i < 64; ++i)
+        if (CPU_ISSET(i, &set)) mine |= 1ull << i;
+    char hex[32];
+    snprintf(hex, sizeof hex, "%llx", mine);
+    EXPECT_EQ(all["affinity-after"], hex);
+    EXPECT_EQ(all["rc-cpu"].substr(0, 1), "0");
+
+    // Bound to the last processor: processorsOnline is that one, the binding survives.
+    snprintf(hex, sizeof hex, "%llx", 1ull << (n - 1));
+    std::map<std::string, std::string> one = helper(std::string("--affinity ") + hex);
+    EXPECT_EQ(one["affinity-after"], hex);
+    EXPECT_EQ(one["processorsOnline"], "1");
+    EXPECT_EQ(one["processorsTotal"], all["processorsTotal"]);
+}
+
+TEST_F(SysInfo, MemoryMatchesFree) {
+    // free -b: "Mem: total used free shared buff/cache available", "Swap: total used free".
+    std::istringstream in(run("free -b"));
+    Uint64 memTotal = 0, memAvailable = 0, swapTotal = 0, swapFree = 0;
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream l(line);
+        std::string what;
+        Uint64 a = 0, b = 0, c = 0, d = 0, e = 0, f = 0;
+        l >> what >> a >> b >> c >> d >> e >> f;
+        if (what == "Mem:") memTotal = a, memAvailable = f;
+        if (what == "Swap:") swapTotal = a, swapFree = c;
+    }
+    ASSERT_GT(memTotal, 0u) << "free -b gave nothing";
+
+    zepos::CONTROL_GROUP_LIMITS g;
+    zepos::GetControlGroupLimits(&g);
+    ZEPPhysMemInfo m;
+    ZEPPhysSwapInfo s;
+    ZEPVirtualMemInfo v;
+    ASSERT_EQ(zepGetPhysMemInfo(&m), 0u);
+    ASSERT_EQ(zepGetPhysSwapInfo(&s), 0u);
+    ASSERT_EQ(zepGetVirtualMemInfo(&v), 0u);
+    if (g.memoryLimit < memTotal) {
+        EXPECT_EQ(m.physTotal.value, roundedMB(g.memoryLimit));
+    } else {
+        EXPECT_EQ(m.physTotal.value, roundedMB(memTotal));
+        // Other programs come and go between the two readings.
+        EXPECT_NEAR(m.physFree.value, roundedMB(memAvailable), 256);
+    }
+    EXPECT_LE(m.physFree.value, m.physTotal.value);
+    EXPECT_LE(m.physAllocatable.value, m.physFree.value);
+    if (g.swapLimit >= swapTotal) {
+        EXPECT_EQ(s.swapTotal.value, roundedMB(swapTotal));
+        EXPECT_NEAR(s.swapFree.value, roundedMB(swapFree), 64);
+    }
+    EXPECT_EQ(v.virtualTotal.value, m.physTotal.value + s.swapTotal.value);
+    EXPECT_NEAR(v.virtualFree.value, m.physFree.value + s.swapFree.value, 256);
+    EXPECT_EQ(v.notSupported1.state, ECF_NOT_SUPPORTED);
+    EXPECT_EQ(v.notSupported2.state, ECF_NOT_SUPPORTED);
+    EXPECT_EQ(v.virtualTotal.state | v.virtualFree.state, 0u);
+#if defined(__x86_64__)
+    EXPECT_EQ(m.addressSpaceTotal.value, 1 << 27);  // 128 TiB less a page, rounded up
+#endif
+}
+
+TEST_F(SysInfo, AnAddressSpaceLimitBoundsTheAddressSpace) {
+    std::map<std::string, std::string> v = helper("--rlimit-as 8589934592");
+    EXPECT_EQ(v["addressSpaceTotal"], "8192");
+    EXPECT_LE(number(v["physAllocatable"]), 8192u);
+    EXPECT_EQ(v["rc-mem"], "00000000");
+}
+
+TEST_F(SysInfo, OperatingSystemMatchesUnameAndCpuinfo) {
+    ZEPOSInfo o;
+    ASSERT_EQ(zepGetOSInfo(&o), ECF_PARTIAL_INFO);
+    EXPECT_STREQ(o.osName.value, run("uname -s").c_str());
+    EXPECT_STREQ(o.nodeName.value, run("uname -n").c_str());
+    const std::string release = run("uname -r");
+    EXPECT_STREQ(o.osRelease.value, release.c_str());
+    int major = 0, minor = 0;
+    ASSERT_EQ(sscanf(release.c_str(), "%d.%d", &major, &minor), 2);
+    EXPECT_EQ(std::string(o.osVersion.value), std::to_string(major) + "." + std::to_string(minor));
+#if defined(__x86_64__)
+    const std::string expected = "AMD64 Family " + cpuinfo("cpu family") + ", model " +
+                                 cpuinfo("model") + ", stepping " + cpuinfo("stepping");
+    EXPECT_STREQ(o.processor.value, expected.c_str());
+#endif
+}
+
+// ---- the probe on made-up processors
+
+struct FakeMachine {
+    const char* vendor;
+    Uint32 leaf1eax;
+    bool announcesThreads;  // EDX bit 28 of leaf 1
+    Uint32 logical;         // logical processors per package, leaf 1 EBX bits 16-23
+    Uint32 maxStandard, maxExtended;
+    Uint32 leaf4eax, ext8ecx;
+    std::vector<Uint32> apic;  // initial APIC identifier of each processor
+    uintptr_t mask;
+    bool affinityUnreadable;
+    int failingBind;  // the number of the binding call that fails, -1 none
+    // what happened
+    int current = 0, binds = 0;
+    uintptr_t lastBound = 0;
+};
+FakeMachine* g_fake;
+
+void fakeCpuid(Uint32 leaf, Uint32 r[4]) {
+    FakeMachine& m = *g_fake;
+    r[0] = r[1] = r[2] = r[3] = 0;
+    if (leaf == 0) {
+        r[0] = m.maxStandard;
+        char v[13] = {};
+        strncpy(v, m.vendor, 12);
+        memcpy(&r[1], v, 4), memcpy(&r[3], v + 4, 4), memcpy(&r[2], v + 8, 4);
+    } else if (leaf == 0x80000000u) {
+        r[0] = m.maxExtended;
+    } else if (leaf == 1) {
+        r[0] = m.leaf1eax;
+        r[1] = (m.apic.at(static_cast<size_t>(m.current)) << 24) | (m.logical << 16);
+        r[3] = m.announcesThreads ? 1u << 28 : 0;
+    } else if (leaf == 4) {
+        r[0] = m.leaf4eax;
+    } else if (leaf == 0x80000008u) {
+        r[2] = m.ext8ecx;
+    }
+}
+int fakeGet(uintptr_t* p, uintptr_t* s) {
+    if (g_fake->affinityUnreadable) return 0;
+    *p = g_fake->mask, *s = g_fake->mask;
+    return 1;
+}
+int fakeSet(uintptr_t mask) {
+    if (g_fake->binds++ == g_fake->failingBind) return 0;
+    g_fake->lastBound = mask;
+    if (__builtin_popcountll(mask) == 1) g_fake->current = __builtin_ctzll(mask);
+    return 1;
+}
+void fakeYield() {}
+
+TEST(TopologyProbe, MadeUpProcessors) {
+    const Uint32 P4 = 0xF29, OLD6 = 0x6A7,
+                 EXT = 0x1006A5;  // family 15; family 6; extended family 1
+    std::vector<Uint32> four = {0, 1, 2, 3}, forty(40, 0);
+    struct Case {
+        const char* name;
+        FakeMachine m;
+        Uint32 threads, cores, entries;
+    } cases[] = {
+        {"one processor, no threading",
+         {"GenuineIntel", P4, false, 1, 2, 0, 0, 0, {0}, 1, false, -1},
+         1,
+         1,
+         0},
+        {"two cores of two threads in one package",
+         {"GenuineIntel", P4, true, 4, 4, 0, 1u << 26, 0, four, 0xF, false, -1},
+         2,
+         2,
+         4},
+        {"bound to one processor of a two-core package",
+         {"GenuineIntel", P4, true, 4, 4, 0, 1u << 26, 0, four, 0x1, false, -1},
+         0,
+         2,
+         1},
+        {"two packages of one core with two threads",
+         {"GenuineIntel", P4, true, 2, 4, 0, 0, 0, four, 0xF, false, -1},
+         2,
+         1,
+         4},
+        {"a gap in the mask: one processor of each package",
+         {"GenuineIntel", P4, true, 2, 4, 0, 0, 0, four, 0x5, false, -1},
+         1,
+         1,
+         2},
+        {"an extended family counts",
+         {"GenuineIntel", EXT, true, 2, 4, 0, 0, 0, four, 0x3, false, -1},
+         2,
+         1,
+         2},
+        {"family 6 without extended family: not probed",
+         {"GenuineIntel", OLD6, true, 16, 11, 0, 7u << 26, 0, four, 0xF, false, -1},
+         1,
+         8,
+         0},
+        {"no threading flag",
+         {"GenuineIntel", P4, false, 4, 4, 0, 1u << 26, 0, four, 0xF, false, -1},
+         1,
+         2,
+         0},
+        {"AMD: cores from the extended leaf",
+         {"AuthenticAMD", P4, true, 8, 13, 0x80000008u, 0, 7, four, 0xF, false, -1},
+         1,
+         8,
+         0},
+        {"AMD without that leaf",
+         {"AuthenticAMD", P4, true, 8, 13, 0x80000004u, 0, 7, four, 0xF, false, -1},
+         1,
+         1,
+         0},
+        {"another vendor",
+         {"CentaurHauls", P4, true, 4, 4, 0x80000008u, 1u << 26, 7, four, 0xF, false, -1},
+         1,
+         1,
+         0},
+        {"affinity unreadable: a count of one",
+         {"GenuineIntel", P4, true, 4, 4, 0, 1u << 26, 0, four, 0xF, true, -1},
+         0,
+         2,
+         0},
+        {"binding fails on the second processor",
+         {"GenuineIntel", P4, true, 4, 4, 0, 0, 0, four, 0xF, false, 1},
+         1,
+         1,
+         1},
+        {"at most 32 processors are noted",
+         {"GenuineIntel", P4, true, 255, 4, 0, 0, 0, forty, (1ull << 40) - 1, false, -1},
+         32,
+         1,
+         32},
+    };
+    for (Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        g_fake = &c.m;
+        const ZepTopologyOps ops = {fakeCpuid, fakeGet, fakeSet, fakeYield};
+        const ZepTopology t = zepProbeTopology(&ops);
+        EXPECT_EQ(t.threadsPerCore, c.threads);
+        EXPECT_EQ(t.coresPerPackage, c.cores);
+        EXPECT_EQ(t.packageEntries, c.entries);
+        // Whatever happened, the affinity the probe read is the last one it set.
+        if (c.m.binds > 0) {
+            EXPECT_EQ(c.m.lastBound, c.m.mask);
+        }
+    }
+}
+
+}  // namespace
