@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "zepframe.h"
+#include "zepsysinfo.h"
 
 namespace {
 
@@ -436,20 +437,15 @@ namespace {
 
 Uint32 s_maxMessageSize = 0;  // 0 until a limit is known
 
-// What the system says of its largest queue message. A queue here is the library's own ring, and
-// its messages may be of any length (they stream through), so there is no limit to report.
-Uint32 systemMaxMessageSize(Uint32* size) {
-    *size = 0;
-    return ECF_NOT_SUPPORTED;
-}
-
 }  // namespace
 
 Uint32 zepGetMaxQueueMessageSize(void) {
-    Uint32 size = __atomic_load_n(&s_maxMessageSize, __ATOMIC_RELAXED);
-    if (size != 0) return size;
-    const Uint32 rc = systemMaxMessageSize(&size);
-    if ((rc == 0 || rc == ECF_PARTIAL_INFO) && size != 0) {
+    const Uint32 cached = __atomic_load_n(&s_maxMessageSize, __ATOMIC_RELAXED);
+    if (cached != 0) return cached;
+    ZEPKernelIPCInfo info;
+    const Uint32 rc = zepGetKernelIPCInfo(&info);
+    if ((rc == 0 || rc == ECF_PARTIAL_INFO) && info.msgMessageSizeMax.state == 0) {
+        const Uint32 size = static_cast<Uint32>(info.msgMessageSizeMax.value);
         __atomic_store_n(&s_maxMessageSize, size, __ATOMIC_RELAXED);
         return size;
     }
