@@ -28,7 +28,7 @@ Uint32 ZEPHIPCSemaphore::create(const ZEPIPCSemaphoreCreateParam* param) {
     f.traceData(10, ZepTrcObj(param));
 
     Uint8 descriptor[20];
-    ZEPSecurityAttributes attributes;
+    SECURITY_ATTRIBUTES attributes;
     Uint32 rc = zepInitSecurityAttributes(descriptor, &attributes);
     if (rc != 0) {
         f.setQuietResult(rc);

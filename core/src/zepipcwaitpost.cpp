@@ -58,8 +58,8 @@ Uint32 ZEPHIPCWaitpost::create(const ZEPIPCWaitpostCreateParam* param) {
     if (param->kind == ZEP_WAITPOST_KIND_UNLATCHED) area->unlatched = 1;
 
     Uint8 descriptor[20];
-    ZEPSecurityAttributes attributes;
-    const ZEPSecurityAttributes* sa = nullptr;
+    SECURITY_ATTRIBUTES attributes;
+    const SECURITY_ATTRIBUTES* sa = nullptr;
     const char* name = nullptr;
     if (param->resID != nullptr) {
         const Uint32 rc = zepInitSecurityAttributes(descriptor, &attributes);

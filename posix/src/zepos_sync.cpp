@@ -112,7 +112,14 @@ Uint32 waitEvent(HandleRecord* h, Uint32 ms) {
 HANDLE handleFor(NamedObject* o, Uint32 kind, size_t blockBytes) {
     if (o == nullptr) return nullptr;
     const Uint32 err = GetLastError();
-    if (NamedBytes(o) < blockBytes) {
+    void* block = NamedBlock(o);
+    if (block == nullptr) {
+        const Uint32 mapErr = GetLastError();
+        NamedClose(o);
+        SetLastError(mapErr);
+        return nullptr;
+    }
+    if (NamedBytes(o) < blockBytes) {  // an object of this kind made by something else
         NamedClose(o);
         SetLastError(ERROR_INVALID_HANDLE);
         return nullptr;
@@ -128,7 +135,7 @@ HANDLE handleFor(NamedObject* o, Uint32 kind, size_t blockBytes) {
     r->head.close = closeSync;
     r->head.wait = kind == HANDLE_KIND_SEMAPHORE ? waitSemaphore : waitEvent;
     r->object = o;
-    r->block = NamedBlock(o);
+    r->block = block;
     SetLastError(err);
     return HandleFor(&r->head);
 }
