@@ -26,10 +26,20 @@ Uint8* ringOf(ZEPIPCQueueHeader* h) {
     return reinterpret_cast<Uint8*>(h + 1);
 }
 
-// Waits (without a time limit of its own: ctest has one) until a flag of the block is up.
-void until(const Uint8* flag) {
-    while (__atomic_load_n(flag, __ATOMIC_SEQ_CST) == 0) usleep(200);
-    usleep(2000);  // and the sleeper has gone down onto its semaphore
+// Waits (without a time limit of its own: ctest has one) until a flag of the block is up, and
+// returns the header as it then stands; read under the state latch, as the queue reads it.
+ZEPIPCQueueHeader until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
+    for (;;) {
+        zepLockGet(&h->stateLatch);
+        ZEPIPCQueueHeader now;
+        memcpy(&now, h, sizeof now);
+        zepLockRelease(&h->stateLatch);
+        if (now.*flag != 0) {
+            usleep(2000);  // and the sleeper has gone down onto its semaphore
+            return now;
+        }
+        usleep(200);
+    }
 }
 
 class Queue : public CaptureTest {
@@ -124,8 +134,7 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     // The next length word fills the ring (at 8), so its sender sleeps until a get makes room,
     // and its body then wraps to the start.
     std::thread sender([&] { EXPECT_EQ(q->put("c", 1), 0u); });
-    until(&h->senderWaiting);
-    EXPECT_EQ(h->writeOffset, 0u);
+    EXPECT_EQ(until(h, &ZEPIPCQueueHeader::senderWaiting).writeOffset, 0u);
     EXPECT_EQ(get(q), "ab");
     sender.join();
     EXPECT_EQ(h->writeOffset, 4u);
@@ -233,7 +242,7 @@ TEST_F(Queue, LongerThanTheRingAndTheSmallestRing) {
 TEST_F(Queue, HasMessageWhileTheBodyStreams) {
     ZEPHIPCQueue* q = make("streaming", 0);  // the length word fills the ring
     std::thread sender([&] { EXPECT_EQ(q->put("body", 4), 0u); });
-    until(&q->header->senderWaiting);
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
     EXPECT_TRUE(q->hasMessage());
     EXPECT_EQ(get(q), "body");
     sender.join();
@@ -261,14 +270,14 @@ TEST_F(Queue, FlushWakesASenderAndDropsAMessageInTransfer) {
     // A sender asleep for room behind a full ring finds it empty after the flush and goes on.
     ASSERT_EQ(q->put("1234", 4), 0u);
     std::thread s1([&] { EXPECT_EQ(q->put("next", 4), 0u); });
-    until(&q->header->senderWaiting);
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
     ASSERT_EQ(q->flush(), 0u);
     s1.join();
     EXPECT_EQ(get(q), "next");
 
     // A sender in mid-message: the flush took its head, so it stops streaming and succeeds.
     std::thread s2([&] { EXPECT_EQ(q->put("0123456789abcdefghij", 20), 0u); });
-    until(&q->header->senderWaiting);
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
     ASSERT_EQ(q->flush(), 0u);
     s2.join();
     EXPECT_FALSE(q->hasMessage());
@@ -311,7 +320,7 @@ TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
     stalledSender(h);
     std::string got;
     std::thread receiver([&] { got = get(q); });
-    until(&h->receiverWaiting);
+    until(h, &ZEPIPCQueueHeader::receiverWaiting);
     ASSERT_EQ(q->flush(), 0u);
     zepLockRelease(&h->sendLatch);
     ASSERT_EQ(q->put("fresh", 5), 0u);
