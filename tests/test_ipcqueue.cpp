@@ -45,7 +45,10 @@ ZEPIPCQueueHeader until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
 class Queue : public CaptureTest {
 protected:
     void TearDown() override {
-        for (ZEPHIPCQueue* q : made) q->destroy();
+        for (ZEPHIPCQueue* q : made) {
+            q->destroy();
+            delete q;
+        }
         CaptureTest::TearDown();
     }
     ZEPIPCQueResID idOf(const char* what) {
@@ -214,6 +217,7 @@ TEST_F(Queue, FailureRowsAndTheirRecords) {
     ZEPIPCQueResID id = idOf("rows");
     ASSERT_EQ(other.memory.attach(&id.memory, nullptr), 0u);
     EXPECT_FALSE(other.isAttached());
+    ASSERT_EQ(other.memory.detach(), 0u);
     ASSERT_EQ(other.attach(&id), 0u);
     EXPECT_TRUE(other.isAttached());
     ASSERT_EQ(other.put("shared", 6), 0u);
@@ -221,7 +225,6 @@ TEST_F(Queue, FailureRowsAndTheirRecords) {
     EXPECT_EQ(other.detach(), 0u);
     EXPECT_EQ(other.header, nullptr);
     EXPECT_FALSE(other.isAttached());
-    other.memory.detach();
 }
 
 TEST_F(Queue, LongerThanTheRingAndTheSmallestRing) {

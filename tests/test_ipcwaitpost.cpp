@@ -108,7 +108,7 @@ TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
     p.kind = 0;
     ASSERT_EQ(c.create(&p), 0u);
     EXPECT_EQ(second.state, 0x2u);
-    ASSERT_EQ(a.post("one"), 0u);
+    ASSERT_EQ(a.post("one...."), 0u);
     const ZEPIPCWaitpostWaitParam poll(0);
     EXPECT_EQ(c.wait(&poll, nullptr), 0u);
     EXPECT_EQ(c.wait(&poll, nullptr), ECF_WAITPOST_NOT_POSTED);
