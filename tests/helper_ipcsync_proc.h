@@ -24,11 +24,11 @@ inline unsigned stressFactor() {
 
 class Proc {
 public:
-    explicit Proc(std::initializer_list<std::string> args) {
+    explicit Proc(std::initializer_list<std::string> args, const char* helper = "helper_ipcsync") {
         int fds[2];
         if (pipe(fds) != 0) return;
         std::vector<std::string> a;
-        a.push_back(ZEP_TEST_BIN_DIR "/helper_ipcsync");
+        a.push_back(std::string(ZEP_TEST_BIN_DIR "/") + helper);
         for (const std::string& s : args) a.push_back(s);
         pid_ = fork();
         if (pid_ == 0) {

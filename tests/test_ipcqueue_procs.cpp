@@ -14,6 +14,7 @@
 namespace {
 
 using namespace zeptest;
+const char* const kHelper = "helper_ipcsync_queue";
 
 double nowMs() {
     timespec ts;
@@ -44,10 +45,11 @@ protected:
         const std::string seed = std::to_string(kSeed);
         const std::string maxSize = std::to_string(3 * q_.header->capacity);
         std::vector<Proc*> rx, tx;
-        for (int i = 0; i < receivers; ++i) rx.push_back(new Proc({"recv", seed, path_}));
+        for (int i = 0; i < receivers; ++i) rx.push_back(new Proc({"recv", seed, path_}, kHelper));
         for (int i = 0; i < senders; ++i)
             tx.push_back(new Proc(
-                {"send", seed, path_, std::to_string(i + 1), std::to_string(perSender), maxSize}));
+                {"send", seed, path_, std::to_string(i + 1), std::to_string(perSender), maxSize},
+                kHelper));
         Uint64 sent[3] = {}, got[4] = {};
         for (Proc* p : tx) {
             std::istringstream in(p->line());
@@ -110,7 +112,7 @@ TEST_F(QueueProcs, TimeOutOnAnEmptyQueueThenAWholeMessage) {
     EXPECT_GE(took, 50.0);
     EXPECT_LT(took, 5000.0);
     // One message from another process, longer than the ring: it streams through whole.
-    Proc sender({"send", std::to_string(kSeed), path_, "9", "1", "900"});
+    Proc sender({"send", std::to_string(kSeed), path_, "9", "1", "900"}, kHelper);
     ASSERT_EQ(q_.get(m.data(), 1000, &n, 60000), 0u);
     EXPECT_EQ(sender.line().rfind("sent ", 0), 0u);
     EXPECT_EQ(sender.finish(), 0);
@@ -139,7 +141,7 @@ TEST_F(QueueProcs, KilledHolderLeavesNoNames) {
     ZEPHIPCSemaphore sem;
     ASSERT_EQ(sem.create(&sc), 0u);
 
-    Proc holder({"hold", std::to_string(kSeed), path_});
+    Proc holder({"hold", std::to_string(kSeed), path_}, kHelper);
     ASSERT_EQ(holder.line(), "ready");
     void* e = zepos::OpenEventA(zepos::EVENT_ALL_ACCESS, 0, eventId.name);
     ASSERT_NE(e, nullptr);  // the holder made it
