@@ -18,6 +18,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zep.h"
@@ -278,6 +279,120 @@ TEST_F(Assert, NowhereWithoutAPlace) {
     while (fgets(name, sizeof name, ls)) listing += name;
     pclose(ls);
     EXPECT_EQ(listing, "stdout\n");
+}
+
+TEST_F(Assert, DefaultFacilitysPathOpenOrNot) {
+    // A service whose default facility writes elsewhere, or was closed: its path still takes the
+    // reports. (In a child: the facility's path would stay behind in this process.)
+    const std::string log = dir_ + "/service.log";
+    int devnull = open("/dev/null", O_WRONLY);
+    ASSERT_GE(devnull, 0);
+    std::string errors;
+    const int status = inChild(
+        devnull,
+        [&] {
+            ZEPLogFacilityParam p;
+            snprintf(p.path, sizeof p.path, "%s", log.c_str());
+            snprintf(p.name, sizeof p.name, "service");
+            p.level = ZEP_LOG_INFO;
+            p.target = ZEP_LOG_TARGET_STDERR;
+            if (zepLogFacOpen(&p, nullptr) != 0) _exit(2);
+            zepAssertFailed("while open", "s.c", 1);
+            zepLogFacClose(nullptr);
+            zepAssertFailed("after close", "s.c", 2);
+        },
+        &errors);
+    close(devnull);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string text = slurp(log);
+    EXPECT_NE(text.find("Expr       = while open"), std::string::npos) << text;
+    EXPECT_NE(text.find("Expr       = after close"), std::string::npos) << text;
+}
+
+// Each report lands whole however many threads and processes report into one file; and reports
+// into the log's own file leave every log record whole too.
+TEST_F(Assert, ConcurrentReportsLandWhole) {
+    const std::string log = dir_ + "/debug.log";
+    ASSERT_EQ(setenv("ZEP_DEBUG_LOG_FILE", log.c_str(), 1), 0);
+    // Reports of several pairs: long enough for threads to meet in the middle of one.
+    char payload[256];
+    for (size_t i = 0; i < sizeof payload; ++i) payload[i] = static_cast<char>('a' + i % 26);
+    std::string tail;
+    for (int i = 0; i < 4; ++i)
+        tail += "dump data " + std::to_string(i) + ":\n" + dumpOf(payload, sizeof payload);
+    auto report = [&](int n) {
+        for (int i = 0; i < n; ++i)
+            zepAssertFailureAction("racing", "r.c", 3, nullptr, 0, payload, 256u, payload, 256u,
+                                   payload, 256u, payload, 256u, nullptr);
+    };
+    // Four threads, then two processes of two threads each.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back(report, 500);
+    for (std::thread& t : threads) t.join();
+    pid_t children[2];
+    for (pid_t& c : children) {
+        c = fork();
+        ASSERT_GE(c, 0);
+        if (c == 0) {
+            std::thread other(report, 250);
+            report(250);
+            other.join();
+            _exit(0);
+        }
+    }
+    for (pid_t c : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(c, &status, 0), c);
+        EXPECT_EQ(status, 0);
+    }
+    const std::string text = slurp(log);
+    const std::string head = "NON-FATAL ASSERTION FAILED!!!\r\n";
+    size_t count = 0, torn = 0;
+    for (size_t at = 0; at < text.size(); ++count) {
+        size_t next = text.find(head, at + 1);
+        if (next == std::string::npos) next = text.size();
+        const std::string one = text.substr(at, next - at);
+        torn += one.compare(0, head.size(), head) != 0 || one.size() < tail.size() ||
+                one.compare(one.size() - tail.size(), tail.size(), tail) != 0 ||
+                one.find("Expr       = racing\r\n") == std::string::npos;
+        at = next;
+    }
+    EXPECT_EQ(count, 3000u);
+    EXPECT_EQ(torn, 0u);
+
+    // Log records and reports in one file: the report takes the log's lock.
+    unsetenv("ZEP_DEBUG_LOG_FILE");
+    const std::string shared = dir_ + "/shared.log";
+    int devnull = open("/dev/null", O_WRONLY);
+    ASSERT_GE(devnull, 0);
+    std::string errors;
+    const int status = inChild(
+        devnull,
+        [&] {
+            ZEPLogFacilityParam p;
+            snprintf(p.path, sizeof p.path, "%s", shared.c_str());
+            snprintf(p.name, sizeof p.name, "shared");
+            p.level = ZEP_LOG_INFO;
+            p.target = ZEP_LOG_TARGET_FILE;
+            p.permissions = 0644;
+            if (zepLogFacOpen(&p, nullptr) != 0) _exit(2);
+            std::thread reports(report, 400);
+            for (Uint32 i = 0; i < 400; ++i)
+                zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_INFO, 0);
+            reports.join();
+        },
+        &errors);
+    close(devnull);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string both = slurp(shared);
+    size_t records = 0, reports = 0;
+    for (size_t at = 0; (at = both.find(" LEVEL: Info\r\n", at)) != std::string::npos; ++at)
+        ++records;
+    for (size_t at = 0; (at = both.find(head + "Time", at)) != std::string::npos; ++at) ++reports;
+    EXPECT_EQ(records, 400u);
+    EXPECT_EQ(reports, 400u);
 }
 
 TEST_F(Assert, FatalReportsThenStopsWithACoreSignal) {

@@ -292,6 +292,56 @@ TEST(GTMask, RowBeyondTheBitmapsAndRow256) {
     EXPECT_FALSE(bit(m->productBits, 3));
 }
 
+TEST(GTMask, FunctionBeyondTheBitmapsLeavesWithTheTypeWildcard) {
+    auto m = freshMask();
+    ASSERT_TRUE(m->gtmSetMask(1, 3, 5000, 7, P, 0));
+    ASSERT_TRUE(m->gtmSetMask(1, 3, 5000, 8, P, 0));
+    ASSERT_TRUE(m->gtmSetMask(1, 3, 904, 7, P, 0));  // 5000 and 904 share a chain
+    EXPECT_EQ(m->probes.entryCount, 3u);
+    m->gtmDelMask(1, 3, 5000, W, 0);
+    EXPECT_EQ(m->probes.entryCount, 1u);
+    for (const GTMProbeEntry& e : m->probes.entries) EXPECT_NE(e.key, fid(1, 3, 5000));
+    EXPECT_TRUE(m->gtmIsElemInMask(fid(1, 3, 904), 3, 7));
+}
+
+// A mask is shared memory and a part of every dump: damaged links end a walk; they never hang
+// it, and nothing is read or written outside the table.
+TEST(GTMask, DamagedProbeTable) {
+    struct Guarded {
+        GTM_TRC_MASK mask;
+        Uint8 guard[64 * 1024];
+    };
+    auto g = std::make_unique<Guarded>();
+    memset(g->guard, 0x77, sizeof g->guard);
+    GTM_TRC_MASK& m = g->mask;
+    m.gtmClearMask();
+    ASSERT_TRUE(m.gtmSetMask(1, 3, 5, 10, P, 0));
+    ASSERT_TRUE(m.gtmSetMask(1, 3, 1029, 10, P, 0));  // same chain, at its front
+    const Uint16 front = m.probes.buckets[5];
+
+    // A chain that loops on itself: lookups, additions and removals all end.
+    m.probes.entries[front].next = front;
+    EXPECT_FALSE(m.gtmIsElemInMask(fid(1, 3, 2053), 3, 10));
+    EXPECT_TRUE(m.gtmIsElemInMask(fid(1, 3, 1029), 3, 10));
+    EXPECT_TRUE(m.gtmSetMask(1, 3, 2053, 10, P, 0));
+    m.gtmDelMask(1, 3, 5, 10, P);
+    m.gtmDelMask(1, 3, 77, W, 0);
+
+    // Chain heads, links and the free list beyond the table.
+    m.gtmClearMask();
+    ASSERT_TRUE(m.gtmSetMask(1, 3, 5, 10, P, 0));
+    m.probes.entries[m.probes.buckets[5]].next = 0xFFFF;
+    m.probes.buckets[6] = 0xFFFF;
+    m.probes.freeHead = 0xFFFE;
+    EXPECT_TRUE(m.gtmIsElemInMask(fid(1, 3, 5), 3, 10));
+    EXPECT_FALSE(m.gtmIsElemInMask(fid(1, 3, 6), 3, 10));
+    EXPECT_FALSE(m.gtmIsElemInMask(fid(1, 3, 1029), 3, 10));
+    EXPECT_FALSE(m.gtmSetMask(1, 3, 6, 10, P, 0));  // no free entry to be had
+    m.gtmDelMask(1, 3, 1029, 10, P);
+    m.gtmDelMask(1, 3, 6, W, 0);
+    for (Uint8 b : g->guard) ASSERT_EQ(b, 0x77);
+}
+
 TEST(GTMask, ReplicateProjectsOntoTheCompactMask) {
     auto m = freshMask();
     GTMask c;

@@ -411,6 +411,64 @@ TEST_F(Trace, OptionsThatCantChange) {
     EXPECT_EQ(cb_->options.flags, GTRACE_FLAG_DELAYING);
 }
 
+TEST_F(Trace, OptionsAreClearedPaddingAndAll) {
+    // Built over different leftovers, two option objects are the same bytes: nothing of the
+    // heap goes into shared memory or a dump.
+    auto a = std::make_unique<Uint8[]>(sizeof(GTCBOptions));
+    auto b = std::make_unique<Uint8[]>(sizeof(GTCBOptions));
+    memset(a.get(), 0xAA, sizeof(GTCBOptions));
+    memset(b.get(), 0x55, sizeof(GTCBOptions));
+    GTCBOptions* x = new (a.get()) GTCBOptions;
+    GTCBOptions* y = new (b.get()) GTCBOptions;
+    EXPECT_EQ(memcmp(x, y, sizeof(GTCBOptions)), 0);
+    EXPECT_EQ(x->traceMask.probes.freeHead, 1);
+}
+
+// Trace points run while a control program changes the options: in counting and delaying mode
+// none of them may take the ring path, not even while the options are being copied. (In a child:
+// the delay steps would use up the process's one seeded sequence.)
+TEST_F(Trace, OptionsChangeUnderRunningTracePoints) {
+    for (Uint32 mode : {GTRACE_MODE_COUNTING, GTRACE_MODE_DELAYING}) {
+        SCOPED_TRACE(mode);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            GTCBOptions o;
+            o.bufferSize = kRing;
+            o.modeBits = mode;
+            o.stopReturnCode = 0xFFFFFFFFu;  // delaying: an interval never reached, no sleeps
+            build(o);
+            GTCBOptions n;
+            n.stopReturnCode = 0xFFFFFFFFu;
+            std::atomic<bool> stop{false};
+            std::thread writer([&] {
+                while (!stop.load(std::memory_order_relaxed)) _gtraceEntry(T, F);
+            });
+            // Each change gives the writer its chance while the options are copied.
+            for (int i = 0; i < 1000; ++i) {
+                gtraceSetOptions(&n);
+                sched_yield();
+            }
+            stop = true;
+            writer.join();
+            // Counting: the table holds F's entry and nothing that a ring's claim wrote.
+            int stray = 0;
+            if (mode == GTRACE_MODE_COUNTING)
+                for (Uint32 i = 0; i < kRing / 16; ++i)
+                    stray += table()[i].functionID != 0 && table()[i].functionID != F;
+            _exit(g_disables != 0                                  ? 1
+                  : cb_->enabled != 1                              ? 2
+                  : mode == GTRACE_MODE_DELAYING && claimed() != 0 ? 3
+                  : stray != 0                                     ? 4
+                                                                   : 0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+}
+
 TEST_F(Trace, DumpHeaderPiecesAndClear) {
     GTCBOptions o;
     o.bufferSize = kRing;
@@ -568,8 +626,8 @@ TEST_F(Trace, ItemsCutNullAndByValue) {
     std::vector<char> big(30000);
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
     gtraceClear();
-    _gtraceVar(T, F, 10, 3, 3, 0u, 30000u, big.data(), 0u, 30000u, big.data(),
-               static_cast<Uint32>(GTRACE_ITEM_VALUE2), 30000u, big.data());
+    _gtraceVar(T, F, 10, 3, 3, 0u, 30000u, big.data(), 0u, 30000u, big.data(), 0u, 30000u,
+               big.data());
     // And a fourth that doesn't fit at all, after a full third.
     _gtraceVar(T, F, 11, 3, 4, 0u, 30000u, big.data(), 0u, 30000u, big.data(), 0u, 5511u,
                big.data(), 0u, 1u, big.data());
@@ -589,6 +647,18 @@ TEST_F(Trace, ItemsCutNullAndByValue) {
     }
     EXPECT_EQ(r[0].items()[2].kind, GTRACE_ITEM_CUT);
     EXPECT_EQ(r[1].items()[2].kind, 0u);  // it fitted exactly: not cut
+
+    // A value passed directly and cut short is marked cut, and its word is still no address.
+    gtraceClear();
+    _gtraceVar(T, F, 12, 3, 1, static_cast<Uint32>(GTRACE_ITEM_VALUE1), 70000u,
+               static_cast<uintptr_t>(0x4241));
+    r = records();
+    ASSERT_EQ(r.size(), 1u);
+    items = r[0].items();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].kind, GTRACE_ITEM_CUT);
+    EXPECT_EQ(items[0].length, 0xFFFFu - 8);
+    EXPECT_TRUE(items[0].data == std::string("AB") + std::string(0xFFFF - 8 - 2, '\0'));
 }
 
 TEST_F(Trace, ErrorsOnly) {
@@ -638,6 +708,17 @@ TEST_F(Trace, ProcessAndThreadFilters) {
     EXPECT_EQ(r[0].h.functionID, F);
     EXPECT_EQ(r[1].h.functionID, F + 2);
     EXPECT_EQ(r[1].h.processID, kPid + 1);
+
+    // A count beyond the entries, as a damaged block may hold: only the five entries are asked,
+    // not the bytes behind them (which would match this point).
+    gtraceClear();
+    cb_->options.filterCount = 0xFFFFFFFFu;
+    memset(static_cast<void*>(cb_->options.filters), 0, sizeof cb_->options.filters);
+    const GTFilter match{GTRACE_FILTER_IN_USE, kPid, 0};
+    memcpy(static_cast<void*>(&cb_->options.mask), &match, sizeof match);
+    const Uint32 before = claimed();
+    _gtraceEntry(T, F);
+    EXPECT_EQ(claimed(), before);
 }
 
 TEST_F(Trace, CompactMaskOverFullMask) {

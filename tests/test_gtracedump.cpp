@@ -217,6 +217,8 @@ TEST_F(Dump, CountingDumps) {
     EXPECT_EQ(p.kind, GTRACE_DUMP_KIND_COUNTING);
     EXPECT_EQ(p.count.entryCount, 3u);
     EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 0), 16u);
+    // Nor with a size but no buffer, as the ring's parser.
+    EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 16), 16u);
     EXPECT_EQ(gtraceCloseDumpFileParser(&p), 0u);
     file.close();
 

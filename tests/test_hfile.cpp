@@ -379,6 +379,50 @@ TEST_F(HFile, ParameterObjects) {
     check(ZEPFN_ZEPHFile_map, ZEPFileMapParam{}, [&](auto* p) { return h.map(p, &view); });
 }
 
+// A handle once closed is invalid for good: a stale copy never reaches what was opened since,
+// whichever kind it is, though that may have been given the same record's memory.
+TEST_F(HFile, ClosedHandleStaysInvalid) {
+    ZEPHFile a;
+    ASSERT_EQ(open(a, path("a"), ZEP_FILE_OPEN_OR_CREATE), 0u);
+    ZEPHFile stale = a;
+    ASSERT_EQ(a.close(), 0u);
+    ZEPHFile b;
+    ASSERT_EQ(open(b, path("b"), ZEP_FILE_OPEN_OR_CREATE), 0u);
+    EXPECT_EQ(stale.close(), ECF_INVALID_PARAMETER);  // the map's code for error 6
+    EXPECT_EQ(zepos::GetLastError(), zepos::ERROR_INVALID_HANDLE);
+    ZEPFileWriteParam w;
+    w.buffer = "written";
+    w.length = 7;
+    Uint32 n = 0;
+    EXPECT_EQ(b.write(&w, &n), 0u);
+    EXPECT_EQ(b.close(), 0u);
+    EXPECT_EQ(slurp(path("b")), "written");
+
+    using namespace zepos;
+    HANDLE f = CreateFileA(path("m").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(f, INVALID_HANDLE_VALUE);
+    HANDLE m = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
+    ASSERT_NE(m, nullptr);
+    ASSERT_TRUE(CloseHandle(m));
+    HANDLE again = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
+    ASSERT_NE(again, nullptr);
+    for (HANDLE h : {m, static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE,
+                     static_cast<HANDLE>(&w)}) {
+        SetLastError(0);
+        EXPECT_FALSE(CloseHandle(h));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_FAILED);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        EXPECT_EQ(HandleOfKind(h, HANDLE_KIND_FILE_MAPPING), nullptr);
+    }
+    EXPECT_EQ(MapViewOfFileEx(m, FILE_MAP_READ, 0, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(CloseHandle(again));
+    EXPECT_TRUE(CloseHandle(f));
+    EXPECT_FALSE(CloseHandle(f));
+}
+
 // The log's cycle from three processes at once: every record whole, in its own place, and each
 // one written where the size read under the lock said the end was.
 TEST_F(HFile, AppendersUnderTheLockLoseNothing) {

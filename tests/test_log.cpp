@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -247,6 +248,16 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(typed(&h2, 2, ZEP_LOGDATA_HEX), "Hex, 2 bytes\r\n0xBEEF\r\n");
     EXPECT_EQ(typed(&u8, 8, ZEP_LOGDATA_UINT), "Uint64, 8 bytes\r\n18446744073709551615\r\n");
     EXPECT_EQ(typed("hello", 5, ZEP_LOGDATA_CHAR), "Char, 5 bytes\r\nh\r\n");
+    {
+        // An item of no bytes at the very end of readable memory: nothing behind it is read.
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        char* two = static_cast<char*>(
+            mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(two, MAP_FAILED);
+        ASSERT_EQ(mprotect(two + page, page, PROT_NONE), 0);
+        EXPECT_EQ(typed(two + page, 0, ZEP_LOGDATA_CHAR), "Char, 0 bytes\r\n\r\n");
+        munmap(two, 2 * page);
+    }
     EXPECT_EQ(typed(&u4, 4, -9), "");
     EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
     // Strings are clamped at 512; with too little room for the text and its line end, the line

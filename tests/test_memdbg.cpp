@@ -419,6 +419,34 @@ TEST_F(MemDbg, ReportOfLiveBlocks) {
     release(b);
 }
 
+TEST_F(MemDbg, ReportWalksADamagedListWithoutCrashing) {
+    ASSERT_EQ(zepMemSetDebug(0, ZEP_MEMDBG_FULL, 2, 2), 0u);
+    char* a = static_cast<char*>(alloc(10, 0, "one.c", 11));
+    char* b = static_cast<char*>(alloc(20, 0, "two.c", 22));
+    char* c = static_cast<char*>(alloc(30, 0, "three.c", 33));
+    // An underrun of b over its header and its whole record, links included.
+    const size_t reach = 16 + sizeof(ZEPMemDebugRecord);
+    std::vector<char> saved(b - reach, b);
+    memset(b - reach, 0x41, reach);
+    EXPECT_EQ(_zepMemAllocList("lister.c", 5, 1), 0u);
+    EXPECT_EQ(g_findings, Findings{"Damaged list of live blocks found at:"});
+    const std::string report = slurp(memFile());
+    char line[256];
+    snprintf(line, sizeof line, "Addr: %08lx Code: 0x%x Size: %u Line: %u File: %s\n",
+             reinterpret_cast<unsigned long>(c - 16), 0xA5C3D7E0u, 30u, 33u, "three.c");
+    EXPECT_NE(report.find(line), std::string::npos) << report;
+    snprintf(line, sizeof line, "Addr: %08lx Damaged list: the blocks behind it are not shown\n",
+             reinterpret_cast<unsigned long>(b - 16));
+    EXPECT_NE(report.find(line), std::string::npos) << report;
+    // The leak report at the end walks the same list: as long as b is damaged, it must not fail
+    // either. Then b is mended so that the blocks can go.
+    EXPECT_EQ(zepMemAllocList(0), 0u);
+    memcpy(b - reach, saved.data(), reach);
+    release(c);
+    release(b);
+    release(a);
+}
+
 TEST_F(MemDbg, ReportOnRequestByTheExportedFlag) {
     ASSERT_EQ(zepMemSetDebug(0, ZEP_MEMDBG_FULL, 2, 2), 0u);
     void* a = alloc(10);

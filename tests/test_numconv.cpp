@@ -100,8 +100,13 @@ TEST(NumConv, SignedReaderText) {
     EXPECT_READ(readSigned("   ", 10), 0, 0, 0);
     EXPECT_READ(readSigned("", 10), 0, 0, 0);
     EXPECT_READ(readSigned("abc", 10), 0, 0, 0);
-    // A sign and then no digit: reading stopped after the sign.
-    EXPECT_READ(readSigned("-abc", 10), 0, 1, 0);
+    // Blanks or a sign and then no digit convert nothing either: the end stays at the start.
+    EXPECT_READ(readSigned("-abc", 10), 0, 0, 0);
+    EXPECT_READ(readSigned("+-5", 10), 0, 0, 0);
+    EXPECT_READ(readSigned("-x", 0), 0, 0, 0);
+    EXPECT_READ(readSigned("   abc", 10), 0, 0, 0);
+    EXPECT_READ(readSigned(" +z", 16), 0, 0, 0);
+    EXPECT_READ(readUnsigned("  -q", 10), 0, 0, 0);
     // Invalid bases read what they can and never fault.
     EXPECT_READ(readSigned("101", 1), 0, 0, 0);
     EXPECT_READ(readSigned("000", 1), 0, 3, 0);
@@ -139,8 +144,9 @@ TEST(NumConv, UnsignedReader) {
     // A negative text is accepted and negated modulo 2^64.
     EXPECT_READ(readUnsigned("-1", 10), ~0ull, 2, 0);
     EXPECT_READ(readUnsigned("-18446744073709551615", 10), 1, 21, 0);
-    // A negative overflow saturates to all ones, which the sign then turns into 1.
-    EXPECT_READ(readUnsigned("-18446744073709551616", 10), 1, 21, 34);
+    // A negative overflow saturates to all ones too: the sign doesn't turn it into 1.
+    EXPECT_READ(readUnsigned("-18446744073709551616", 10), ~0ull, 21, 34);
+    EXPECT_READ(readUnsigned("-0x10000000000000000", 0), ~0ull, 20, 34);
     EXPECT_READ(readUnsigned("9223372036854775808", 10), 0x8000000000000000ull, 19, 0);
     // Around the nineteenth and twentieth decimal digit, where overflow first becomes possible.
     EXPECT_READ(readUnsigned("9999999999999999999", 10), 9999999999999999999ull, 19, 0);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -177,3 +178,28 @@ TEST_F(PrimFile, ConsoleIsStandardOutputAndOutlivesClose) {
 }
 
 }  // namespace
+
+TEST_F(PrimFile, FileOnAStandardDescriptorIsClosed) {
+    // A daemon that closed its standard output: the report file gets descriptor 1, and close
+    // must close it, or the program's later output lands in the report.
+    const std::string path = at("report");
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(1);
+        ZEPPrimitiveFileOp f;
+        if (f.open(path.c_str(), 0x14) != 0) _exit(2);
+        f.write("report\n", 0);
+        f.close();
+        if (fcntl(1, F_GETFD) >= 0) _exit(3);  // still open
+        int again = ::open(path.c_str(), O_WRONLY | O_APPEND);
+        if (again != 1) _exit(4);
+        (void)!write(1, "later\n", 6);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(slurp(path), "report\nlater\n");
+}

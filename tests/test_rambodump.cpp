@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -370,6 +371,30 @@ TEST_F(RamboDump, WrappedRingAndNewSequence) {
     EXPECT_EQ(wrapped, 0);
     ramboCloseDumpFileParser(&parser);
     EXPECT_EQ(walk(false), reversed(range(1000000, 1000010)));
+}
+
+TEST_F(RamboDump, RecordNeverCrossesTheRingsEnd) {
+    // The last slot claims four slots, and what follows the ring in the file (the tail, then
+    // another dump) ends in its trailer: the claim is refused, the slot skipped, and both walks
+    // go on at slot 0 and agree.
+    Ring ring(1);
+    const Uint32 total = 3 * kSlots + 500;
+    for (Uint32 i = 0; i < total; ++i) put(ring, i);
+    std::vector<Uint8> bytes = image(ring, true);
+    bytes.resize(bytes.size() + 256, 0x5A);
+    Uint8* last = bytes.data() + 16 + (kSlots - 1) * 64;
+    Uint32 sequence;
+    memcpy(&sequence, last, 4);
+    const Uint16 four = 4;
+    memcpy(last + 6, &four, 2);
+    const Uint32 trailer = ~sequence;
+    memcpy(last + 4 * 64 - 4, &trailer, 4);
+    writeFile(bytes);
+
+    std::vector<Uint32> expected = range(total - kSlots, total);
+    expected.erase(std::find(expected.begin(), expected.end(), 3 * kSlots - 1));
+    EXPECT_EQ(walk(true), expected);
+    EXPECT_EQ(walk(false), reversed(expected));
 }
 
 TEST_F(RamboDump, StaleStampsOfAnOlderLap) {

@@ -107,18 +107,10 @@ struct GTCBOptions {
     GTMask mask;             // the compact mask
     GTM_TRC_MASK traceMask;  // the full mask
 
-    // All zero, with both masks empty and ready: a control program sets what it wants.
-    GTCBOptions()
-        : bufferSize(0),
-          modeBits(0),
-          dumpScanTrigger{0, 0},
-          flags(0),
-          reserved{0, 0},
-          stopCount(0),
-          stopReturnCode(0),
-          filterCount(0),
-          filters{},
-          mask{} {
+    // All zero, padding included (the options go into shared memory and every dump byte for
+    // byte), with both masks empty and ready: a control program sets what it wants.
+    GTCBOptions() {
+        __builtin_memset(static_cast<void*>(this), 0, sizeof *this);
         traceMask.gtmClearMask();
     }
 };

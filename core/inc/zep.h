@@ -10,6 +10,7 @@
 #include "gtrace.h"
 #include "zepmemdbg.h"
 #include "zepfile.h"
+#include "zepdirlist.h"
 #include "zephfile.h"
 #include "zephexdump.h"
 #include "zepsysinfo.h"
@@ -27,6 +28,12 @@
 // numerics: end
 
 #include "rambo.h"
+
+// processes: begin
+#include "zepthread.h"
+#include "zeplibrary.h"
+#include "zepprocess.h"
+// processes: end
 
 // memory: begin
 #include "zepprimfile.h"

@@ -6,7 +6,8 @@
 // object. Results are the platform's error numbers, 0 for success, not ECF codes; close, fwrite
 // and the seeks report nothing at all: a diagnostic that can't be written is lost.
 //
-// On this platform the handle is the file descriptor itself, -1 (all ones) while no file is open;
+// On this platform the handle is the file descriptor itself, -1 (all ones) while no file is open,
+// or after openConsole the pseudo handle of standard output, which close leaves open;
 // every member is made of system calls alone, so an object can be used in a signal handler.
 // Offsets are 32 bits wide: a file above 4 gigabytes can't be addressed through this class.
 //
@@ -33,7 +34,8 @@ public:
 
     // 0, or the platform's error number (2 for a missing file, 3 for a missing directory).
     Uint32 open(String path, Uint32 flags);
-    // The process's standard output.
+    // The process's standard output. Only this handle survives close: a file that open put on
+    // descriptor 0, 1 or 2 (the process had closed them) is closed like any other.
     void openConsole();
     // Closes the file; the handle keeps its value, so isValid still says true afterwards. Let the
     // object go after close.
@@ -57,6 +59,7 @@ public:
 
 protected:
     void setFileHandle(int handle) { handle_ = handle; }
+    int fileHandle() const { return handle_; }
 
 private:
     int handle_;

@@ -106,7 +106,9 @@ bool passes(GTCB* cb, Uint32 flags, Uint32 type, Uint32 functionId, Uint32 probe
     if ((flags & GTRACE_FLAG_ERRORS_ONLY) && !(type < 32 && ((kErrorsOnlyTypes >> type) & 1u)))
         return false;
     if (flags & GTRACE_FLAG_FILTERS) {
-        const Uint32 n = loadRelaxed(&o.filterCount);
+        // The count is shared memory that anyone may write: never more entries than there are.
+        Uint32 n = loadRelaxed(&o.filterCount);
+        if (n > GTRACE_MAX_FILTERS) n = GTRACE_MAX_FILTERS;
         bool match = false;
         for (Uint32 i = 0; i < n && !match; ++i) {
             const GTFilter& e = o.filters[i];
@@ -362,10 +364,13 @@ void writeItems(Uint8* at, const ItemPlan& plan, va_list ap) {
         Uint32 length = va_arg(a, Uint32);
         const void* word = va_arg(a, const void*);
         if (plan.cut && i + 1 == plan.kept) {
-            kind = GTRACE_ITEM_CUT;  // and read as an address, whatever it was
+            // Marked as cut whatever it was; its bytes are still the first ones of what it was,
+            // so a value passed directly is never taken for an address.
+            d[i].itemKind = GTRACE_ITEM_CUT;
             length = plan.cutLength;
+        } else {
+            d[i].itemKind = kind;
         }
-        d[i].itemKind = kind;
         if (length == 0) {
             d[i].itemLength = 0;
         } else if (kind == GTRACE_ITEM_VALUE1 || kind == GTRACE_ITEM_VALUE2) {
@@ -603,13 +608,17 @@ Uint32 gtraceSetOptions(GTCBOptions* options) {
     // Time can only be measured in counting mode if it was asked for when the block was built.
     if (mode & GTRACE_MODE_COUNTING)
         options->flags &= ~(GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME);
-    constexpr size_t from = offsetof(GTCBOptions, flags);
+    // Running trace points read the flags word at any moment: in counting and delaying mode it
+    // must never be seen without the mode's gate bit, or a point takes the ring path over a
+    // counting table or a stopping ring. So the rest is copied first and the flags, gate bit
+    // included, are stored last in one word.
+    Uint32 flags = options->flags;
+    if (mode & GTRACE_MODE_COUNTING) flags |= GTRACE_FLAG_COUNTING;
+    if (mode & GTRACE_MODE_DELAYING) flags |= GTRACE_FLAG_DELAYING;
+    constexpr size_t from = offsetof(GTCBOptions, flags) + sizeof(Uint32);
     memcpy(reinterpret_cast<Uint8*>(&cb->options) + from,
            reinterpret_cast<const Uint8*>(options) + from, sizeof(GTCBOptions) - from);
-    if (mode & GTRACE_MODE_COUNTING)
-        __atomic_fetch_or(&cb->options.flags, GTRACE_FLAG_COUNTING, __ATOMIC_RELAXED);
-    if (mode & GTRACE_MODE_DELAYING)
-        __atomic_fetch_or(&cb->options.flags, GTRACE_FLAG_DELAYING, __ATOMIC_RELAXED);
+    __atomic_store_n(&cb->options.flags, flags, __ATOMIC_RELEASE);
     return 0;
 }
 

@@ -123,15 +123,28 @@ bool hasOtherFunctions(const GTMRow& row, Uint32 function) {
 }
 
 // ---- the probe table
+//
+// The table lives in shared memory and comes back from dump files: every index read from it is
+// bounded by the table, and every chain walk by the number of entries, so that a damaged table
+// (a loop, an index beyond the end) ends a walk instead of hanging it or reaching outside.
+
+// An index that names an entry: 0 ends a chain, and anything beyond the table ends it too.
+inline bool isEntry(Uint32 i) {
+    return i != 0 && i < GTM_PROBE_ENTRIES;
+}
 
 Uint16 findEntry(const GTMProbeTable& t, Uint32 key, Uint32 probe) {
-    for (Uint16 i = t.buckets[bucketOf(key)]; i != 0; i = t.entries[i].next)
+    Uint32 steps = 0;
+    for (Uint16 i = t.buckets[bucketOf(key)]; isEntry(i) && steps++ < GTM_PROBE_ENTRIES;
+         i = t.entries[i].next)
         if (t.entries[i].key == key && t.entries[i].probe == probe) return i;
     return 0;
 }
 
 bool hasKey(const GTMProbeTable& t, Uint32 key) {
-    for (Uint16 i = t.buckets[bucketOf(key)]; i != 0; i = t.entries[i].next)
+    Uint32 steps = 0;
+    for (Uint16 i = t.buckets[bucketOf(key)]; isEntry(i) && steps++ < GTM_PROBE_ENTRIES;
+         i = t.entries[i].next)
         if (t.entries[i].key == key) return true;
     return false;
 }
@@ -139,7 +152,7 @@ bool hasKey(const GTMProbeTable& t, Uint32 key) {
 bool addEntry(GTMProbeTable& t, Uint32 key, Uint32 probe, Uint64 value) {
     if (findEntry(t, key, probe) != 0) return true;  // kept as it is, old value and all
     Uint16 i = t.freeHead;
-    if (i == 0) return false;
+    if (!isEntry(i)) return false;
     GTMProbeEntry& e = t.entries[i];
     t.freeHead = e.next;
     e.key = key;
@@ -169,7 +182,7 @@ template <class Match>
 bool removeFromChain(GTMProbeTable& t, Uint32 bucket, Match match) {
     bool removed = false;
     Uint16* link = &t.buckets[bucket];
-    while (*link != 0) {
+    for (Uint32 steps = 0; isEntry(*link) && steps < GTM_PROBE_ENTRIES; ++steps) {
         Uint16 i = *link;
         if (match(t.entries[i])) {
             unlinkEntry(t, link, i);
@@ -354,8 +367,13 @@ void GTM_TRC_MASK::gtmDelMask(Uint32 product, Uint32 component, Uint32 function,
     // A single function.
     const Uint32 r = rowOf(product, component);
     if (r >= GTM_ROW_COUNT || function >= GTM_FUNCTION_BITS) {
-        // Nothing of it can be in the bitmaps; only the table may hold it.
-        if (probeFlag) removeEntry(probes, keyOf(product, component, function), typeOrProbe);
+        // Nothing of it can be in the bitmaps; only the table may hold it: one probe, or with the
+        // type wildcard all of them.
+        const Uint32 key = keyOf(product, component, function);
+        if (probeFlag)
+            removeEntry(probes, key, typeOrProbe);
+        else if (typeOrProbe == GTM_WILDCARD)
+            removeKey(probes, key);
         return;
     }
     GTMRow& row = rows[r];

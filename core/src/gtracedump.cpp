@@ -112,7 +112,7 @@ Uint32 countParse(ZEPHFile* file, GTCountParser* c, void* buffer, Uint32 bufferS
         if (++c->entriesSeen > c->entryCount) return 0;
         const GTCountEntry* e = reinterpret_cast<const GTCountEntry*>(c->cursor);
         const bool used = e->functionID != 0;
-        if (used && bufferSize != 0)
+        if (used && buffer != nullptr && bufferSize != 0)
             memcpy(buffer, e,
                    bufferSize < sizeof(GTCountEntry) ? bufferSize : sizeof(GTCountEntry));
         c->cursor += sizeof(GTCountEntry);

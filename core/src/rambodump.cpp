@@ -24,6 +24,7 @@ enum SlotVerdict : Uint32 {
     kSlotPastData = 3,
     kSlotBadTrailer = 4,
     kSlotOutsideWindow = 5,
+    kSlotPastRing = 6,
 };
 
 inline Uint32 load32(const Uint8* p) {
@@ -147,6 +148,10 @@ inline Uint32 testSlot(const RamboDumpParser* p, const Uint8* slot, Uint32 avail
     if (load16(slot + 4) != RAMBO_SLOT_MARK) return kSlotNoMark;
     const Uint32 count = load16(slot + 6);
     if (count == 0 || count > RAMBO_CHUNK_SLOTS) return kSlotBadCount;
+    // A record never runs past the ring's last slot: what lies behind it in the file is the
+    // tail, or anything at all.
+    if (p->dumpType == RAMBO_DUMP_INSTANT && count > p->slotCount - p->slotIndex)
+        return kSlotPastRing;
     const Uint32 bytes = count * RAMBO_SLOT_SIZE;
     if (bytes > avail) return kSlotPastData;
     const Uint32 sequence = load32(slot);

@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include "zephexdump.h"
@@ -61,12 +62,40 @@ void toConsole(const char* head, const ZEPAssertPair* pairs, Uint32 count) {
     fflush(stdout);
 }
 
+// The report's file, locked as the log locks its file: byte 0, exclusively. Threads and
+// processes that report into one file, and the log writing into the same file, each append
+// whole.
+class ReportFile : public ZEPPrimitiveFileOp {
+public:
+    bool lock() { return zepos::fd::LockFirstByte(fileHandle()) != 0; }
+    void unlock() { zepos::fd::UnlockFirstByte(fileHandle()); }
+};
+
+// The whole report in one buffer, written by one call at the end of the file under the lock.
+// Without memory for the buffer the pieces go one by one, still under the lock.
 void toFile(String name, const char* head, const ZEPAssertPair* pairs, Uint32 count) {
-    ZEPPrimitiveFileOp file;
+    ReportFile file;
     // 0x14: open or create, for reading and writing.
     if (file.open(name, 0x14u) != 0) return;
+    const size_t headLength = strlen(head);
+    const size_t room = headLength + static_cast<size_t>(count) * (32 + kDumpSize) + 1;
+    char* report = static_cast<char*>(malloc(room));
+    size_t length = 0;
+    if (report != nullptr) {
+        memcpy(report, head, headLength);
+        length = headLength;
+        for (Uint32 i = 0; i < count; ++i) {
+            length += static_cast<size_t>(
+                zepSnprintf(report + length, 32, "dump data %d:\n", static_cast<int>(i)));
+            dumpPair(pairs[i], report + length);
+            length += strlen(report + length);
+        }
+    }
+    const bool locked = file.lock();
     file.seekToEnd();
-    if (file.write(head, 0) == 0) {
+    if (report != nullptr) {
+        file.write(report, static_cast<Uint32>(length));
+    } else if (file.write(head, 0) == 0) {
         char line[32];
         char dump[kDumpSize];
         for (Uint32 i = 0; i < count; ++i) {
@@ -76,7 +105,9 @@ void toFile(String name, const char* head, const ZEPAssertPair* pairs, Uint32 co
             if (dump[0] != 0 && file.write(dump, 0) != 0) break;
         }
     }
+    if (locked) file.unlock();
     file.close();
+    free(report);
 }
 
 }  // namespace

@@ -141,7 +141,10 @@ Uint32 zepLogRenderTyped(char* buf, Uint32 space, const void* data, Uint32 lengt
             head(t, "Bool", length).str(u ? "true" : "false").str("\r\n");
             break;
         case ZEP_LOGDATA_CHAR:
-            head(t, "Char", length).chars(*static_cast<const char*>(data), 1).str("\r\n");
+            // The first byte, if the item has one: nothing behind its length is the caller's.
+            head(t, "Char", length);
+            if (length != 0) t.chars(*static_cast<const char*>(data), 1);
+            t.str("\r\n");
             break;
         case ZEP_LOGDATA_STRING: {
             head(t, "String", length);

@@ -284,11 +284,11 @@ ZEPLogFacility* facilityOf(ZEPLogFacility* f) { return f ? f : &s_defaultFacilit
 
 }  // namespace
 
-// The default facility's file, for the assertion report's last place: null unless the facility
-// is open on a file.
+// The default facility's file, for the assertion report's last place: its path if it ever got
+// one, open or not and whatever its target, so that a service's reports still land somewhere.
 extern "C" String zepLogDefaultFacilityPath(void) {
     const ZEPLogFacility& f = s_defaultFacility;
-    return f.open && f.target == ZEP_LOG_TARGET_FILE ? f.path : nullptr;
+    return f.path[0] != 0 ? f.path : nullptr;
 }
 
 Uint32 zepLogFacOpen(const ZEPLogFacilityParam* param, ZEPLogFacility* facility) {

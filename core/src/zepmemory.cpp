@@ -13,6 +13,7 @@
 #include "zeplib.h"
 #include "zepmemory.h"
 #include "zepnumconv.h"
+#include "zepos.h"
 
 Char g_szMemDebugLogPath[ZEP_MAX_PATH] = {};
 Bool g_bIsMemoryFFDCEnabledFlag = 0;
@@ -59,13 +60,33 @@ void findingf(String file, Uint32 line, String format, Args... args) {
     finding(file, line, message);
 }
 
+// The live list runs through the blocks themselves, so an underrun can overwrite a record's
+// links. A walk goes on only to a record that can be read and that links back to the one it came
+// from; anything else is where the list is damaged, and the walk stops there.
+bool linksBack(const ZEPMemDebugRecord* r, const ZEPMemDebugRecord* from) {
+    return !zepos::IsBadReadPtr(r, kRecord + kHeader) && r->prev == from;
+}
+
+// Calls visit(record) for each record of the list that can be trusted, in order. Returns the
+// first record that can't (null when the list is whole).
+template <class Visit>
+ZEPMemDebugRecord* walkLive(Visit visit) {
+    ZEPMemDebugRecord* from = nullptr;
+    for (ZEPMemDebugRecord* r = cb.head; r != nullptr; from = r, r = r->next) {
+        if (!linksBack(r, from)) return r;
+        if (!visit(r)) break;
+    }
+    return nullptr;
+}
+
 // Takes a record off the live list. A record whose front pads were damaged may be damaged too;
-// then it is unlinked only if the list really holds it, so that a wild link is never followed.
+// then it is unlinked only if a checked walk finds it on the list, so that a wild link is never
+// followed.
 void unlinkRecord(ZEPMemDebugRecord* r, bool trusted) {
     if (!trusted) {
-        ZEPMemDebugRecord* at = cb.head;
-        while (at != nullptr && at != r) at = at->next;
-        if (at == nullptr) return;
+        bool found = false;
+        walkLive([&](ZEPMemDebugRecord* at) { return !(found = at == r); });
+        if (!found) return;
     }
     if (r->prev != nullptr)
         r->prev->next = r->next;
@@ -366,17 +387,32 @@ Uint32 _zepMemAllocList(String file, Uint32 line, Bool withFile) {
             line76(head, '=');
         }
     }
-    for (ZEPMemDebugRecord* r = cb.head; r != nullptr; r = r->next) {
+    ZEPMemDebugRecord* damaged = walkLive([&](ZEPMemDebugRecord* r) {
         char* header = reinterpret_cast<char*>(r) + kRecord;
         void* user = header + kHeader;
         bool modeZero;
         zepMemCheckBlock(&user, file, line, false, &modeZero);
+        // The file name of a damaged record need not end within it.
+        const int nameLength = static_cast<int>(strnlen(r->file, sizeof r->file));
         if (out != nullptr)
-            fprintf(out, "Addr: %08" PRIxPTR " Code: 0x%x Size: %u Line: %u File: %s\n",
-                    reinterpret_cast<uintptr_t>(header), load32(header), r->size, r->line, r->file);
+            fprintf(out, "Addr: %08" PRIxPTR " Code: 0x%x Size: %u Line: %u File: %.*s\n",
+                    reinterpret_cast<uintptr_t>(header), load32(header), r->size, r->line,
+                    nameLength, r->file);
         else
-            printf("Address: %p Size: %u Line: %u File: %s\n", static_cast<void*>(header), r->size,
-                   r->line, r->file);
+            printf("Address: %p Size: %u Line: %u File: %.*s\n", static_cast<void*>(header),
+                   r->size, r->line, nameLength, r->file);
+        return true;
+    });
+    if (damaged != nullptr) {
+        // What lies behind can't be reached safely: say where the list broke off.
+        const uintptr_t at = reinterpret_cast<uintptr_t>(damaged) + kRecord;
+        finding(file, line, "Damaged list of live blocks found at:");
+        if (out != nullptr)
+            fprintf(out, "Addr: %08" PRIxPTR " Damaged list: the blocks behind it are not shown\n",
+                    at);
+        else
+            printf("Address: %p Damaged list: the blocks behind it are not shown\n",
+                   reinterpret_cast<void*>(at));
     }
     if (out != nullptr) {
         line76(out, '=');

@@ -127,13 +127,20 @@ Uint64 strToInteger(const char* text, char** end, Sint32 base, Uint64 limitPosit
             return 0;
         }
         s += 2;
-    } else if (base == 8 && s[0] == '0') {
+    }
+    // A reading that converts nothing leaves the end at the text itself, not behind the blanks
+    // or the sign it stepped over: callers tell "no number" by that. An octal leading zero is a
+    // digit read.
+    bool converted = false;
+    if (base == 8 && s[0] == '0') {
         ++s;
+        converted = true;
     }
 
     // A digit is read while it is below the base; a negative base reads nothing, and one above
     // 36 reads the 36 digits there are.
     const Uint32 limit = base <= 0 ? 0u : base > 36 ? 36u : static_cast<Uint32>(base);
+    const char* const digitsFrom = s;
     Uint64 value;
     bool overflow;
     if (base == 10)
@@ -141,13 +148,20 @@ Uint64 strToInteger(const char* text, char** end, Sint32 base, Uint64 limitPosit
     else
         s = readDigits<0>(s, static_cast<Uint64>(base > 0 ? base : 1), limit, &value, &overflow);
 
+    if (s == digitsFrom && !converted) {
+        if (end) *end = const_cast<char*>(text);
+        return 0;
+    }
+
     if (value > (negative ? limitNegative : limitPositive)) overflow = true;
+    if (end) *end = const_cast<char*>(s);
     if (overflow) {
+        // Saturated: the limit of the sign is the result itself, never negated (the smallest
+        // value of the signed form; all ones of the unsigned form, whichever the sign).
         errno = ERANGE;
-        value = negative ? limitNegative : limitPositive;
+        return negative ? limitNegative : limitPositive;
     }
     if (negative) value = 0 - value;
-    if (end) *end = const_cast<char*>(s);
     return value;
 }
 
@@ -159,7 +173,7 @@ Sint64 zepStrToSint64(String text, Char** end, Sint32 base) {
 }
 
 Uint64 zepStrToUint64(String text, Char** end, Sint32 base) {
-    // The saturated value is all ones for either sign; a negative text then negates it (to 1).
+    // The saturated value is all ones for either sign.
     return strToInteger(text, end, base, ~0ull, ~0ull);
 }
 

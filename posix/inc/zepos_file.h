@@ -71,14 +71,17 @@ enum : Uint32 {
 
 // The handle of a record whose magic, kind, close (and wait, where the kind has one) are set.
 // Every stand-in hands out its handles through this, so that what a handle value is stays the
-// business of this one place.
+// business of this one place: a slot of a table and the slot's generation, not an address, so
+// that a handle once closed names nothing, whatever was opened since. Null (last error 8) only
+// when no slot can be had. Never read a handle as a pointer: HandleOfKind gives the record.
 HANDLE HandleFor(HandleRecord* record);
 
-// The record a handle of `kind` points at, or null (last error 6) for none, all ones, a foreign
-// pointer's magic, or another kind.
+// The record of an open handle of `kind`, or null (last error 6) for none, all ones, a handle
+// that was closed, a value that was never a handle, or another kind.
 HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind);
 
-// Closes a handle of any kind. All ones, null and closed handles fail with 6.
+// Closes a handle of any kind. All ones, null, unknown and closed handles fail with 6. A close
+// function that fails keeps its record, and the handle stays open for another close.
 BOOL CloseHandle(HANDLE handle);
 
 // ---- waits

@@ -119,6 +119,8 @@ BOOL FindClose(HANDLE find);
 // is not a directory gives 267. `dir` null or INVALID_HANDLE_VALUE: relative to the current
 // directory.
 HANDLE OpenDirectoryAt(HANDLE dir, const char* name);
+// The same for a directory named by the caller, following links all the way.
+HANDLE OpenDirectoryA(const char* path);
 // Every entry of an open directory matching `pattern`, from its start, as FindFirstFileA.
 HANDLE FindFirstFileAt(HANDLE dir, const char* pattern, WIN32_FIND_DATAA* findData);
 // A name that is not a directory, removed as itself (a link as a link): a directory gives 5.

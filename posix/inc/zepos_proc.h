@@ -29,7 +29,7 @@
 // the same names on such a descriptor: no allocation, nothing but system calls, safe in a signal
 // handler. "No descriptor" is -1, all ones. Only what the primitive file uses is there: access
 // GENERIC_READ, GENERIC_WRITE or both, and the dispositions OPEN_EXISTING and OPEN_ALWAYS (others
-// fail with 87). The process's standard descriptors are never closed through CloseHandle: the
+// fail with 87). The console handles of GetStdHandle are never closed through CloseHandle: the
 // runtime's own streams still write to them, so closing one succeeds and leaves it open.
 #ifndef ZEPOS_PROC_H
 #define ZEPOS_PROC_H
@@ -67,7 +67,11 @@ namespace fd {
 
 inline constexpr int INVALID_DESCRIPTOR = -1;
 
-// The standard descriptor that `which` names, or -1 (last error 6) if it isn't open.
+// A handle for the standard descriptor that `which` names, or -1 (last error 6) if it isn't
+// open. It is a pseudo handle (the value of `which` itself), as the platform's console handles
+// are: the calls below use the descriptor it stands for, and CloseHandle leaves that open.
+// A file opened onto descriptor 0, 1 or 2 (the standard ones had been closed) is an ordinary
+// handle, and CloseHandle closes it.
 int GetStdHandle(Uint32 which);
 
 // -1 on failure, with 2 or 3 for a missing file or directory, 5 for a directory or a refused
@@ -85,6 +89,12 @@ BOOL ReadFile(int descriptor, void* buffer, Uint32 toRead, Uint32* read);
 // The contracts of GetFileSize and SetFilePointer of zepos_file.h.
 Uint32 GetFileSize(int descriptor, Uint32* fileSizeHigh);
 Uint32 SetFilePointer(int descriptor, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod);
+
+// Byte 0 locked exclusively, waiting for it: the lock the log's file target takes through
+// LockFileEx, so that writers through either kind of handle exclude each other, in this process
+// and in others.
+BOOL LockFirstByte(int descriptor);
+BOOL UnlockFirstByte(int descriptor);
 
 }  // namespace fd
 

@@ -189,28 +189,108 @@ BOOL closeMapping(HandleRecord* h) {
 
 }  // namespace
 
-HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind) {
-    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) {
-        SetLastError(ERROR_INVALID_HANDLE);
+// ---- the handle table
+//
+// A handle value is a slot of this table and the slot's generation, not the record's address:
+// a record's memory is reused after its close, so an address would name whatever was opened
+// there since. Closing a handle advances its slot's generation, so a stale copy of it names
+// nothing and fails with 6, whatever was opened meanwhile. Slots come in chunks that are never
+// freed or moved, so a lookup takes no lock: chunk, generation, record, with acquire loads.
+namespace {
+
+constexpr Uint32 kChunkSlots = 1024;
+constexpr Uint32 kMaxChunks = 16384;  // 16 million handles open at once
+
+struct Slot {
+    HandleRecord* record;  // null while free or while its close runs
+    Uint32 generation;     // odd while the slot holds a handle, even while free
+    Uint32 nextFree;       // the free list, by index; 0 ends it
+};
+
+Slot* s_chunks[kMaxChunks];
+pthread_mutex_t s_tableMutex = PTHREAD_MUTEX_INITIALIZER;
+Uint32 s_slotsMade = 1;  // slot 0 is never used: index 0 ends the free list
+Uint32 s_freeHead = 0;
+
+Slot* slotAt(Uint32 index) {
+    Slot* chunk = __atomic_load_n(&s_chunks[index / kChunkSlots], __ATOMIC_ACQUIRE);
+    return chunk == nullptr ? nullptr : &chunk[index % kChunkSlots];
+}
+
+// Index in the low 32 bits, generation in the high: never null, never all ones.
+HANDLE handleValue(Uint32 index, Uint32 generation) {
+    return reinterpret_cast<HANDLE>((static_cast<uintptr_t>(generation) << 32) | index);
+}
+
+// The slot a handle names while it is open, or null.
+Slot* slotOf(HANDLE handle) {
+    const uintptr_t v = reinterpret_cast<uintptr_t>(handle);
+    const Uint32 index = static_cast<Uint32>(v), generation = static_cast<Uint32>(v >> 32);
+    if (index == 0 || index >= kMaxChunks * kChunkSlots || (generation & 1) == 0) return nullptr;
+    Slot* slot = slotAt(index);
+    if (slot == nullptr || __atomic_load_n(&slot->generation, __ATOMIC_ACQUIRE) != generation)
         return nullptr;
-    }
-    HandleRecord* r = static_cast<HandleRecord*>(handle);
-    if (r->magic != HANDLE_MAGIC || r->kind != kind) {
+    return slot;
+}
+
+// The open record a handle names, or null with last error 6.
+HandleRecord* recordOf(HANDLE handle) {
+    Slot* slot = slotOf(handle);
+    HandleRecord* r = slot ? __atomic_load_n(&slot->record, __ATOMIC_ACQUIRE) : nullptr;
+    if (r == nullptr || r->magic != HANDLE_MAGIC) {
         SetLastError(ERROR_INVALID_HANDLE);
         return nullptr;
     }
     return r;
 }
 
-HANDLE HandleFor(HandleRecord* record) { return record; }
+}  // namespace
+
+HANDLE HandleFor(HandleRecord* record) {
+    pthread_mutex_lock(&s_tableMutex);
+    Uint32 index = s_freeHead;
+    Slot* slot;
+    if (index != 0) {
+        slot = slotAt(index);
+        s_freeHead = slot->nextFree;
+    } else {
+        index = s_slotsMade;
+        if (index >= kMaxChunks * kChunkSlots) {
+            pthread_mutex_unlock(&s_tableMutex);
+            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            return nullptr;
+        }
+        if (s_chunks[index / kChunkSlots] == nullptr) {
+            Slot* chunk = static_cast<Slot*>(calloc(kChunkSlots, sizeof(Slot)));
+            if (chunk == nullptr) {
+                pthread_mutex_unlock(&s_tableMutex);
+                SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return nullptr;
+            }
+            __atomic_store_n(&s_chunks[index / kChunkSlots], chunk, __ATOMIC_RELEASE);
+        }
+        ++s_slotsMade;
+        slot = slotAt(index);
+    }
+    const Uint32 generation = slot->generation + 1;  // odd: in use
+    __atomic_store_n(&slot->record, record, __ATOMIC_RELEASE);
+    __atomic_store_n(&slot->generation, generation, __ATOMIC_RELEASE);
+    pthread_mutex_unlock(&s_tableMutex);
+    return handleValue(index, generation);
+}
+
+HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind) {
+    HandleRecord* r = recordOf(handle);
+    if (r != nullptr && r->kind != kind) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return r;
+}
 
 Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds) {
-    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return WAIT_FAILED;
-    }
-    HandleRecord* r = static_cast<HandleRecord*>(handle);
-    if (r->magic != HANDLE_MAGIC || r->wait == nullptr) {
+    HandleRecord* r = recordOf(handle);
+    if (r == nullptr || r->wait == nullptr) {
         SetLastError(ERROR_INVALID_HANDLE);
         return WAIT_FAILED;
     }
@@ -218,10 +298,26 @@ Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds) {
 }
 
 BOOL CloseHandle(HANDLE handle) {
-    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return fail(ERROR_INVALID_HANDLE);
-    HandleRecord* r = static_cast<HandleRecord*>(handle);
-    if (r->magic != HANDLE_MAGIC || r->close == nullptr) return fail(ERROR_INVALID_HANDLE);
-    return r->close(r);
+    Slot* slot = slotOf(handle);
+    HandleRecord* r = slot ? __atomic_load_n(&slot->record, __ATOMIC_ACQUIRE) : nullptr;
+    // Taken out of the slot first: of two threads closing one handle, one closes it.
+    if (r == nullptr || r->magic != HANDLE_MAGIC || r->close == nullptr ||
+        !__atomic_compare_exchange_n(&slot->record, &r, static_cast<HandleRecord*>(nullptr), false,
+                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+        return fail(ERROR_INVALID_HANDLE);
+    if (!r->close(r)) {
+        // The record stays for the next close (zepos_file.h): the handle names it still.
+        const Uint32 error = GetLastError();
+        __atomic_store_n(&slot->record, r, __ATOMIC_RELEASE);
+        return fail(error);
+    }
+    pthread_mutex_lock(&s_tableMutex);
+    __atomic_store_n(&slot->generation, slot->generation + 1, __ATOMIC_RELEASE);  // even: free
+    const uintptr_t v = reinterpret_cast<uintptr_t>(handle);
+    slot->nextFree = s_freeHead;
+    s_freeHead = static_cast<Uint32>(v);
+    pthread_mutex_unlock(&s_tableMutex);
+    return 1;
 }
 
 // ---- CreateFileA
@@ -364,8 +460,14 @@ HANDLE CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32 shareMode,
         f->deleteName = name;
     }
     pthread_mutex_init(&f->rangeMutex, nullptr);
+    HANDLE h = HandleFor(&f->head);
+    if (h == nullptr) {
+        closeFile(&f->head);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return INVALID_HANDLE_VALUE;
+    }
     SetLastError(existed && mayCreate ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
-    return HandleFor(&f->head);
+    return h;
 }
 
 Uint32 GetFileAttributesA(const char* fileName) {
@@ -678,8 +780,14 @@ HANDLE CreateFileMappingA(HANDLE file, void*, Uint32 protect, Uint32 maximumSize
     m->head.wait = nullptr;
     m->protect = protect;
     m->size = size;
+    HANDLE h = HandleFor(&m->head);
+    if (h == nullptr) {
+        closeMapping(&m->head);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
     SetLastError(ERROR_SUCCESS);
-    return HandleFor(&m->head);
+    return h;
 }
 
 void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, Uint32 offsetLow,

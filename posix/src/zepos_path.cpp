@@ -121,6 +121,7 @@ int copyData(int in, int out, Sint64 size) {
         ssize_t n = copy_file_range(in, nullptr, out, nullptr, 1u << 30, 0);
         if (n > 0) {
             copied += n;
+            if (copied >= size && size > 0) return 0;  // spares the call that would say "end"
             continue;
         }
         if (n == 0) {
@@ -535,10 +536,10 @@ BOOL FindClose(HANDLE find) {
     return closeFind(r);
 }
 
-HANDLE OpenDirectoryAt(HANDLE dir, const char* name) {
-    int at = dirFd(dir);
-    if (at == -1) return INVALID_HANDLE_VALUE;
-    int fd = openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+namespace {
+
+HANDLE openDirectory(int at, const char* name, int follow) {
+    int fd = openat(at, name, O_RDONLY | O_DIRECTORY | follow | O_CLOEXEC);
     if (fd < 0) {
         int err = errno;
         SetLastError(err == ENOTDIR || err == ELOOP    ? ERROR_DIRECTORY
@@ -555,6 +556,18 @@ HANDLE OpenDirectoryAt(HANDLE dir, const char* name) {
     r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_DIRECTORY, closeDirectory, nullptr};
     r->fd = fd;
     return HandleFor(&r->head);
+}
+
+}  // namespace
+
+HANDLE OpenDirectoryAt(HANDLE dir, const char* name) {
+    int at = dirFd(dir);
+    if (at == -1) return INVALID_HANDLE_VALUE;
+    return openDirectory(at, name, O_NOFOLLOW);
+}
+
+HANDLE OpenDirectoryA(const char* path) {
+    return openDirectory(AT_FDCWD, path, 0);
 }
 
 HANDLE FindFirstFileAt(HANDLE dir, const char* pattern, WIN32_FIND_DATAA* findData) {

@@ -264,8 +264,39 @@ namespace {
 BOOL failTransfer(int descriptor) {
     const int err = errno;
     SetLastError(err == EBADF && fcntl(descriptor, F_GETFL) >= 0 ? ERROR_ACCESS_DENIED
-                                                                  : TranslateErrno(err));
+                                                                 : TranslateErrno(err));
     return 0;
+}
+
+// The descriptor a handle stands for: a standard pseudo handle's, else the handle itself.
+int descriptorOf(int handle) {
+    switch (static_cast<Uint32>(handle)) {
+        case STD_INPUT_HANDLE:
+            return 0;
+        case STD_OUTPUT_HANDLE:
+            return 1;
+        case STD_ERROR_HANDLE:
+            return 2;
+        default:
+            return handle;
+    }
+}
+
+bool isPseudo(int handle) {
+    return descriptorOf(handle) != handle;
+}
+
+int lockFirstByte(int descriptor, short type) {
+    struct flock fl;
+    memset(&fl, 0, sizeof fl);
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 0;
+    fl.l_len = 1;
+    int rc;
+    do rc = fcntl(descriptorOf(descriptor), F_OFD_SETLKW, &fl);
+    while (rc < 0 && errno == EINTR);
+    return rc;
 }
 
 }  // namespace
@@ -290,7 +321,7 @@ int GetStdHandle(Uint32 which) {
         SetLastError(ERROR_INVALID_HANDLE);
         return INVALID_DESCRIPTOR;
     }
-    return d;
+    return static_cast<int>(which);
 }
 
 int CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32, Uint32 creationDisposition,
@@ -346,11 +377,11 @@ int CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32, Uint32 creat
 }
 
 BOOL CloseHandle(int descriptor) {
+    if (isPseudo(descriptor)) return 1;
     if (descriptor < 0) {
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
-    if (descriptor <= 2) return 1;
     // EINTR: the descriptor is gone all the same on this kernel.
     if (close(descriptor) != 0 && errno != EINTR) {
         SetLastErrorFromErrno();
@@ -359,7 +390,8 @@ BOOL CloseHandle(int descriptor) {
     return 1;
 }
 
-BOOL WriteFile(int descriptor, const void* buffer, Uint32 toWrite, Uint32* written) {
+BOOL WriteFile(int handle, const void* buffer, Uint32 toWrite, Uint32* written) {
+    const int descriptor = descriptorOf(handle);
     *written = 0;
     ssize_t n;
     do n = ::write(descriptor, buffer, toWrite);
@@ -369,7 +401,8 @@ BOOL WriteFile(int descriptor, const void* buffer, Uint32 toWrite, Uint32* writt
     return 1;
 }
 
-BOOL ReadFile(int descriptor, void* buffer, Uint32 toRead, Uint32* read) {
+BOOL ReadFile(int handle, void* buffer, Uint32 toRead, Uint32* read) {
+    const int descriptor = descriptorOf(handle);
     *read = 0;
     ssize_t n = readSome(descriptor, buffer, toRead);
     if (n < 0) return failTransfer(descriptor);
@@ -377,9 +410,9 @@ BOOL ReadFile(int descriptor, void* buffer, Uint32 toRead, Uint32* read) {
     return 1;
 }
 
-Uint32 GetFileSize(int descriptor, Uint32* fileSizeHigh) {
+Uint32 GetFileSize(int handle, Uint32* fileSizeHigh) {
     struct stat st;
-    if (fstat(descriptor, &st) != 0) {
+    if (fstat(descriptorOf(handle), &st) != 0) {
         SetLastErrorFromErrno();
         return INVALID_FILE_SIZE;
     }
@@ -410,7 +443,7 @@ Uint32 SetFilePointer(int descriptor, Sint32 distanceLow, Sint32* distanceHigh, 
             ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
                                   static_cast<Uint32>(distanceLow))
             : static_cast<Sint64>(distanceLow);
-    off_t at = lseek(descriptor, static_cast<off_t>(distance), whence);
+    off_t at = lseek(descriptorOf(descriptor), static_cast<off_t>(distance), whence);
     if (at < 0) {
         SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
         return INVALID_SET_FILE_POINTER;
@@ -419,6 +452,22 @@ Uint32 SetFilePointer(int descriptor, Sint32 distanceLow, Sint32* distanceHigh, 
     if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
     SetLastError(ERROR_SUCCESS);
     return static_cast<Uint32>(position);
+}
+
+BOOL LockFirstByte(int descriptor) {
+    if (lockFirstByte(descriptor, F_WRLCK) != 0) {
+        SetLastErrorFromErrno(ErrnoUse::Lock);
+        return 0;
+    }
+    return 1;
+}
+
+BOOL UnlockFirstByte(int descriptor) {
+    if (lockFirstByte(descriptor, F_UNLCK) != 0) {
+        SetLastErrorFromErrno(ErrnoUse::Lock);
+        return 0;
+    }
+    return 1;
 }
 
 }  // namespace fd
