@@ -136,8 +136,14 @@ HANDLE handleFor(NamedObject* o, Uint32 kind, size_t blockBytes) {
     r->head.wait = kind == HANDLE_KIND_SEMAPHORE ? waitSemaphore : waitEvent;
     r->object = o;
     r->block = block;
+    HANDLE h = HandleFor(&r->head);
+    if (h == nullptr) {  // no handle to be had (8)
+        NamedClose(o);
+        free(r);
+        return nullptr;
+    }
     SetLastError(err);
-    return HandleFor(&r->head);
+    return h;
 }
 
 void* blockOf(HANDLE h, Uint32 kind) {
