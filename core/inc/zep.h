@@ -48,7 +48,6 @@
 
 // ipc-sync: begin
 #include "zepipcsemaphore.h"
-#include "zepipcqueue.h"
 #include "zepipcwaitpost.h"
 // ipc-sync: end
 
