@@ -48,6 +48,7 @@
 
 // ipc-sync: begin
 #include "zepipcsemaphore.h"
+#include "zepipcqueue.h"
 #include "zepipcwaitpost.h"
 // ipc-sync: end
 
