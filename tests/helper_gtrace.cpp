@@ -4,7 +4,7 @@
 //       attaches as process 777 and renames: one failure, one success, and one failure under
 //       an identifier the filters don't know.
 //   helper_gtrace concurrent <area file>
-//       attaches as process 2 and writes 1500 data records numbered from 0.
+//       attaches as process 2 and writes 1500 data records numbered from 0 (times ZEP_STRESS).
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -15,6 +15,7 @@
 #include <string>
 
 #include "zep.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
     }
     if (mode == "concurrent") {
         if (gtraceAttach(cb, 2, nullptr, nullptr) != 0) return fail("attach");
-        for (Uint32 i = 0; i < 1500; ++i) _gtraceVar(2, ZEPFN_zepFileRename, 10, 3, 1, 0u, 4u, &i);
+        for (Uint32 i = 0; i < 1500 * zeptestStress(); ++i) _gtraceVar(2, ZEPFN_zepFileRename, 10, 3, 1, 0u, 4u, &i);
         return 0;
     }
     return fail("usage");

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -302,7 +303,7 @@ TEST(Area, ThreadsShareOneArea) {
         threads.emplace_back([&, t] {
             std::mt19937 rng(t);
             std::vector<std::pair<Uint8*, Uint32>> mine;
-            for (int i = 0; i < 3000; ++i) {
+            for (Uint32 i = 0; i < 3000 * zeptestStress(); ++i) {
                 if (mine.size() < 20 && (mine.empty() || rng() % 3)) {
                     Uint32 size = 1 + rng() % 100;
                     void* p = nullptr;

@@ -19,6 +19,7 @@
 
 #include "zep.h"
 #include "zepos.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -132,8 +133,8 @@ protected:
         return build(o);
     }
     // A trace area in a file mapping that a helper process maps too.
-    static GTCB* sharedArea(const std::string& path) {
-        const size_t size = gtraceGetAllocSize(kRing);
+    static GTCB* sharedArea(const std::string& path, Uint32 ring = kRing) {
+        const size_t size = gtraceGetAllocSize(ring);
         int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
         if (fd < 0) return nullptr;
         void* map = ftruncate(fd, static_cast<off_t>(size)) == 0
@@ -1180,11 +1181,15 @@ TEST_F(Trace, TwoProcessesOneBlock) {
 }
 
 TEST_F(Trace, ThreadsAndProcessesConcurrently) {
+    // Each writer's records, and a stopping ring that holds them all (at most two slots each).
+    const Uint32 each = 1500 * zeptestStress();
+    Uint32 ring = kRing;
+    while (ring < 3 * each * 2 * RAMBO_SLOT_SIZE) ring *= 2;
     const std::string areaPath = dir_ + "/area";
-    GTCB* cb = sharedArea(areaPath);
+    GTCB* cb = sharedArea(areaPath, ring);
     ASSERT_NE(cb, nullptr);
     GTCBOptions o;
-    o.bufferSize = kRing;
+    o.bufferSize = ring;
     o.modeBits = GTRACE_MODE_STOP;
     ASSERT_EQ(gtraceInitialize(cb, &o), 0u);
     ASSERT_EQ(gtraceAttach(cb, 1, nullptr, nullptr), 0u);
@@ -1198,11 +1203,10 @@ TEST_F(Trace, ThreadsAndProcessesConcurrently) {
         _exit(127);
     }
     // Meanwhile two threads here, with one-slot and two-slot records mixed; the helper writes
-    // 1500 data records as process 2, thread 2.
-    const Uint32 each = 1500;
+    // as many data records as process 2, thread 2.
     std::vector<std::thread> threads;
     for (Uint64 t : {0, 1})
-        threads.emplace_back([t] {
+        threads.emplace_back([t, each] {
             for (Uint32 i = 0; i < each; ++i) {
                 if (i % 3 == 0)
                     _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
@@ -1228,7 +1232,7 @@ TEST_F(Trace, ThreadsAndProcessesConcurrently) {
     }
     gtraceDetach();
     cb_ = nullptr;
-    munmap(cb, gtraceGetAllocSize(kRing));
+    munmap(cb, gtraceGetAllocSize(ring));
 }
 
 }  // namespace

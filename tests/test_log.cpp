@@ -15,6 +15,7 @@
 
 #include "zep.h"
 #include "zeplogitems.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -325,7 +326,8 @@ TEST_F(Log, ManyProcessesAppendToOneFile) {
     std::vector<pid_t> kids(4);
     for (pid_t& k : kids)
         if ((k = fork()) == 0) {
-            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(), "2000", nullptr);
+            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(),
+                  std::to_string(2000 * zeptestStress()).c_str(), nullptr);
             _exit(127);
         }
     for (pid_t k : kids) {
@@ -334,7 +336,8 @@ TEST_F(Log, ManyProcessesAppendToOneFile) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     // The library's own reader walks the file by its fields.
-    expectTool("--check " + path_, 0, {": 8000 records, 0 damaged"});
+    expectTool("--check " + path_, 0,
+               {": " + std::to_string(8000 * zeptestStress()) + " records, 0 damaged"});
 }
 
 TEST(HexDump, LinesAndBuffers) {

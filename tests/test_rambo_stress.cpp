@@ -19,6 +19,7 @@
 
 #include "rambo_consumer.h"
 #include "zep.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -200,7 +201,7 @@ protected:
 }  // namespace
 
 TEST_F(RamboStress, WrappingRing) {
-    const Uint32 records = 20000;
+    const Uint32 records = 20000 * zeptestStress();
     run(RAMBO_MODE_WRAP, records, kLargeRingSize);
     EXPECT_GT(ring_->nextSequence / ring_->slotCount, 20u) << "the ring is lapped many times";
 
@@ -246,7 +247,7 @@ TEST_F(RamboStress, StoppingRing) {
 }
 
 TEST_F(RamboStress, ChunkedRingWithConsumer) {
-    const Uint32 records = 4000;
+    const Uint32 records = 4000 * zeptestStress();
     run(RAMBO_MODE_CHUNKED, records);
     EXPECT_EQ(shared_->consumerRc, 0u);
     EXPECT_GT(ring_->nextSequence / kSlotCount, 20u) << "the ring is lapped many times";
@@ -276,7 +277,7 @@ TEST_F(RamboStress, ChunkedRingWithConsumer) {
 // access: the consumer's reads of a chunk come after the writers' stamps, and the next lap's
 // writes after the consumer's reads.
 TEST(RamboThreads, ChunkedRingWithConsumerThread) {
-    const Uint32 kThreads = 4, kRecords = 3000;
+    const Uint32 kThreads = 4, kRecords = 3000 * zeptestStress();
     std::vector<Uint8> memory(ramboGetAllocSize(kRingSize) + 64);
     RamboCB* ring = reinterpret_cast<RamboCB*>(memory.data());
     ASSERT_EQ(ramboInitialize(ring, kRingSize, RAMBO_MODE_CHUNKED), 0u);
@@ -304,7 +305,7 @@ TEST(RamboThreads, ChunkedRingWithConsumerThread) {
     });
     std::vector<std::thread> writers;
     for (Uint32 t = 0; t < kThreads; ++t)
-        writers.emplace_back([ring, t] {
+        writers.emplace_back([ring, t, kRecords] {
             Uint64 rng = t + 1;
             for (Uint32 k = 0; k < kRecords; ++k) {
                 rng = rng * 6364136223846793005ull + 1442695040888963407ull;

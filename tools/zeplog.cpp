@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "log_walk.h"
 #include "zepecf.h"
 
 namespace {
@@ -39,71 +40,9 @@ struct Options {
     const char* path = nullptr;
 };
 
-struct Parsed {
-    unsigned long long offset = 0, length = 0;
-    std::string levelWord, function;
-    unsigned long long pid = 0, tid = 0;
-    bool hasCode = false;
-    unsigned long code = 0;
-};
+using zeplogwalk::levelNumber;
 
-constexpr size_t kFieldAt = 31;   // the location field, from the record's first byte
-constexpr size_t kFieldEnd = 48;  // 17 characters at most
-constexpr size_t kLevelAt = 49;   // " LEVEL: "
-
-int levelNumber(const std::string& w) {
-    static const char* words[] = {"Severe", "Error", "Warning", "Info", "Event"};
-    for (int i = 0; i < 5; ++i)
-        if (w == words[i]) return i + 1;
-    return 0;
-}
-
-// Reads "I<offset>H<length>" at `p`; false if the bytes there are not such a field.
-bool readField(std::string_view rec, unsigned long long* offset, unsigned long long* length) {
-    if (rec.size() < kLevelAt + 8 || rec[kFieldAt] != 'I') return false;
-    size_t i = kFieldAt + 1;
-    auto number = [&](unsigned long long* out) {
-        size_t start = i;
-        unsigned long long v = 0;
-        while (i < kFieldEnd && rec[i] >= '0' && rec[i] <= '9') v = v * 10 + (rec[i++] - '0');
-        *out = v;
-        return i > start;
-    };
-    if (!number(offset) || i >= kFieldEnd || rec[i++] != 'H') return false;
-    // A cut field may end in the middle of the length: accept what is there.
-    number(length);
-    return rec.substr(kLevelAt, 8) == " LEVEL: ";
-}
-
-std::string_view lineAfter(std::string_view rec, std::string_view tag) {
-    size_t at = rec.find(tag);
-    if (at == std::string_view::npos) return {};
-    at += tag.size();
-    size_t end = rec.find("\r\n", at);
-    return rec.substr(at, end == std::string_view::npos ? std::string_view::npos : end - at);
-}
-
-void parseFields(std::string_view rec, Parsed* p) {
-    std::string_view lvl = lineAfter(rec, " LEVEL: ");
-    p->levelWord = std::string(lvl.substr(0, lvl.find(' ')));
-    std::string_view pid = lineAfter(rec, "\r\nPID     : ");
-    p->pid = strtoull(std::string(pid).c_str(), nullptr, 10);
-    size_t t = pid.find("TID : ");
-    p->tid = t == std::string_view::npos ? 0 : strtoull(std::string(pid.substr(t + 6)).c_str(), nullptr, 10);
-    std::string_view fn = lineAfter(rec, "\r\nFUNCTION: ");
-    // "product, component, function, probe:N": the function is the third field.
-    size_t a = fn.find(", "), b = a == std::string_view::npos ? a : fn.find(", ", a + 2);
-    size_t c = b == std::string_view::npos ? b : fn.rfind(", probe:");
-    if (b != std::string_view::npos && c != std::string_view::npos && c >= b + 2)
-        p->function = std::string(fn.substr(b + 2, c - b - 2));
-    std::string_view msg = lineAfter(rec, "\r\nMESSAGE : ECF=");
-    if (!msg.empty()) {
-        p->hasCode = true;
-        p->code = strtoul(std::string(msg).c_str(), nullptr, 16);
-    }
-}
-
-bool selected(const Options& o, const Parsed& p) {
+bool selected(const Options& o, const zeplogwalk::Fields& p) {
     if (o.level >= 0 && !(levelNumber(p.levelWord) != 0 && levelNumber(p.levelWord) <= o.level))
         return false;
     if (o.pid >= 0 && p.pid != static_cast<unsigned long long>(o.pid)) return false;
@@ -113,29 +52,12 @@ bool selected(const Options& o, const Parsed& p) {
     return true;
 }
 
-// A record starts at `at` if CR LF is followed by a time stamp's shape and a location field.
-bool headerAt(const std::string& file, size_t at, unsigned long long* off, unsigned long long* len) {
-    if (at + 2 > file.size() || file.compare(at, 2, "\r\n") != 0) return false;
-    std::string_view rec(file.data() + at + 2, file.size() - at - 2);
-    if (rec.size() < 30 || rec[4] != '-' || rec[10] != '-' || rec[13] != '.') return false;
-    return readField(rec, off, len);
-}
-
-// The next place at or after `from` where a record starts, or npos.
-size_t resync(const std::string& file, size_t from) {
-    unsigned long long off, len;
-    for (size_t at = file.find("\r\n", from); at != std::string::npos;
-         at = file.find("\r\n", at + 1))
-        if (headerAt(file, at, &off, &len)) return at;
-    return std::string::npos;
-}
-
 bool parseCode(const char* s, unsigned long* out) {
     if (strncmp(s, "ECF_", 4) == 0) {
-#define ZEP_MATCH(n, v)      \
+#define ZEP_MATCH(n, v)       \
     if (strcmp(s, #n) == 0) { \
-        *out = v;            \
-        return true;         \
+        *out = v;             \
+        return true;          \
     }
         ZEP_ECF_CODE_LIST(ZEP_MATCH)
 #undef ZEP_MATCH
@@ -162,21 +84,30 @@ int main(int argc, char** argv) {
         std::string a = argv[i];
         auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         const char* v = nullptr;
-        if (a == "--check") o.checkOnly = true;
-        else if (a == "--summary") o.summaryOnly = true;
-        else if (a == "--level" && (v = value())) o.level = strtol(v, nullptr, 10);
-        else if (a == "--pid" && (v = value())) o.pid = strtoll(v, nullptr, 10);
-        else if (a == "--tid" && (v = value())) o.tid = strtoll(v, nullptr, 10);
-        else if (a == "--function" && (v = value())) o.function = v;
+        if (a == "--check")
+            o.checkOnly = true;
+        else if (a == "--summary")
+            o.summaryOnly = true;
+        else if (a == "--level" && (v = value()))
+            o.level = strtol(v, nullptr, 10);
+        else if (a == "--pid" && (v = value()))
+            o.pid = strtoll(v, nullptr, 10);
+        else if (a == "--tid" && (v = value()))
+            o.tid = strtoll(v, nullptr, 10);
+        else if (a == "--function" && (v = value()))
+            o.function = v;
         else if (a == "--ecf" && (v = value())) {
             if (!parseCode(v, &o.code)) {
                 fprintf(stderr, "zeplog: '%s' is not an ECF code\n", v);
                 return 2;
             }
             o.haveCode = true;
-        } else if (a.size() > 1 && a[0] == '-') return usage();
-        else if (!o.path) o.path = argv[i];
-        else return usage();
+        } else if (a.size() > 1 && a[0] == '-')
+            return usage();
+        else if (!o.path)
+            o.path = argv[i];
+        else
+            return usage();
     }
     if (!o.path) return usage();
 
@@ -195,62 +126,23 @@ int main(int argc, char** argv) {
         printf("%s: empty log, 0 records\n", o.path);
         return 0;
     }
-    {
-        unsigned long long off, len;
-        if (!headerAt(file, 0, &off, &len)) {
-            fprintf(stderr,
-                    "zeplog: %s is not a zep log file: no record with a location field at its "
-                    "start\n",
-                    o.path);
-            return 2;
-        }
+    if (!zeplogwalk::isLogFile(file)) {
+        fprintf(stderr,
+                "zeplog: %s is not a zep log file: no record with a location field at its start\n",
+                o.path);
+        return 2;
     }
 
     std::map<std::string, unsigned long> perLevel, perFunction;
-    unsigned long records = 0, shown = 0, damaged = 0;
-    size_t pos = 0;  // at a record's opening CR LF
-    while (pos < file.size()) {
-        unsigned long long off = 0, len = 0;
-        if (!headerAt(file, pos, &off, &len)) {
-            size_t next = resync(file, pos + 1);
-            size_t end = next == std::string::npos ? file.size() : next;
-            printf("DAMAGED bytes %zu to %zu (%zu bytes): not part of a whole record\n", pos,
-                   end - 1, end - pos);
-            ++damaged;
-            pos = end;
-            continue;
-        }
-        const size_t start = pos + 2;
-        if (start + len > file.size()) {
-            printf("TRUNCATED at offset %zu: the record claims %llu bytes, %zu remain\n", start,
-                   len, file.size() - start);
-            ++damaged;
-            break;
-        }
-        const size_t end = start + len;
-        unsigned long long nOff, nLen;
-        const bool endsWell = end == file.size() || headerAt(file, end, &nOff, &nLen);
-        if (off != start) {
-            // Another writer's record, or one written without the file lock.
-            printf("MISPLACED record at offset %zu: its field says offset %llu\n", start, off);
-            ++damaged;
-        }
-        if (!endsWell) {
-            size_t next = resync(file, start);
-            size_t stop = next == std::string::npos ? file.size() : next;
-            printf("DAMAGED bytes %zu to %zu (%zu bytes): the record at %zu doesn't end where "
-                   "its length says\n",
-                   pos, stop - 1, stop - pos, start);
-            ++damaged;
-            pos = stop;
-            continue;
-        }
-        std::string_view rec(file.data() + start, len);
-        Parsed p;
-        p.offset = off, p.length = len;
-        parseFields(rec, &p);
-        ++records;
-        if (selected(o, p)) {
+    unsigned long records = 0, shown = 0;
+    using zeplogwalk::Damage;
+    const unsigned long damaged = zeplogwalk::walk(
+        file,
+        [&](std::string_view rec, size_t) {
+            zeplogwalk::Fields p;
+            zeplogwalk::parseFields(rec, &p);
+            ++records;
+            if (!selected(o, p)) return;
             ++shown;
             ++perLevel[p.levelWord];
             ++perFunction[p.function];
@@ -258,9 +150,29 @@ int main(int argc, char** argv) {
                 fwrite("\r\n", 1, 2, stdout);
                 fwrite(rec.data(), 1, rec.size(), stdout);
             }
-        }
-        pos = end;
-    }
+        },
+        [&](const Damage& d) {
+            switch (d.kind) {
+                case Damage::kStray:
+                    printf("DAMAGED bytes %zu to %zu (%zu bytes): not part of a whole record\n",
+                           d.from, d.to, d.to + 1 - d.from);
+                    break;
+                case Damage::kTruncated:
+                    printf("TRUNCATED at offset %zu: the record claims %llu bytes, %zu remain\n",
+                           d.at, d.claimed, file.size() - d.at);
+                    break;
+                case Damage::kMisplaced:
+                    printf("MISPLACED record at offset %zu: its field says offset %llu\n", d.at,
+                           d.claimed);
+                    break;
+                case Damage::kBadEnd:
+                    printf(
+                        "DAMAGED bytes %zu to %zu (%zu bytes): the record at %zu doesn't end "
+                        "where its length says\n",
+                        d.from, d.to, d.to + 1 - d.from, d.at);
+                    break;
+            }
+        });
 
     if (!o.checkOnly && !o.summaryOnly) printf("\n");
     printf("%s: %lu records, %lu damaged stretches", o.path, records, damaged);
@@ -270,7 +182,8 @@ int main(int argc, char** argv) {
         printf("selected, per level:\n");
         for (auto& [k, v] : perLevel) printf("  %-10s %lu\n", k.c_str(), v);
         printf("selected, per function:\n");
-        for (auto& [k, v] : perFunction) printf("  %-40s %lu\n", k.empty() ? "(none)" : k.c_str(), v);
+        for (auto& [k, v] : perFunction)
+            printf("  %-40s %lu\n", k.empty() ? "(none)" : k.c_str(), v);
     }
     return damaged ? 1 : 0;
 }

@@ -12,6 +12,8 @@
 #include "zepfile.h"
 #include "zepdirlist.h"
 #include "zephfile.h"
+#include "zepipc.h"
+#include "zepipcmemory.h"
 #include "zephexdump.h"
 #include "zepsysinfo.h"
 

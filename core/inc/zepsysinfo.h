@@ -140,6 +140,19 @@ public:
     Char path[261] = {};
 };
 
+// ---- processor load
+
+// The load averages over 1, 5 and 15 minutes (processes running or waiting to run, averaged by
+// the kernel). The design's platform has no such numbers and answers ECF_NOT_SUPPORTED; Linux
+// has them, so here they are known values and the result is 0.
+class ZEPAvgCPULoadInfo {
+public:
+    Uint32 version = ZEP_VERSION_WORD;
+    ZEPSysInfoDouble load1;
+    ZEPSysInfoDouble load5;
+    ZEPSysInfoDouble load15;
+};
+
 ZEP_BEGIN_C
 
 // Works out the processor topology once per process. The other queries call it; calling it
@@ -160,6 +173,10 @@ ZEP_EXPORT Uint32 zepGetKernelIPCInfo(ZEPKernelIPCInfo* info);
 // "/usr/bin", the directory of the system's programs.
 ZEP_EXPORT Uint32 zepGetSystemDirectory(const ZEPSystemDirectoryParam* param,
                                         ZEPSystemDirectoryInfo* info);
+
+// 0 with the three averages, or ECF_FAILED with every state set to it if /proc/loadavg can't
+// be read.
+ZEP_EXPORT Uint32 zepGetAvgCPULoad(ZEPAvgCPULoadInfo* info);
 
 ZEP_END_C
 

@@ -116,6 +116,7 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 #include "zepos_proc.h"
 #include "zepos_tls.h"
 #include "zepos_named.h"
+#include "zepos_ipc.h"
 #include "zepos_exec.h"
 #include "zepos_path.h"
 #include "zepos_sync.h"

@@ -24,9 +24,10 @@
 //    range that the handle holds (else 158), and CloseHandle releases what the handle holds.
 //    A handle conflicting with itself fails at once with 33, also in the waiting form. A length
 //    of 0 is refused with 87. Locks are advisory: read and write don't test them.
-//  - File mappings of open files only (named and pagefile-backed mappings are the shared-memory
-//    family's). The maximum size 0 means the file's size when the mapping is made; an empty file
-//    gives 1006. Views keep their mapping alive, as on the platform; the file can still be cut
+//  - File mappings of open files here; without a file (INVALID_HANDLE_VALUE) the call goes to
+//    the paging-file and named form of zepos_ipc.h, and so do views of such mappings. The
+//    maximum size 0 means the file's size when the mapping is made; an empty file gives 1006.
+//    Views keep their mapping alive, as on the platform; the file can still be cut
 //    short under a view here (the platform refuses that), and touching the lost pages faults.
 //  - ReadFile and WriteFile are synchronous: an OVERLAPPED record is refused with 87.
 #ifndef ZEPOS_FILE_H
@@ -202,8 +203,8 @@ enum : Uint32 {
 
 // A mapping of an open file with the protection; the handle needs GENERIC_READ, and
 // GENERIC_WRITE as well for PAGE_READWRITE (else 5). A maximum size above the file's size
-// extends a file mapped PAGE_READWRITE. Returns null (not all ones) on failure. A name, or no
-// file, is refused with 87 here.
+// extends a file mapped PAGE_READWRITE. Returns null (not all ones) on failure. A name with a
+// file is refused with 87.
 HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect,
                           Uint32 maximumSizeHigh, Uint32 maximumSizeLow, const char* name);
 

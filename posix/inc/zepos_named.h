@@ -10,6 +10,9 @@
 //
 // A kind's stand-ins (CreateFileMappingA, CreateSemaphoreA, CreateEventA, ...) keep their state
 // in the object's block: futex words for the waitable kinds, the caller's bytes for a mapping.
+//
+// A child that inherits a reference's descriptor (a fork, or an exec with inheritance asked)
+// holds the object with it until it closes the descriptor or ends.
 #ifndef ZEPOS_NAMED_H
 #define ZEPOS_NAMED_H
 
@@ -36,11 +39,12 @@ typedef void (*NamedInit)(void* block, void* arg);
 // Creates the object `name` of `kind` with a block of `bytes`, or opens it if it exists: then
 // the last error is 183 and the existing block (with its size) stands; otherwise the last error is
 // 0. The block's memory is reserved at creation, so a full file system fails here (112 or 8) and
-// never later with a signal. `securityAttributes` is the library's SECURITY_ATTRIBUTES (null:
-// open to every local user, whatever the umask; inheritance decides close-on-exec). A null name
-// makes an unnamed object that only this process (and its forks) can reach. Null on failure, with
-// the last error: 5 for another user's object that may not be opened, 123 for a name that
-// can't be an object name.
+// never later with a signal. `securityAttributes` is the library's SECURITY_ATTRIBUTES (zepipc.h;
+// null: open to every local user, whatever the umask, and closed on exec; otherwise the
+// descriptor's mode, and bInheritHandle decides whether the descriptor survives an exec). A null
+// or empty name makes an unnamed object that only this process (and its forks) can reach. Null
+// on failure, with the last error: 5 for another user's object that may not be opened, 87 for a
+// size of 0, 123 for an object under the name that isn't one of this layer's.
 NamedObject* NamedCreate(NamedKind kind, const char* name, size_t bytes,
                          const void* securityAttributes, NamedInit init, void* arg);
 
@@ -49,12 +53,33 @@ NamedObject* NamedCreate(NamedKind kind, const char* name, size_t bytes,
 NamedObject* NamedOpen(NamedKind kind, const char* name, BOOL inheritHandle);
 
 // The object's block, mapped read-write in this process for as long as the reference lives, and
-// its size in bytes.
+// its size in bytes. The block is mapped on the first call (null with the last error if that
+// fails); a kind whose handles never touch it (a file mapping, viewed by views of its own) pays
+// nothing for it.
 void* NamedBlock(NamedObject* object);
 size_t NamedBytes(NamedObject* object);
 
 // Drops the reference; the last holder's close removes the object from the system.
 void NamedClose(NamedObject* object);
+
+// ---- for views that keep an object alive on their own (MapViewOfFileEx)
+
+// One more reference to the same holder, dropped by NamedClose. A view takes one so that the
+// object outlives the handle it was mapped from.
+void NamedRetain(NamedObject* object);
+
+// The descriptor that holds the object, and where the block starts in it (a whole number of
+// pages): a view maps the descriptor from there.
+int NamedDescriptor(NamedObject* object);
+Uint64 NamedBlockOffset(NamedObject* object);
+
+// The Linux object name for (kind, name) without the leading "/", into `out` (at least
+// NAMED_LINUX_NAME_SIZE bytes); exposed for tests and tools that look at the file system.
+inline constexpr size_t NAMED_LINUX_NAME_SIZE = 256;
+void NamedLinuxName(NamedKind kind, const char* name, char* out);
+
+// The directory that holds the objects.
+inline constexpr const char* NAMED_DIRECTORY = "/dev/shm";
 
 }  // namespace zepos
 

@@ -140,6 +140,52 @@ BOOL GetVersionExA(OSVERSIONINFOA* info);
 // "/usr/bin": its length, or the size needed (terminator included) when `size` is too small.
 Uint32 GetSystemDirectoryA(char* buffer, Uint32 size);
 
+// ---- processor load
+
+// The 1, 5 and 15 minute load averages of /proc/loadavg; FALSE with the reason if it can't be
+// read or parsed (13, invalid data).
+BOOL GetLoadAverages(double averages[3]);
+
+// The performance-data calls, over the "cpu" line of /proc/stat. A query samples the line at
+// each collection; a counter's value is its share of the ticks between the last two samples,
+// in percent:
+//   "% Processor Time"   100 - idle share           "% User Time"      user + nice
+//   "% Privileged Time"  system                     "% Interrupt Time" irq + softirq
+//   "% Idle Time"        idle + iowait
+// The ticks counted are user, nice, system, idle, iowait, irq, softirq and steal (guest time is
+// inside user already). A path is "\\<this node>\Processor(_Total)\<counter>", or the same
+// without the machine part. The results are PDH status words, 0 on success.
+typedef void* PDH_HQUERY;
+typedef void* PDH_HCOUNTER;
+typedef Uint32 PDH_STATUS;
+enum : Uint32 {
+    PDH_CSTATUS_NO_MACHINE = 0x800007D0u,
+    PDH_NO_DATA = 0x800007D5u,
+    PDH_CALC_NEGATIVE_DENOMINATOR = 0x800007D6u,
+    PDH_CALC_NEGATIVE_VALUE = 0x800007D8u,
+    PDH_CSTATUS_NO_OBJECT = 0xC0000BB8u,
+    PDH_CSTATUS_NO_COUNTER = 0xC0000BB9u,
+    PDH_CSTATUS_INVALID_DATA = 0xC0000BBAu,  // the kernel's line lacks the counter's fields
+    PDH_MEMORY_ALLOCATION_FAILURE = 0xC0000BBBu,
+    PDH_INVALID_HANDLE = 0xC0000BBCu,
+    PDH_INVALID_ARGUMENT = 0xC0000BBDu,
+    PDH_INVALID_DATA = 0xC0000BC6u,  // fewer than two samples yet
+};
+inline constexpr Uint32 PDH_FMT_DOUBLE = 0x200;
+struct PDH_FMT_COUNTERVALUE {
+    Uint32 CStatus;
+    double doubleValue;
+};
+PDH_STATUS PdhOpenQueryA(const char* dataSource, uintptr_t userData, PDH_HQUERY* query);
+PDH_STATUS PdhAddCounterA(PDH_HQUERY query, const char* counterPath, uintptr_t userData,
+                          PDH_HCOUNTER* counter);
+// PDH_NO_DATA when /proc/stat can't be read or has no "cpu" line.
+PDH_STATUS PdhCollectQueryData(PDH_HQUERY query);
+PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, Uint32 format, Uint32* type,
+                                       PDH_FMT_COUNTERVALUE* value);
+// Frees the query and its counters.
+PDH_STATUS PdhCloseQuery(PDH_HQUERY query);
+
 // ---- the readers underneath, for the library's tests
 
 namespace sysfiles {

@@ -713,9 +713,12 @@ BOOL UnlockFileEx(HANDLE file, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHig
 
 // ---- mappings and views
 
-HANDLE CreateFileMappingA(HANDLE file, void*, Uint32 protect, Uint32 maximumSizeHigh,
+HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect, Uint32 maximumSizeHigh,
                           Uint32 maximumSizeLow, const char* name) {
-    if (name != nullptr || file == INVALID_HANDLE_VALUE) {
+    if (file == INVALID_HANDLE_VALUE)
+        return CreateNamedFileMappingA(securityAttributes, protect, maximumSizeHigh,
+                                       maximumSizeLow, name);
+    if (name != nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
@@ -792,6 +795,9 @@ HANDLE CreateFileMappingA(HANDLE file, void*, Uint32 protect, Uint32 maximumSize
 
 void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, Uint32 offsetLow,
                       size_t bytes, void* baseAddress) {
+    if (IsNamedFileMapping(mapping))
+        return MapNamedViewOfFileEx(mapping, desiredAccess, offsetHigh, offsetLow, bytes,
+                                    baseAddress);
     MappingRecord* m =
         reinterpret_cast<MappingRecord*>(HandleOfKind(mapping, HANDLE_KIND_FILE_MAPPING));
     if (m == nullptr) return nullptr;
@@ -863,6 +869,8 @@ void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, U
 }
 
 BOOL UnmapViewOfFile(const void* baseAddress) {
+    BOOL named;
+    if (UnmapNamedViewOfFile(baseAddress, &named)) return named;
     pthread_mutex_lock(&s_viewMutex);
     View** link = &s_views;
     while (*link != nullptr && (*link)->base != baseAddress) link = &(*link)->next;

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -750,6 +751,183 @@ Uint32 GetSystemDirectoryA(char* buffer, Uint32 size) {
     if (buffer == nullptr || size < n + 1) return n + 1;
     memcpy(buffer, kDir, n + 1);
     return n;
+}
+
+// ---- processor load
+
+BOOL GetLoadAverages(double averages[3]) {
+    char buffer[256];
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/loadavg"), buffer, sizeof buffer) < 0) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    double a[3];
+    if (sscanf(buffer, "%lf %lf %lf", &a[0], &a[1], &a[2]) != 3) {
+        SetLastError(13);  // invalid data
+        return 0;
+    }
+    averages[0] = a[0], averages[1] = a[1], averages[2] = a[2];
+    return 1;
+}
+
+namespace {
+
+// The "cpu" line's fields in their order; a kernel gives a prefix of them (four on the oldest).
+enum Tick { USER, NICE, SYSTEM, IDLE, IOWAIT, IRQ, SOFTIRQ, STEAL, TICKS };
+
+struct Sample {
+    Uint64 tick[TICKS] = {};
+    int fields = 0;
+};
+
+enum CounterKind { PROCESSOR, USER_TIME, PRIVILEGED, INTERRUPT, IDLE_TIME, KINDS };
+const char* const kCounterNames[KINDS] = {"% Processor Time", "% User Time", "% Privileged Time",
+                                          "% Interrupt Time", "% Idle Time"};
+
+inline constexpr Uint32 QUERY_MAGIC = 0x5A504451u;  // "ZPDQ"
+struct PdhQuery;
+struct PdhCounter {
+    PdhQuery* query;
+    CounterKind kind;
+};
+struct PdhQuery {
+    Uint32 magic = QUERY_MAGIC;
+    Sample previous, current;
+    int samples = 0;
+    PdhCounter* counters[16] = {};
+    int counterCount = 0;
+};
+
+PdhQuery* queryOf(PDH_HQUERY q) {
+    PdhQuery* query = static_cast<PdhQuery*>(q);
+    return query != nullptr && query->magic == QUERY_MAGIC ? query : nullptr;
+}
+
+bool readSample(Sample* s) {
+    char buffer[512];  // the first line is all that is read
+    if (sysfiles::ReadWhole(sysfiles::Path("/proc/stat"), buffer, sizeof buffer) <= 0) return false;
+    if (strncmp(buffer, "cpu ", 4) != 0) return false;
+    const char* p = buffer + 4;
+    s->fields = 0;
+    while (s->fields < TICKS) {
+        while (*p == ' ') ++p;
+        if (*p < '0' || *p > '9') break;
+        char* end;
+        s->tick[s->fields++] = strtoull(p, &end, 10);
+        p = end;
+    }
+    return s->fields >= 4;
+}
+
+}  // namespace
+
+PDH_STATUS PdhOpenQueryA(const char* dataSource, uintptr_t /*userData*/, PDH_HQUERY* query) {
+    if (query == nullptr) return PDH_INVALID_ARGUMENT;
+    if (dataSource != nullptr) return PDH_INVALID_ARGUMENT;  // live data only; no log files
+    PdhQuery* q = new (std::nothrow) PdhQuery;
+    if (q == nullptr) return PDH_MEMORY_ALLOCATION_FAILURE;
+    *query = q;
+    return 0;
+}
+
+PDH_STATUS PdhAddCounterA(PDH_HQUERY query, const char* path, uintptr_t /*userData*/,
+                          PDH_HCOUNTER* counter) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    if (path == nullptr || counter == nullptr) return PDH_INVALID_ARGUMENT;
+    std::string_view p(path);
+    if (p.substr(0, 2) == "\\\\") {
+        const size_t end = p.find('\\', 2);
+        if (end == std::string_view::npos) return PDH_CSTATUS_NO_MACHINE;
+        char node[256];
+        Uint32 size = sizeof node;
+        if (!GetComputerNameA(node, &size) || p.substr(2, end - 2) != node)
+            return PDH_CSTATUS_NO_MACHINE;
+        p.remove_prefix(end);
+    }
+    static const char kObject[] = "\\Processor(_Total)\\";
+    if (p.substr(0, sizeof kObject - 1) != kObject) return PDH_CSTATUS_NO_OBJECT;
+    p.remove_prefix(sizeof kObject - 1);
+    int kind = 0;
+    while (kind < KINDS && p != kCounterNames[kind]) ++kind;
+    if (kind == KINDS) return PDH_CSTATUS_NO_COUNTER;
+    if (q->counterCount == 16) return PDH_MEMORY_ALLOCATION_FAILURE;
+    PdhCounter* c = new (std::nothrow) PdhCounter{q, static_cast<CounterKind>(kind)};
+    if (c == nullptr) return PDH_MEMORY_ALLOCATION_FAILURE;
+    q->counters[q->counterCount++] = c;
+    *counter = c;
+    return 0;
+}
+
+PDH_STATUS PdhCollectQueryData(PDH_HQUERY query) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    Sample s;
+    if (!readSample(&s)) return PDH_NO_DATA;
+    q->previous = q->current;
+    q->current = s;
+    if (q->samples < 2) ++q->samples;
+    return 0;
+}
+
+PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, Uint32 format, Uint32* type,
+                                       PDH_FMT_COUNTERVALUE* value) {
+    PdhCounter* c = static_cast<PdhCounter*>(counter);
+    if (c == nullptr || queryOf(c->query) == nullptr) return PDH_INVALID_HANDLE;
+    if (value == nullptr || (format & PDH_FMT_DOUBLE) == 0) return PDH_INVALID_ARGUMENT;
+    if (type) *type = 0x00020000u | 0x00000400u;  // a percentage of elapsed time
+    const PdhQuery& q = *c->query;
+    PDH_STATUS status = 0;
+    double percent = 0;
+    const int fields = q.previous.fields < q.current.fields ? q.previous.fields : q.current.fields;
+    if (q.samples < 2) {
+        status = PDH_INVALID_DATA;
+    } else if (c->kind == INTERRUPT && fields <= SOFTIRQ) {
+        status = PDH_CSTATUS_INVALID_DATA;
+    } else {
+        Uint64 delta[TICKS] = {}, total = 0;
+        for (int i = 0; i < fields; ++i) {
+            if (q.current.tick[i] < q.previous.tick[i]) status = PDH_CALC_NEGATIVE_VALUE;
+            delta[i] = q.current.tick[i] - q.previous.tick[i];
+            total += delta[i];
+        }
+        if (status == 0 && total == 0) status = PDH_CALC_NEGATIVE_DENOMINATOR;
+        if (status == 0) {
+            Uint64 part = 0;
+            switch (c->kind) {
+                case PROCESSOR:
+                    part = total - delta[IDLE] - delta[IOWAIT];
+                    break;
+                case USER_TIME:
+                    part = delta[USER] + delta[NICE];
+                    break;
+                case PRIVILEGED:
+                    part = delta[SYSTEM];
+                    break;
+                case INTERRUPT:
+                    part = delta[IRQ] + delta[SOFTIRQ];
+                    break;
+                case IDLE_TIME:
+                    part = delta[IDLE] + delta[IOWAIT];
+                    break;
+                default:
+                    break;
+            }
+            percent = 100.0 * static_cast<double>(part) / static_cast<double>(total);
+        }
+    }
+    value->CStatus = status;
+    value->doubleValue = percent;
+    return status;
+}
+
+PDH_STATUS PdhCloseQuery(PDH_HQUERY query) {
+    PdhQuery* q = queryOf(query);
+    if (q == nullptr) return PDH_INVALID_HANDLE;
+    for (int i = 0; i < q->counterCount; ++i) delete q->counters[i];
+    q->magic = 0;
+    delete q;
+    return 0;
 }
 
 }  // namespace zepos

@@ -1,0 +1,238 @@
+// Resource identifiers, security attributes and the user queries: the names as two processes
+// must derive them, the attributes every creation uses, the records of each failure.
+#include <fcntl.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "zeptest_capture.h"
+
+using namespace zeptest;
+
+namespace {
+
+class IpcRes : public CaptureTest {
+protected:
+    void TearDown() override {
+        g_bRunningTerminalServiceRemoteAdminMode = 0;
+        zepSetSecurityAttributesForZEP(nullptr);
+        CaptureTest::TearDown();
+    }
+};
+
+std::string derive(const char* path, Sint32 seed, Uint32 stamp = ZEP_VERSION_WORD,
+                   bool localScope = false) {
+    ZEPIPCResIDParam p;
+    p.path = path, p.seed = seed, p.localScope = localScope;
+    ZEPIPCResID id;
+    id.version = stamp;
+    memset(id.name, 'x', sizeof id.name);
+    EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
+    return id.name;
+}
+
+}  // namespace
+
+TEST_F(IpcRes, NamesDerived) {
+    const std::string longPath(300, 'p');
+    struct Row {
+        const char* path;
+        Sint32 seed;
+        bool remoteAdmin, localScope;
+        Uint32 stamp;
+        std::string name;
+    } rows[] = {
+        {"C:\\data\\inst1", 5, false, false, ZEP_VERSION_WORD, "ZEPEIPC5Cdatainst1"},
+        {"C:\\data\\inst1", 5, true, false, ZEP_VERSION_WORD, "Global\\ZEPEIPC5Cdatainst1"},
+        {"C:\\data\\inst1", 5, true, true, ZEP_VERSION_WORD, "ZEPEIPC5Cdatainst1"},
+        {"/db/inst1:x", 0, false, false, ZEP_VERSION_WORD, "ZEPEIPC0/db/inst1x"},  // '/' stays
+        {nullptr, 7, true, false, ZEP_VERSION_WORD, ""},
+        {"", 7, false, false, ZEP_VERSION_WORD, "ZEPEIPC7"},
+        {":\\::\\", 7, false, false, ZEP_VERSION_WORD, "ZEPEIPC7"},
+        {"Ab", -1, false, false, ZEP_VERSION_WORD, "ZEPEIPC-1Ab"},
+        {"Ab", -2147483647 - 1, false, false, ZEP_VERSION_WORD, "ZEPEIPC-2147483648Ab"},
+        // An output stamped before local scope existed ignores the request.
+        {"x", 1, true, true, 20040702, "Global\\ZEPEIPC1x"},
+        {"x", 1, true, true, 0x09010002, "Global\\ZEPEIPC1x"},
+        {"x", 1, true, true, 0x09010003, "ZEPEIPC1x"},
+        {longPath.c_str(), 12, false, false, ZEP_VERSION_WORD,
+         "ZEPEIPC12" + std::string(261 - 9, 'p')},
+        {longPath.c_str(), 12, true, false, ZEP_VERSION_WORD,
+         "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
+    };
+    for (const Row& r : rows) {
+        g_bRunningTerminalServiceRemoteAdminMode = r.remoteAdmin;
+        EXPECT_EQ(derive(r.path, r.seed, r.stamp, r.localScope), r.name)
+            << (r.path ? r.path : "(null)") << " " << r.seed;
+    }
+    g_bRunningTerminalServiceRemoteAdminMode = 0;
+    // Paths that differ beyond the cut name one object.
+    EXPECT_EQ(derive((longPath + "A").c_str(), 3), derive((longPath + "B").c_str(), 3));
+    EXPECT_EQ(derive(("\\\\" + longPath).c_str(), 3), derive(longPath.c_str(), 3));
+
+    // What the trace sees: the input at 10, the name at 60.
+    calls.clear();
+    trace(true);
+    derive("q:1", 4);
+    trace(false);
+    ASSERT_EQ(kinds(), (std::vector<std::string>{"entry", "var", "var", "exit"}));
+    EXPECT_EQ(calls[1].probe, 10u);
+    EXPECT_EQ(calls[1].items[0].length, sizeof(ZEPIPCResIDParam));
+    EXPECT_EQ(calls[2].probe, 60u);
+    EXPECT_EQ(calls[2].items[0].bytes, "ZEPEIPC4q1");
+}
+
+TEST_F(IpcRes, QueueNamesAndRefusals) {
+    ZEPIPCResIDParam p;
+    p.path = "D:\\q", p.seed = 10, p.localScope = 1;
+    ZEPIPCQueResID q;
+    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
+    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
+    EXPECT_STREQ(q.receiveSemaphore.name, "ZEPEIPC11Dq");
+    EXPECT_STREQ(q.sendSemaphore.name, "ZEPEIPC12Dq");
+    // The semaphores' derivations don't carry local scope along.
+    g_bRunningTerminalServiceRemoteAdminMode = 1;
+    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
+    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
+    EXPECT_STREQ(q.receiveSemaphore.name, "Global\\ZEPEIPC11Dq");
+    EXPECT_STREQ(q.sendSemaphore.name, "Global\\ZEPEIPC12Dq");
+    g_bRunningTerminalServiceRemoteAdminMode = 0;
+
+    // An inner identifier of an old stamp stops the operation at its derivation's probe.
+    for (int which = 0; which < 3; ++which) {
+        ZEPIPCQueResID bad;
+        ZEPIPCResID* inner[] = {&bad.memory, &bad.receiveSemaphore, &bad.sendSemaphore};
+        inner[which]->version = 1;
+        calls.clear();
+        trace(true);
+        EXPECT_EQ(zepIPCGetQueResID(&p, &bad), ECF_INVALID_VERSION);
+        trace(false);
+        theLog(ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
+        const Call* err = nullptr;
+        for (const Call& c : calls)
+            if (c.what == "error") err = &c;
+        ASSERT_NE(err, nullptr);
+        EXPECT_EQ(err->fid, ZEPFN_zepIPCGetQueResID);
+        EXPECT_EQ(err->probe, 20u + 10u * which);
+    }
+
+    struct {
+        Uint32 (*call)();
+        Uint32 fid, probe, rc;
+    } refusals[] = {
+        {[] { return zepIPCGetResID(nullptr, nullptr); }, ZEPFN_zepIPCGetResID, 1111,
+         ECF_INVALID_PARAMETER},
+        {[] {
+             ZEPIPCResIDParam in;
+             ZEPIPCResID out;
+             out.version = 20040701;
+             return zepIPCGetResID(&in, &out);
+         },
+         ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION},
+        {[] {
+             ZEPIPCResIDParam in;
+             ZEPIPCQueResID out;
+             return zepIPCGetQueResID(&in, nullptr) + 0 * out.version;
+         },
+         ZEPFN_zepIPCGetQueResID, 1111, ECF_INVALID_PARAMETER},
+        {[] {
+             ZEPCurrentUserParam in;
+             in.version = 5;
+             char b[8];
+             return zepGetCurrentUserName(&in, b);
+         },
+         ZEPFN_zepGetCurrentUserName, 1112, ECF_INVALID_VERSION},
+        {[] { return zepGetCurrentUserDisplay(nullptr, nullptr); }, ZEPFN_zepGetCurrentUserDisplay,
+         1111, ECF_INVALID_PARAMETER},
+    };
+    for (const auto& r : refusals) {
+        calls.clear();
+        EXPECT_EQ(r.call(), r.rc);
+        theLog(r.fid, r.probe, r.rc, ZEP_LOG_ERROR);
+    }
+    // The input's stamp is not looked at.
+    ZEPIPCResIDParam old;
+    old.version = 0;
+    old.path = "a";
+    ZEPIPCResID id;
+    EXPECT_EQ(zepIPCGetResID(&old, &id), 0u);
+    EXPECT_STREQ(id.name, "ZEPEIPC0a");
+
+    calls.clear();
+    trace(true);
+    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
+    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
+    trace(false);
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(IpcRes, SecurityAttributesDefaultAndOverride) {
+    SECURITY_DESCRIPTOR sd;
+    memset(&sd, 0xEE, sizeof sd);
+    SECURITY_ATTRIBUTES sa{};
+    trace(true);
+    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
+    trace(false);
+    EXPECT_EQ(sa.nLength, sizeof(SECURITY_ATTRIBUTES));
+    EXPECT_EQ(sa.lpSecurityDescriptor, &sd);
+    EXPECT_EQ(sa.bInheritHandle, 1);
+    EXPECT_EQ(sd.Revision, 1u);
+    EXPECT_EQ(sd.Control, SE_DACL_PRESENT);
+    EXPECT_EQ(sd.Mode, 0u);  // a null DACL: everyone
+    // Two frames: the inner one has an identifier of its own.
+    std::vector<Uint32> entries;
+    for (const Call& c : calls)
+        if (c.what == "entry") entries.push_back(c.fid);
+    EXPECT_EQ(entries, (std::vector<Uint32>{ZEPFN_zepInitSecurityAttributes,
+                                            ZEPFN_zepInitSecurityAttributes2}));
+
+    SECURITY_DESCRIPTOR mine{};
+    mine.Revision = 1;
+    mine.Mode = 0600;
+    SECURITY_ATTRIBUTES override{sizeof override, &mine, 0};
+    zepSetSecurityAttributesForZEP(&override);
+    SECURITY_DESCRIPTOR unused;
+    memset(&unused, 0xEE, sizeof unused);
+    ASSERT_EQ(zepInitSecurityAttributes(&unused, &sa), 0u);
+    EXPECT_EQ(sa.lpSecurityDescriptor, &mine);
+    EXPECT_EQ(sa.bInheritHandle, 0);
+    EXPECT_EQ(unused.Revision, 0xEE);  // the caller's buffer stays untouched
+    zepSetSecurityAttributesForZEP(nullptr);
+    ASSERT_EQ(zepInitSecurityAttributes(&unused, &sa), 0u);
+    EXPECT_EQ(sa.lpSecurityDescriptor, &unused);
+    EXPECT_TRUE(calls.size() > 0);
+}
+
+TEST_F(IpcRes, CurrentUser) {
+    ZEPCurrentUserParam p;
+    char name[256];
+    p.bufferSize = sizeof name;
+    ASSERT_EQ(zepGetCurrentUserName(&p, name), 0u);
+    const passwd* pw = getpwuid(geteuid());
+    EXPECT_STREQ(name, pw ? pw->pw_name : std::to_string(geteuid()).c_str());
+
+    // Too small: the record holds the size needed and the size given.
+    p.bufferSize = 1;
+    EXPECT_EQ(zepGetCurrentUserName(&p, name), ECF_BUFFER_TOO_SMALL);
+    const Call& log = theLog(ZEPFN_zepGetCurrentUserName, 40, ECF_BUFFER_TOO_SMALL);
+    EXPECT_EQ(log.called, SYSFN_GetUserName);
+    EXPECT_EQ(log.err, 122u);
+    ASSERT_EQ(log.items.size(), 2u);
+    EXPECT_EQ(valueOf<Uint32>(log.items[0]), strlen(name) + 1);
+    EXPECT_EQ(valueOf<Uint32>(log.items[1]), 1u);
+
+    // The session: the login's audit session, 0 outside any login.
+    unsigned long session = 0;
+    if (FILE* f = fopen("/proc/self/sessionid", "r")) {
+        if (fscanf(f, "%lu", &session) != 1 || session == 4294967295ul) session = 0;
+        fclose(f);
+    }
+    char display[16];
+    p.bufferSize = sizeof display;
+    calls.clear();
+    ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
+    EXPECT_EQ(display, std::to_string(session));
+    p.bufferSize = 1;  // cut by the formatter, not a failure
+    ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
+    EXPECT_STREQ(display, "");
+    EXPECT_TRUE(calls.empty());
+}
