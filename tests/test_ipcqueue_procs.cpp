@@ -157,6 +157,21 @@ TEST_F(QueueProcs, KilledHolderLeavesNoNames) {
     EXPECT_EQ(s2.attach(&semId), ECF_FILE_DOESNT_EXIST);
     EXPECT_EQ(zepos::OpenEventA(zepos::EVENT_ALL_ACCESS, 0, eventId.name), nullptr);
     EXPECT_EQ(zepos::GetLastError(), 2u);
+    // Nor any file of theirs in the objects' directory.
+    const struct {
+        zepos::NamedKind kind;
+        const char* name;
+    } objects[] = {{zepos::NamedKind::FileMapping, id_.memory.name},
+                   {zepos::NamedKind::Semaphore, id_.receiveSemaphore.name},
+                   {zepos::NamedKind::Semaphore, id_.sendSemaphore.name},
+                   {zepos::NamedKind::Semaphore, semId.name},
+                   {zepos::NamedKind::Event, eventId.name}};
+    for (const auto& o : objects) {
+        char linuxName[zepos::NAMED_LINUX_NAME_SIZE];
+        zepos::NamedLinuxName(o.kind, o.name, linuxName);
+        const std::string file = std::string(zepos::NAMED_DIRECTORY) + "/" + linuxName;
+        EXPECT_NE(access(file.c_str(), F_OK), 0) << file;
+    }
     // And the names can be made afresh.
     EXPECT_EQ(create(64), 0u);
     EXPECT_EQ(sem.create(&sc), 0u);

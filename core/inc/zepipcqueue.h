@@ -8,7 +8,7 @@
 // it while asleep. A message may be longer than the ring: the sender streams it through while a
 // receiver drains it. Without sleepers a put or get makes no system call.
 //
-// docs/ipc-sync.md gives the block's format and what the queue does in the corner cases (a
+// docs/ipc.md gives the block's format and what the queue does in the corner cases (a
 // buffer too small, a time-out or a flush inside a message, an empty message behind a full ring).
 #ifndef ZEPIPCQUEUE_H
 #define ZEPIPCQUEUE_H
@@ -16,6 +16,7 @@
 #include <stddef.h>
 
 #include "zepipc.h"
+#include "zepipcmemory.h"
 #include "zepipcsemaphore.h"
 #include "zeplatch.h"
 #include "zeptypes.h"
