@@ -14,29 +14,12 @@
 #include <sstream>
 
 #include "zeptest_capture.h"
+#include "zeptest_paths.h"
 
 namespace {
 
 using namespace zeptest;
 
-bool exists(const std::string& p) {
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0;
-}
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-std::vector<std::string> entries(const std::string& dir) {  // in the directory's own order
-    std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    while (dirent* e = d ? readdir(d) : nullptr)
-        if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
-    if (d) closedir(d);
-    return names;
-}
 // Same names, types, permission bits, link texts and bytes.
 void expectSameTree(const std::string& a, const std::string& b) {
     auto na = entries(a), nb = entries(b);
@@ -67,29 +50,16 @@ std::string makeTree(const std::string& root, int files, int dirs, size_t maxSiz
         d.push_back(d[i / 10] + "/d" + std::to_string(i));
         mkdir(d.back().c_str(), 0755);
     }
-    std::string data(maxSize, 0);
+    std::string data(maxSize + 4096, 0);
     for (char& c : data) c = static_cast<char>(rng());
     std::string last;
     for (int j = 0; j < files; ++j) {
         last = d[1 + j % dirs] + "/f" + std::to_string(j);
-        std::ofstream(last, std::ios::binary)
-            .write(data.data() + rng() % 4096, rng() % (maxSize - 4096));
+        std::ofstream(last, std::ios::binary).write(data.data() + rng() % 4096, rng() % maxSize);
     }
     return last;
 }
-template <class Body>
-void asNobody(Body body) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
-        _exit(body());
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
+
 Uint32 deleteTree(const std::string& p, Uint32 options = ZEP_DIR_DELETE_CONTENTS) {
     ZEPDirectoryDeleteParam d;
     d.path = p.c_str();
@@ -102,23 +72,21 @@ using Dir = CaptureTest;
 TEST_F(Dir, CreateModes) {
     ASSERT_EQ(chdir(dir_.c_str()), 0);
     std::string longName = "n/" + std::string(256, 'x');
+    // clang-format off
     struct Row {
         std::string path;
         Uint32 mode, rc;
         std::string failedPrefix;
         std::vector<std::string> made;
     } rows[] = {
-        {"a", 1, 0, "", {"a"}},
-        {"a", 1, ECF_FILE_EXISTS, "a", {}},
-        {"a", 2, 0, "", {}},
-        {"a/b/c", 2, 0, "", {"a/b", "a/b/c"}},
-        {"a/x/", 2, 0, "", {"a/x"}},
+        {"a", 1, 0, "", {"a"}}, {"a", 1, ECF_FILE_EXISTS, "a", {}}, {"a", 2, 0, "", {}},
+        {"a/b/c", 2, 0, "", {"a/b", "a/b/c"}}, {"a/x/", 2, 0, "", {"a/x"}},
         {"m/n/o", 1, ECF_FILE_PATH_DOESNT_EXIST, "m/n/o", {}},
         {"a/y", 0, ECF_FILE_EXISTS, "a/", {}},  // an existing first prefix stops the strict walk
-        {dir_ + "/z", 2, 0, "", {"z"}},
-        {dir_ + "/w", 3, ECF_FILE_EXISTS, "/", {}},
+        {dir_ + "/z", 2, 0, "", {"z"}}, {dir_ + "/w", 3, ECF_FILE_EXISTS, "/", {}},
         {longName, 2, ECF_FILE_NAME_TOO_LONG, longName, {"n"}},  // the upper levels stay
     };
+    // clang-format on
     for (const Row& r : rows) {
         calls.clear();
         ZEPDirectoryCreateParam p;

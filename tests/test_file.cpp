@@ -10,68 +10,30 @@
 
 #include "zepos.h"
 #include "zeptest_capture.h"
+#include "zeptest_paths.h"
 
 namespace {
 
 using namespace zeptest;
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return in ? ss.str() : "<missing>";
-}
-void put(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-bool exists(const std::string& p) {
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0;
-}
 int logCount() {
     int n = 0;
     for (const Call& c : calls) n += c.what.compare(0, 3, "log") == 0;
     return n;
 }
 
-// Runs `body` in a child that has dropped to the unprivileged user, where permission bits
-// bind; the child's exit status is the count of failed expectations.
-template <class Body>
-void asNobody(Body body) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
-        _exit(body());
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 using File = CaptureTest;
 
 TEST_F(File, DirectoryAndBaseNamesOfThePathForms) {
-    struct Row {
-        const char* path;
-        const char* dir;
-        const char* base;
-    } rows[] = {
-        {"C:/a/b", "C:/a", "b"},
-        {"C:/a", "C:", "a"},
-        {"C:/", ".", "C:"},
-        {"a/", ".", "a"},
-        {"/a", "/", "a"},
-        {"/", "/", "/"},
-        {"a//b", "a/", "b"},
-        {"C:/a/", "C:", "a"},
-        {"name", ".", "name"},
-        {"//./pipe", "//.", "pipe"},
-        {"//./PhysicalDrive0", "//./PhysicalDrive0", "PhysicalDrive0"},
-        {"//./C:", "//./C:", "C:"},
+    // clang-format off
+    struct Row { const char* path; const char* dir; const char* base; } rows[] = {
+        {"C:/a/b", "C:/a", "b"}, {"C:/a", "C:", "a"}, {"C:/", ".", "C:"}, {"a/", ".", "a"},
+        {"/a", "/", "a"}, {"/", "/", "/"}, {"a//b", "a/", "b"}, {"C:/a/", "C:", "a"},
+        {"name", ".", "name"}, {"//./pipe", "//.", "pipe"},
+        {"//./PhysicalDrive0", "//./PhysicalDrive0", "PhysicalDrive0"}, {"//./C:", "//./C:", "C:"},
         {"//?/Volume{1}/x", "//?/Volume{1}/x", "x"},
     };
+    // clang-format on
     for (const Row& r : rows) {
         char dir[64], base[64];
         EXPECT_EQ(zepDirectoryName(r.path, dir, sizeof dir), 0u) << r.path;
@@ -117,22 +79,14 @@ TEST_F(File, NamesWithoutRoomOrPath) {
 }
 
 TEST_F(File, VolumeFormsByTheirBytes) {
-    struct Row {
-        const char* path;
-        bool volume;
-    } rows[] = {
-        {"//./C:", true},
-        {"//./x:rest", true},
-        {"//./PhysicalDrive7", true},
-        {"//./physicaldrive0", false},
-        {"//./pipe", false},
-        {"//./", false},
-        {"//?/Volume{a}", true},
-        {"//?/volume", false},
-        {"/tmp", false},
-        {"//.", false},
+    // clang-format off
+    struct Row { const char* path; bool volume; } rows[] = {
+        {"//./C:", true}, {"//./x:rest", true}, {"//./PhysicalDrive7", true},
+        {"//./physicaldrive0", false}, {"//./pipe", false}, {"//./", false},
+        {"//?/Volume{a}", true}, {"//?/volume", false}, {"/tmp", false}, {"//.", false},
         {"", false},
     };
+    // clang-format on
     for (const Row& r : rows) EXPECT_EQ(zepIsNTVolume(r.path) != 0, r.volume) << r.path;
 }
 
@@ -193,6 +147,7 @@ TEST_F(File, InfoOfFilesDirectoriesAndOthers) {
     }
 
     calls.clear();
+    p.path = f.c_str();
     p.version = 20040701;
     EXPECT_EQ(zepFileGetInfoV9(&p, &info), ECF_INVALID_VERSION);
     theLog(ZEPFN_zepGetFileInfo, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
@@ -204,15 +159,14 @@ TEST_F(File, FileAndDirectoryTests) {
     ASSERT_EQ(mkdir(d.c_str(), 0700), 0);
     ASSERT_EQ(mkdir(drive.c_str(), 0700), 0);
     ASSERT_EQ(symlink(f.c_str(), path("lf").c_str()), 0);
-    struct Row {
-        std::string path;
-        bool file, directory;
-    } rows[] = {
+    // clang-format off
+    struct Row { std::string path; bool file, directory; } rows[] = {
         {f, true, false},          {f + "/", false, false},      {d, false, true},
         {d + "/", false, true},    {d + "//", false, true},      {drive + "/", false, true},
         {path("lf"), true, false}, {path("none"), false, false}, {"/", false, true},
         {"", false, false},
     };
+    // clang-format on
     for (const Row& r : rows) {
         EXPECT_EQ(zepIsFile(r.path.c_str()) != 0, r.file) << r.path;
         EXPECT_EQ(zepIsDirectory(r.path.c_str()) != 0, r.directory) << r.path;
@@ -413,6 +367,7 @@ TEST_F(File, CopyAFile) {
     }
     EXPECT_EQ(slurp(src), data);
 
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);  // would wait for a writer if opened plainly
     // Failures leave no target behind: a missing source, a directory, a source that fails to
     // read after the target was made.
     struct Row {
@@ -420,6 +375,7 @@ TEST_F(File, CopyAFile) {
         Uint32 rc;
     } rows[] = {{path("none"), ECF_FILE_DOESNT_EXIST},
                 {dir_, ECF_ACCESS_DENIED},
+                {path("fifo"), ECF_ACCESS_DENIED},
                 {"/proc/self/mem", ECF_UNKNOWN}};
     for (const Row& r : rows) {
         calls.clear();
@@ -445,21 +401,14 @@ TEST_F(File, ComparePaths) {
     char here[4096];
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     ASSERT_EQ(chdir(dir_.c_str()), 0);
-    struct Row {
-        std::string a, b;
-        bool same;
-    } rows[] = {
-        {f, f, true},
-        {f, path("link"), true},
-        {f, path("d/../f"), true},
-        {f, "f", true},
-        {f, "./d/../f", true},
-        {path("F"), path("f"), true},
-        {path("none/A"), path("NONE/a"), true},
-        {path("none/x/../a"), "none/./a", true},
-        {path("none/a"), path("none/b"), false},
-        {f, path("d"), false},
+    // clang-format off
+    struct Row { std::string a, b; bool same; } rows[] = {
+        {f, f, true}, {f, path("link"), true}, {f, path("d/../f"), true}, {f, "f", true},
+        {f, "./d/../f", true}, {path("F"), path("f"), true},
+        {path("none/A"), path("NONE/a"), true}, {path("none/x/../a"), "none/./a", true},
+        {path("none/a"), path("none/b"), false}, {f, path("d"), false},
     };
+    // clang-format on
     for (const Row& r : rows)
         EXPECT_EQ(zepComparePaths(r.a.c_str(), r.b.c_str()) != 0, r.same) << r.a << " " << r.b;
     ASSERT_EQ(chdir(here), 0);

@@ -399,16 +399,16 @@ TEST_F(HFile, ClosedHandleStaysInvalid) {
     EXPECT_EQ(slurp(path("b")), "written");
 
     using namespace zepos;
-    HANDLE f = CreateFileA(path("m").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE f = CreateFileA(path("m").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
     ASSERT_NE(f, INVALID_HANDLE_VALUE);
     HANDLE m = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
     ASSERT_NE(m, nullptr);
     ASSERT_TRUE(CloseHandle(m));
     HANDLE again = CreateFileMappingA(f, nullptr, PAGE_READWRITE, 0, 4096, nullptr);
     ASSERT_NE(again, nullptr);
-    for (HANDLE h : {m, static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE,
-                     static_cast<HANDLE>(&w)}) {
+    for (HANDLE h :
+         {m, static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE, static_cast<HANDLE>(&w)}) {
         SetLastError(0);
         EXPECT_FALSE(CloseHandle(h));
         EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
@@ -421,6 +421,44 @@ TEST_F(HFile, ClosedHandleStaysInvalid) {
     EXPECT_TRUE(CloseHandle(again));
     EXPECT_TRUE(CloseHandle(f));
     EXPECT_FALSE(CloseHandle(f));
+}
+
+// The pointer and the size a handle remembers from its last seek follow every call that
+// changes them, on this handle and, for the size, on another one.
+TEST_F(HFile, SizeAndPointerAfterEveryCall) {
+    using namespace zepos;
+    HANDLE h = CreateFileA(path("s").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    Uint32 n = 0;
+    OVERLAPPED o = {};
+    ASSERT_TRUE(LockFileEx(h, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &o));
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_END), 0u);
+    EXPECT_EQ(GetFileSize(h, nullptr), 0u);
+    ASSERT_TRUE(WriteFile(h, "hello", 5, &n, nullptr));
+    EXPECT_EQ(GetFileSize(h, nullptr), 5u);  // the write is counted
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_BEGIN), 0u);
+    char buf[8] = {};
+    ASSERT_TRUE(ReadFile(h, buf, 2, &n, nullptr));
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_CURRENT), 2u);
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_BEGIN), 0u);  // the read moved it: really moved
+    ASSERT_TRUE(ReadFile(h, buf, 5, &n, nullptr));
+    EXPECT_EQ(std::string(buf, n), "hello");
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_END), 5u);
+    ASSERT_TRUE(UnlockFileEx(h, 0, 1, 0, &o));
+    // Another handle appends once the lock is gone: the size is asked again.
+    HANDLE other = CreateFileA(path("s").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                               FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(other, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(SetFilePointer(other, 0, nullptr, FILE_END), 5u);
+    ASSERT_TRUE(WriteFile(other, "!!", 2, &n, nullptr));
+    EXPECT_EQ(GetFileSize(h, nullptr), 7u);
+    EXPECT_EQ(SetFilePointer(h, 3, nullptr, FILE_BEGIN), 3u);
+    ASSERT_TRUE(SetEndOfFile(h));
+    EXPECT_EQ(GetFileSize(h, nullptr), 3u);
+    EXPECT_EQ(SetFilePointer(other, 0, nullptr, FILE_END), 3u);
+    EXPECT_TRUE(CloseHandle(other));
+    EXPECT_TRUE(CloseHandle(h));
 }
 
 // The log's cycle from three processes at once: every record whole, in its own place, and each

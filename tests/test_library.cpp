@@ -241,6 +241,8 @@ TEST_F(Library, LoadRefusalsAndFlags) {
     EXPECT_EQ(zepos::FreeLibrary(file), 0);
     zepos::CloseHandle(file);
     EXPECT_EQ(lib.unload(), 0u);
+    EXPECT_EQ(zepos::GetProcAddress(held, "proclibAdd"), nullptr);  // the handle is gone
+    EXPECT_EQ(zepos::GetLastError(), 6u);
 }
 
 }  // namespace

@@ -140,6 +140,81 @@ public:
     Char path[261] = {};
 };
 
+// ---- disks and mounts
+
+// Which values zepGetDiskInfo is asked for: ZEP_DISK_WANT_ALL alone asks for all; otherwise the
+// bits count. Sizes and free space come together, and so do the type and the longest name.
+#define ZEP_DISK_WANT_ALL ((Uint32)0x1u)
+#define ZEP_DISK_WANT_SIZE ((Uint32)0x4u)
+#define ZEP_DISK_WANT_FREE ((Uint32)0x8u)
+#define ZEP_DISK_WANT_TYPE ((Uint32)0x80u)
+#define ZEP_DISK_WANT_MAX_COMPONENT ((Uint32)0x100u)
+#define ZEP_DISK_WANT_DRIVE_KIND ((Uint32)0x400u)
+
+// driveKind's values.
+#define ZEP_DRIVE_FIXED ((Uint32)1u)      // fixed, remote, optical or memory
+#define ZEP_DRIVE_REMOVABLE ((Uint32)5u)  // a removable block device
+
+class ZEPDiskInfoParam {
+public:
+    Uint32 version = ZEP_VERSION_WORD;
+    const char* path = nullptr;  // any path on the file system asked about
+    Uint32 wanted = ZEP_DISK_WANT_ALL;
+    Sint32 handle = -1;  // an open file instead of a path: not supported here, -1 for none
+};
+
+// The file system that holds a path. The "notSupported" fields have no counterpart here and
+// always come back with state ECF_NOT_SUPPORTED, so a successful query is ECF_PARTIAL_INFO.
+class ZEPDiskInfo {
+public:
+    Uint32 version = ZEP_VERSION_WORD;
+    ZEPSysInfoUint notSupported1;
+    ZEPSysInfoSint64 totalBytes;  // the file system's size
+    ZEPSysInfoSint64 freeBytes;   // free space this caller may use (what df calls available)
+    ZEPSysInfoUint notSupported2;
+    ZEPSysInfoStr notSupported3;
+    ZEPSysInfoStr notSupported4;
+    ZEPSysInfoUint maxComponentLength;
+    ZEPSysInfoStr fileSystemType;  // the kernel's name: "ext4", "xfs", "tmpfs", "overlay"
+    ZEPSysInfoUint notSupported5;
+    ZEPSysInfoUint driveKind;        // ZEP_DRIVE_*
+    ZEPSysInfoSint64 notSupported6;  // from stamp 0x09010007
+};
+
+class ZEPMountListingGetParam {
+public:
+    Uint32 version = ZEP_VERSION_WORD;
+    Uint32 reserved = 0;  // must be 0
+};
+
+class ZEPMountInfo {
+public:
+    Uint32 version = ZEP_VERSION_WORD;
+    Char path[1024] = {};  // the mount point
+    Uint64 totalMB = 0;    // rounded up
+    Uint64 freeMB = 0;     // rounded up
+    Char fileSystemType[100] = {};
+    Char volumeName[1024] = {};  // the mount's source: a device, a label, "tmpfs"
+    Uint32 reserved = 0;
+};
+
+// A walk over the mounted real file systems (pseudo ones such as proc, sysfs or cgroup are left
+// out), fixed when it begins. The mount points are kept in one list of 1,024 bytes; on a machine
+// with more than fit, the walk covers those that do, in mount order, never a part of one.
+class ZEP_EXPORT ZEPMountListing {
+public:
+    Char drives[1024] = {};
+    Char* cursor = nullptr;
+    Bool active = 0;
+
+    ~ZEPMountListing();
+    Uint32 begin();
+    // ECF_FILE_EOF after the last mount, and on every call after it while the walk is active.
+    // A mount that can't be asked about fails this call; the next call goes on with the next.
+    Uint32 getNext(const ZEPMountListingGetParam* param, ZEPMountInfo* info);
+    Uint32 end();
+};
+
 // ---- processor load
 
 // The load averages over 1, 5 and 15 minutes (processes running or waiting to run, averaged by
@@ -173,6 +248,11 @@ ZEP_EXPORT Uint32 zepGetKernelIPCInfo(ZEPKernelIPCInfo* info);
 // "/usr/bin", the directory of the system's programs.
 ZEP_EXPORT Uint32 zepGetSystemDirectory(const ZEPSystemDirectoryParam* param,
                                         ZEPSystemDirectoryInfo* info);
+
+// The values of the file system holding param->path; see ZEPDiskInfoParam and ZEPDiskInfo.
+// ECF_PARTIAL_INFO on success, ECF_FAILED if none of the asked values could be had, the mapped
+// code (logged, every state ECF_FAILED) for a path that doesn't exist.
+ZEP_EXPORT Uint32 zepGetDiskInfo(const ZEPDiskInfoParam* param, ZEPDiskInfo* info);
 
 // 0 with the three averages, or ECF_FAILED with every state set to it if /proc/loadavg can't
 // be read.

@@ -17,6 +17,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "rambowriter.h"
 #include "zepatomic.h"
 #include "zepos.h"
 #include "zeptsd.h"
@@ -430,11 +431,11 @@ __attribute__((always_inline)) inline void emit(const Point& p, va_list* ap) {
     GTRecord* rec;
     if constexpr (isVar(op)) {
         plan = planItems(p.itemCount, *ap);
-        rec = static_cast<GTRecord*>(ramboReserveSlots(ring, plan.total + varStart, &r));
+        rec = static_cast<GTRecord*>(rambowriter::reserveSlots(ring, plan.total + varStart, &r));
     } else if constexpr (writesWords34(op)) {
-        rec = static_cast<GTRecord*>(ramboReserveSlots(ring, 64, &r));
+        rec = static_cast<GTRecord*>(rambowriter::reserveSlots(ring, 64, &r));
     } else {
-        rec = static_cast<GTRecord*>(ramboReserveOneSlot(ring, &r));
+        rec = static_cast<GTRecord*>(rambowriter::reserveOneSlot(ring, &r));
     }
 
     if constexpr (isVar(op)) {
@@ -461,7 +462,7 @@ __attribute__((always_inline)) inline void emit(const Point& p, va_list* ap) {
     rec->threadID = p.threadId;
     rec->functionID = p.functionId;
     rec->time = time;
-    ramboSync(ring, &r);
+    rambowriter::sync(ring, &r);
 
     if constexpr (isExit(op)) {
         if ((flags & (GTRACE_FLAG_STOP_COUNT | GTRACE_FLAG_STOP_ON_RC)) ==

@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "rambo.h"
+#include "rambowriter.h"
 
 namespace {
 
@@ -31,13 +32,8 @@ inline RamboChunk* chunkTable(RamboCB* cb) {
     return reinterpret_cast<RamboChunk*>(areaBytes(cb) + cb->chunkTableOffset);
 }
 
-inline Uint8* slotAt(RamboCB* cb, Uint32 index) {
-    return areaBytes(cb) + cb->slotsOffset + static_cast<size_t>(index) * RAMBO_SLOT_SIZE;
-}
-
-inline bool autoDumpOn(const RamboCB* cb) {
-    return __atomic_load_n(&cb->autoDump, __ATOMIC_ACQUIRE) != 0;
-}
+using rambowriter::autoDumpOn;
+using rambowriter::slotAt;
 
 // The lap a sequence belongs to. slotCount is a power of two, so the division is a shift; at
 // 2^32 the lap starts again from 0, as the consumer's generations do.
@@ -58,7 +54,10 @@ void waitForLap(RamboCB* cb, RamboChunk* chunk, Uint32 lap) {
     }
 }
 
-__attribute__((noinline)) void* overflow(RamboCB* cb, Uint32 sequence, RamboReservation* r) {
+}  // namespace
+
+__attribute__((noinline)) void* rambowriter::overflow(RamboCB* cb, Uint32 sequence,
+                                                      RamboReservation* r) {
     void (*callback)(void) = __atomic_load_n(&s_overflowCallback, __ATOMIC_RELAXED);
     if (callback != nullptr) callback();
     r->slot = areaBytes(cb) + cb->overflowOffset;
@@ -72,8 +71,8 @@ __attribute__((noinline)) void* overflow(RamboCB* cb, Uint32 sequence, RamboRese
 // The chunked half of a claim that fits: the record's first chunk, and the next one when the
 // record reaches into it, must be open for this lap. Kept out of line, so that the other modes'
 // path stays a leaf without a frame.
-__attribute__((noinline)) void enterChunks(RamboCB* cb, RamboReservation* r, Uint32 index,
-                                           Uint32 n) {
+__attribute__((noinline)) void rambowriter::enterChunks(RamboCB* cb, RamboReservation* r,
+                                                        Uint32 index, Uint32 n) {
     const Uint32 lap = lapOf(cb, r->sequence);
     r->chunk = chunkTable(cb) + index / RAMBO_CHUNK_SLOTS;
     waitForLap(cb, r->chunk, lap);
@@ -90,8 +89,8 @@ __attribute__((noinline)) void enterChunks(RamboCB* cb, RamboReservation* r, Uin
 // A claim that would cross the end of a chunked ring is given up, but its slots still have to
 // add up for the consumer: the ring's tail goes to the last chunk of this lap, the overrun to
 // chunk 0 of the next. Zeroed slots carry no mark, so readers step over them.
-__attribute__((noinline)) void giveUpChunkedClaim(RamboCB* cb, Uint32 sequence, Uint32 index,
-                                                  Uint32 end) {
+__attribute__((noinline)) void rambowriter::giveUpChunkedClaim(RamboCB* cb, Uint32 sequence,
+                                                               Uint32 index, Uint32 end) {
     const Uint32 tail = cb->slotCount - index;
     const Uint32 overrun = end - cb->slotCount;
     RamboChunk* chunks = chunkTable(cb);
@@ -106,8 +105,6 @@ __attribute__((noinline)) void giveUpChunkedClaim(RamboCB* cb, Uint32 sequence, 
     if (autoDumpOn(cb))
         zepAtomicFetchAndAdd32(&chunks->committedSlots, static_cast<Sint32>(overrun));
 }
-
-}  // namespace
 
 Uint32 ramboRoundNearest2(Uint32 value) {
     if (value == 0) return 0;
@@ -207,67 +204,15 @@ Uint32 ramboNewSequence(RamboCB* cb) {
 }
 
 void* ramboReserveOneSlot(RamboCB* cb, RamboReservation* r) {
-    const Uint32 sequence = zepAtomicFetchAndIncrement32(&cb->nextSequence);
-    const Uint32 index = sequence & cb->slotIndexMask;
-    if (!cb->wraps && index + 1 > cb->slotCount) return overflow(cb, sequence, r);
-
-    r->slot = slotAt(cb, index);
-    r->sequence = sequence;
-    r->slotsReserved = 1;
-    if (cb->chunked) enterChunks(cb, r, index, 1);
-    return r->slot + 8;
+    return rambowriter::reserveOneSlot(cb, r);
 }
 
 void* ramboReserveSlots(RamboCB* cb, Uint32 payloadBytes, RamboReservation* r) {
-    // The smallest n with n * 64 >= payload + 12; at least 1.
-    Uint32 n = ((payloadBytes + 75u) & ~63u) / RAMBO_SLOT_SIZE;
-    if (n == 0) n = 1;
-
-    for (;;) {
-        const Uint32 sequence = zepAtomicFetchAndAdd32(&cb->nextSequence, static_cast<Sint32>(n));
-        const Uint32 index = sequence & cb->slotIndexMask;
-        const Uint32 end = index + n;
-
-        if (!cb->wraps && end > cb->slotCount) return overflow(cb, sequence, r);
-
-        if (end <= cb->slotCount) {
-            r->slot = slotAt(cb, index);
-            r->sequence = sequence;
-            r->slotsReserved = static_cast<Uint16>(n);
-            if (cb->chunked) enterChunks(cb, r, index, n);
-            return r->slot + 8;
-        }
-
-        // The record would cross the end of a wrapping ring. Records are never split, so this
-        // claim is lost and a fresh one is made. Without chunks the lost slots keep what they
-        // held: the ring's tail and the first slots of the next lap hold stale stamps, which the
-        // reader's window rejects.
-        if (cb->chunked) giveUpChunkedClaim(cb, sequence, index, end);
-    }
+    return rambowriter::reserveSlots(cb, payloadBytes, r);
 }
 
 void ramboSync(RamboCB* cb, const RamboReservation* r) {
-    Uint8* record = r->slot;
-    const Uint32 n = r->slotsReserved;
-    // Release stores: the payload's stores are seen before the stamps, and the trailer last, so
-    // a reader that finds the stamps agreeing finds the record complete. On x86 they are plain
-    // moves.
-    __atomic_store_n(reinterpret_cast<Uint32*>(record), r->sequence, __ATOMIC_RELEASE);
-    __atomic_store_n(reinterpret_cast<Uint16*>(record + 4), static_cast<Uint16>(RAMBO_SLOT_MARK),
-                     __ATOMIC_RELEASE);
-    __atomic_store_n(reinterpret_cast<Uint16*>(record + 6), static_cast<Uint16>(n),
-                     __ATOMIC_RELEASE);
-    __atomic_store_n(reinterpret_cast<Uint32*>(record + n * RAMBO_SLOT_SIZE - 4), ~r->sequence,
-                     __ATOMIC_RELEASE);
-
-    if (cb->chunked && autoDumpOn(cb)) {
-        // Locked adds: a consumer that reads committedSlots = 2048 sees the chunk's stamps.
-        zepAtomicFetchAndAdd32(&r->chunk->committedSlots,
-                               static_cast<Sint32>(r->slotsInFirstChunk));
-        if (n > r->slotsInFirstChunk)
-            zepAtomicFetchAndAdd32(&(r->chunk + 1)->committedSlots,
-                                   static_cast<Sint32>(n - r->slotsInFirstChunk));
-    }
+    rambowriter::sync(cb, r);
 }
 
 Uint32 ramboAutoDumpEnabled(RamboCB* cb, Uint8 flag) {

@@ -77,6 +77,34 @@ Uint32 fileHash(const char* name, size_t length) {
     return h;
 }
 
+// The base name and hash of a caller's file string, by the string's address: callers pass their
+// __FILE__, a string that neither moves nor changes, so each call site works its name out once
+// per thread. The cache is the thread's own (no torn entry between threads), direct-mapped.
+struct Site {
+    String file;
+    Uint32 hash;
+    Uint16 baseOffset;
+    Uint16 baseLength;
+};
+constexpr Uint32 kSites = 64;
+__thread Site t_sites[kSites] __attribute__((tls_model("initial-exec")));
+
+__attribute__((noinline)) void learnSite(Site& s, String file) {
+    size_t length;
+    const char* base = baseName(file, &length);
+    s.hash = fileHash(base, length);
+    // Names beyond 64 KiB are cut; the record keeps 19 characters of them anyway.
+    s.baseOffset = static_cast<Uint16>(file ? base - file : 0);
+    s.baseLength = static_cast<Uint16>(length < 0xFFFF ? length : 0xFFFF);
+    s.file = file;
+}
+
+inline const Site& siteOf(String file) {
+    Site& s = t_sites[(reinterpret_cast<uintptr_t>(file) >> 3) & (kSites - 1)];
+    if (__builtin_expect(s.file != file || file == nullptr, 0)) learnSite(s, file);
+    return s;
+}
+
 // ---- the hold on freed blocks
 //
 // Each thread keeps its most recently freed blocks from the heap, so that a second free (by any
@@ -132,7 +160,7 @@ Quarantine* openQuarantine() {
     return q;
 }
 
-void hold(void* start, Uint32 bytes) {
+__attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
     Quarantine* q = t_quarantine;
     if (q == nullptr) q = openQuarantine();
     if (q == nullptr || q == kClosed) {
@@ -145,6 +173,26 @@ void hold(void* start, Uint32 bytes) {
     q->ring[(q->oldest + q->count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
     ++q->count;
     q->bytes += bytes;
+}
+
+// The steady state: a full ring whose bytes stay within the bound after the swap. The newest
+// takes the oldest's place, which then goes to the heap.
+inline void hold(void* start, Uint32 bytes) {
+    Quarantine* q = t_quarantine;
+    if (__builtin_expect(reinterpret_cast<uintptr_t>(q) > 1, 1) &&
+        q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS) {
+        Held& oldest = q->ring[q->oldest];
+        const size_t after = q->bytes - oldest.bytes + bytes;
+        if (after <= ZEP_MEMDBG_QUARANTINE_BYTES) {
+            void* gone = oldest.start;
+            oldest = Held{start, bytes};
+            q->oldest = (q->oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+            q->bytes = after;
+            free(gone);
+            return;
+        }
+    }
+    holdSlow(start, bytes);
 }
 
 // ---- the heap path
@@ -174,7 +222,51 @@ DebugState readDebugState() {
     }
 }
 
-Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
+__attribute__((noinline)) Uint32 mallocFailed(void** result) {
+    zepos::SetLastError(zepos::TranslateErrno(errno ? errno : ENOMEM));
+    *result = nullptr;
+    Uint32 level;
+    return zepErrorMapSystem(ZEPFN_zepMemAlloc, 40, SYSFN_malloc, zepos::GetLastError(), &level);
+}
+
+Uint32 heapAllocDebug(void** result, Uint32 size, Uint32 flags, String file, Uint32 line);
+
+// Idle mode, the common case: the pad record and the header, nothing else. It needs two of the
+// settings, the flags and the mode, which lie side by side and are read as one word: whatever a
+// change under way has stored so far, an idle block made now is one made before the change.
+// Anything else goes the whole way, with the snapshot of all four settings.
+typedef Uint64 __attribute__((may_alias)) SettingsPair;
+static_assert(offsetof(ZEPMemDebugCB, flags) == 0 && offsetof(ZEPMemDebugCB, mode) == 4,
+              "the flags and the mode make one word");
+
+inline Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
+    if (__builtin_expect(!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED), 0))
+        __atomic_exchange_n(&cb.allocated, 1u, __ATOMIC_SEQ_CST);
+    const Uint64 pair =
+        __atomic_load_n(reinterpret_cast<const SettingsPair*>(&cb.flags), __ATOMIC_ACQUIRE);
+    const Uint32 mode = static_cast<Uint32>(pair >> 32), debugFlags = static_cast<Uint32>(pair);
+    if (__builtin_expect(mode == ZEP_MEMDBG_IDLE && !(debugFlags & ZEP_MEMDBG_FILL_NEW), 1)) {
+        const size_t rounded = (static_cast<size_t>(size) + 7) & ~static_cast<size_t>(7);
+        char* base = static_cast<char*>(malloc(rounded + kHeader + 16));
+        if (base == nullptr) return mallocFailed(result);
+        const Site& site = siteOf(file);
+        // The pad record {0, 0, size, mode} and the header {eye-catcher, size, hash, line} as
+        // four 8-byte words.
+        static_assert(sizeof(ZEPMemBlockHeader) == 16, "the header is four words");
+        const Uint64 eye = (flags & ZEP_MEM_MARK) ? ZEP_MEM_EYECATCHER_MARKED : ZEP_MEM_EYECATCHER;
+        const Uint64 words[4] = {0, (Uint64{ZEP_MEMDBG_IDLE} << 32) | size,
+                                 (Uint64{size} << 32) | eye, (Uint64{line} << 32) | site.hash};
+        memcpy(base, words, sizeof words);
+        char* user = base + 16 + kHeader;
+        if (flags & ZEP_MEM_ZERO) memset(user, 0, size);
+        *result = user;
+        return 0;
+    }
+    return heapAllocDebug(result, size, flags, file, line);
+}
+
+__attribute__((noinline)) Uint32 heapAllocDebug(void** result, Uint32 size, Uint32 flags,
+                                                String file, Uint32 line) {
     const DebugState s = readDebugState();
     const size_t rounded =
         s.mode == 0 ? size : (static_cast<size_t>(size) + 7) & ~static_cast<size_t>(7);
@@ -194,15 +286,10 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
             break;
     }
     char* base = static_cast<char*>(malloc(rounded + kHeader + overhead));
-    if (base == nullptr) {
-        zepos::SetLastError(zepos::TranslateErrno(errno ? errno : ENOMEM));
-        *result = nullptr;
-        Uint32 level;
-        return zepErrorMapSystem(ZEPFN_zepMemAlloc, 40, SYSFN_malloc, zepos::GetLastError(),
-                                 &level);
-    }
-    size_t nameLength;
-    const char* name = baseName(file, &nameLength);
+    if (base == nullptr) return mallocFailed(result);
+    const Site& site = siteOf(file);
+    const size_t nameLength = site.baseLength;
+    const char* name = file ? file + site.baseOffset : "";
 
     char* header;
     switch (s.mode) {
@@ -250,7 +337,7 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
     }
 
     ZEPMemBlockHeader h = {(flags & ZEP_MEM_MARK) ? ZEP_MEM_EYECATCHER_MARKED : ZEP_MEM_EYECATCHER,
-                           size, fileHash(name, nameLength), line};
+                           size, site.hash, line};
     memcpy(header, &h, sizeof h);
     char* user = header + kHeader;
     if (flags & ZEP_MEM_ZERO)
@@ -270,7 +357,9 @@ Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 l
     return 0;
 }
 
-void heapFree(void** pointer, String file, Uint32 line) {
+void heapFreeChecked(void** pointer, String file, Uint32 line);
+
+inline void heapFree(void** pointer, String file, Uint32 line) {
     char* user = static_cast<char*>(*pointer);
     // An intact idle block, the common case, has nothing the check could find: it is marked
     // freed and held back at once. Anything else goes through the whole check. (In mode 0 there is
@@ -288,6 +377,11 @@ void heapFree(void** pointer, String file, Uint32 line) {
             return;
         }
     }
+    heapFreeChecked(pointer, file, line);
+}
+
+__attribute__((noinline)) void heapFreeChecked(void** pointer, String file, Uint32 line) {
+    char* user = static_cast<char*>(*pointer);
     bool modeZero;
     const Uint32 size = zepMemCheckBlock(pointer, file, line, true, &modeZero);
     if (modeZero)
@@ -338,7 +432,8 @@ bool roundToGranule(Uint32 size, Uint32* rounded) {
     return true;
 }
 
-Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
+// Out of line, like the heap's debug modes: the idle heap path keeps a small frame.
+__attribute__((noinline)) Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
     *result = nullptr;
     Uint32 need;
     if (!roundToGranule(size, &need)) return ECF_NO_MEMORY;
@@ -366,7 +461,7 @@ Uint32 areaAlloc(void** result, char* area, Uint32 size, Uint32 flags) {
     return 0;
 }
 
-Uint32 areaFree(char* area, void* block, Uint32 size) {
+__attribute__((noinline)) Uint32 areaFree(char* area, void* block, Uint32 size) {
     Uint32 rounded;
     if (size == 0 || !roundToGranule(size, &rounded)) return ECF_INVALID_PARAMETER;
     Uint32 piece = static_cast<Uint32>(static_cast<char*>(block) - area);
@@ -395,10 +490,13 @@ Uint32 areaFree(char* area, void* block, Uint32 size) {
 }
 
 // A tool or a signal handler may set the flag; the next call of any thread writes the report.
-void reportIfAsked() {
-    if (__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
-        __atomic_exchange_n(&g_bDumpMemAllocListFlag, 0, __ATOMIC_ACQ_REL))
-        zepMemAllocList(1);
+__attribute__((noinline)) void reportAsked() {
+    if (__atomic_exchange_n(&g_bDumpMemAllocListFlag, 0, __ATOMIC_ACQ_REL)) zepMemAllocList(1);
+}
+
+inline void reportIfAsked() {
+    if (__builtin_expect(__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) != 0, 0))
+        reportAsked();
 }
 
 }  // namespace
@@ -412,17 +510,23 @@ Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String
     return heapAlloc(result, size, flags, file, line);
 }
 
+namespace {
+
+__attribute__((noinline, cold)) Uint32 freeOfNull(String file, Uint32 line) {
+    char text[1024];
+    zepSnprintf(text, sizeof text,
+                "NULL pointer for memory allocation address found at: %s, line %u",
+                file ? file : "", line);
+    zepLog(nullptr, ZEPFN_zepMemFree, ECF_MEM_NULL_POINTER, 20, ZEP_LOG_ERROR, 1, text,
+           static_cast<Uint32>(strlen(text)), ZEP_LOGDATA_STRING);
+    return ECF_MEM_NULL_POINTER;
+}
+
+}  // namespace
+
 Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
     if (pointer == nullptr) return ECF_INVALID_PARAMETER;
-    if (*pointer == nullptr) {
-        char text[1024];
-        zepSnprintf(text, sizeof text,
-                    "NULL pointer for memory allocation address found at: %s, line %u",
-                    file ? file : "", line);
-        zepLog(nullptr, ZEPFN_zepMemFree, ECF_MEM_NULL_POINTER, 20, ZEP_LOG_ERROR, 1, text,
-               static_cast<Uint32>(strlen(text)), ZEP_LOGDATA_STRING);
-        return ECF_MEM_NULL_POINTER;
-    }
+    if (*pointer == nullptr) return freeOfNull(file, line);
     reportIfAsked();
     if (area != nullptr) return areaFree(static_cast<char*>(area), *pointer, size);
     heapFree(pointer, file, line);

@@ -29,7 +29,7 @@ constexpr Uint32 kFilesAndDirectories = 0xC000;
 // The delete lists entries of every kind: a FIFO or a device left behind would keep its directory
 // from going, and each of them is removed as itself like a file.
 constexpr Uint32 kEveryKind = 0xF000;
-constexpr Uint16 kDirectory = 0x4000, kLink = 0xA000;
+constexpr Uint16 kDirectory = 0x4000, kLink = 0xA000, kRegular = 0x8000;
 
 bool isDotOrDotDot(const char* name) {
     return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
@@ -293,6 +293,8 @@ Uint32 zepDirectoryCopy(const char* source, const char* destination) {
                 return copyFailed(f, 50, ZEPFN_zepDirectoryCopy, rc, ZEP_LOG_ARGS(3), from, to,
                                   destination);
             }
+        } else if (type != kLink && type != kRegular) {
+            continue;  // FIFOs, sockets and devices are not copied
         } else if (type == kLink && !zepIsFile(from)) {
             if (!zepos::CopySymbolicLinkA(from, to)) {
                 Uint32 err = zepos::GetLastError(), level = ZEP_LOG_INFO;

@@ -21,7 +21,8 @@ inline ZepTrcBlock trcUint(const Uint32* v) {
 Uint32 getInfo(const ZEPFileGetInfoParam* param, ZEPFileInfo* info) {
     ZepFrame f(ZEPFN_zepGetFileInfo);
     f.traceData(10, ZepTrcObj(param), ZepTrcObj(info));
-    if (param->path != nullptr && param->path[0] != 0) f.traceData(20, ZepTrcStr{param->path});
+    if (param != nullptr && param->path != nullptr && param->path[0] != 0)
+        f.traceData(20, ZepTrcStr{param->path});
     if (f.refuseParam(param)) return f.rc();
     zepos::STATI64 st;
     if (zepos::_stati64(param->path, &st) != 0) {

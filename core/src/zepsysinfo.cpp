@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "zepframe.h"
+#include "zepfile.h"
 #include "zeplib.h"
 #include "zepnumconv.h"
 #include "zeptopology.h"
@@ -363,5 +364,183 @@ Uint32 zepGetSystemDirectory(const ZEPSystemDirectoryParam* param, ZEPSystemDire
     } else {
         f.traceData(100, ZepTrcStr{info->path}, ZepTrcBlock{&length, 4});
     }
+    return f.exit();
+}
+
+// ---- disks and mounts
+
+Uint32 zepGetDiskInfo(const ZEPDiskInfoParam* param, ZEPDiskInfo* info) {
+    ZepFrame f(ZEPFN_zepGetDiskInfo);
+    if (f.refuseParam(param)) return f.rc();
+    if (info == nullptr) {
+        f.setQuietResult(ECF_INVALID_PARAMETER);
+        return f.exit();
+    }
+    f.traceData(5, ZepTrcStr{param->path});
+    const bool recent = param->version >= ZEP_VERSION_WORD;
+
+    // Every state of the record; the last field exists in recent records only.
+    ZEPSysInfoUint* const uints[] = {&info->notSupported1, &info->notSupported2,
+                                     &info->maxComponentLength, &info->notSupported5,
+                                     &info->driveKind};
+    ZEPSysInfoStr* const strs[] = {&info->notSupported3, &info->notSupported4,
+                                   &info->fileSystemType};
+    auto setAll = [&](Uint32 state) {
+        for (ZEPSysInfoUint* u : uints) u->state = state;
+        for (ZEPSysInfoStr* s : strs) s->state = state;
+        info->totalBytes.state = info->freeBytes.state = state;
+        if (recent) info->notSupported6.state = state;
+    };
+
+    for (ZEPSysInfoUint* u : uints) u->value = 0;
+    for (ZEPSysInfoStr* s : strs) s->value[0] = 0;
+    info->totalBytes.value = info->freeBytes.value = 0;
+    info->driveKind.state = 0;
+    if (recent) {
+        info->notSupported6.value = 0;
+        info->notSupported4.state = 0;
+        info->notSupported6.state = ECF_NOT_SUPPORTED;
+        if (param->handle != -1) {
+            setAll(ECF_NOT_SUPPORTED);
+            f.setQuietResult(ECF_NOT_SUPPORTED);
+            return f.exit();
+        }
+    }
+    info->notSupported1.state = info->notSupported2.state = ECF_NOT_SUPPORTED;
+    info->notSupported3.state = info->notSupported4.state = ECF_NOT_SUPPORTED;
+    info->notSupported5.state = ECF_NOT_SUPPORTED;
+
+    char work[262];
+    const char* path = param->path ? param->path : "";
+    zepSnprintf(work, sizeof work, "%s", path);
+    size_t n = strlen(work);
+    if (n == 0 || (work[n - 1] != ZEP_PATH_SEPARATOR && n + 1 < sizeof work))
+        work[n++] = ZEP_PATH_SEPARATOR, work[n] = 0;
+
+    if (zepos::GetFileAttributesA(path) == zepos::INVALID_FILE_ATTRIBUTES) {
+        const Uint32 err = zepos::GetLastError();
+        const bool volume = zepIsNTVolume(path);
+        traceErrorValue(f, volume ? 27 : 25, &err, 4);
+        if (volume) {
+            f.setQuietResult(ECF_PARTIAL_INFO);
+            return f.exit();
+        }
+        Uint32 level = ZEP_LOG_ERROR;
+        const Uint32 rc =
+            zepErrorMapSystem(f.functionId(), 25, SYSFN_GetFileAttributes, err, &level);
+        f.failSys(rc, 25, ZEP_LOG_ERROR, SYSFN_GetFileAttributes, err, ZEP_LOG_ARGS(3),
+                  ZepLogStr(path), ZepLogUint(&param->wanted));
+        setAll(ECF_FAILED);
+        return f.exit();
+    }
+    // A mount point is an ordinary directory to the attribute call here (no reparse points), and
+    // the file system is found from any path on it, so the design's detour through the volume
+    // name never arises; nor does cutting a drive-letter path back to its root.
+
+    const Uint32 w = param->wanted;
+    auto want = [w](Uint32 bits) { return w == ZEP_DISK_WANT_ALL || (w & bits) != 0; };
+    if (want(ZEP_DISK_WANT_SIZE | ZEP_DISK_WANT_FREE)) {
+        Uint64 caller = 0, total = 0, free = 0;
+        if (zepos::GetDiskFreeSpaceExA(work, &caller, &total, &free)) {
+            info->totalBytes.value = static_cast<Sint64>(total);
+            info->freeBytes.value = static_cast<Sint64>(caller);
+        } else {
+            const Uint32 err = zepos::GetLastError();
+            traceErrorValue(f, 30, &err, 4);
+            info->totalBytes.state = info->freeBytes.state = ECF_FAILED;
+        }
+    }
+    if (want(ZEP_DISK_WANT_TYPE | ZEP_DISK_WANT_MAX_COMPONENT)) {
+        if (!zepos::GetVolumeInformationA(work, nullptr, 0, nullptr,
+                                          &info->maxComponentLength.value, nullptr,
+                                          info->fileSystemType.value, 255)) {
+            const Uint32 err = zepos::GetLastError();
+            traceErrorValue(f, 40, &err, 4);
+            info->maxComponentLength.state = info->fileSystemType.state = ECF_FAILED;
+        }
+    }
+    if (want(ZEP_DISK_WANT_DRIVE_KIND)) {
+        const Uint32 kind = zepos::GetDriveTypeA(work);
+        if (kind == zepos::DRIVE_REMOVABLE) {
+            info->driveKind.value = ZEP_DRIVE_REMOVABLE;
+        } else if (kind >= zepos::DRIVE_FIXED && kind <= zepos::DRIVE_RAMDISK) {
+            info->driveKind.value = ZEP_DRIVE_FIXED;
+        } else if (kind == zepos::DRIVE_UNKNOWN || kind == zepos::DRIVE_NO_ROOT_DIR) {
+            traceErrorValue(f, kind == zepos::DRIVE_UNKNOWN ? 50 : 60, &kind, 4);
+            info->driveKind.state = ECF_FAILED;
+        }
+    }
+    auto failed = [](Uint32 state) { return state != 0 && state != ECF_NOT_SUPPORTED; };
+    f.setQuietResult(failed(info->totalBytes.state) && failed(info->driveKind.state) &&
+                             failed(info->maxComponentLength.state) &&
+                             failed(info->fileSystemType.state)
+                         ? ECF_FAILED
+                         : ECF_PARTIAL_INFO);
+    f.traceData(200, ZepTrcObj(info));
+    return f.exit();
+}
+
+ZEPMountListing::~ZEPMountListing() {
+    if (active) end();
+}
+
+Uint32 ZEPMountListing::begin() {
+    ZepFrame f(ZEPFN_ZEPMountListing_begin);
+    if (active) {
+        f.fail(ECF_INVALID_INVOCATION_SEQUENCE, 10, ZEP_LOG_INFO);
+    } else if (zepos::GetLogicalDriveStringsA(sizeof drives, drives) == 0) {
+        f.failMapped(80, SYSFN_GetLogicalDriveStrings, zepos::GetLastError(), 0);
+    } else {
+        active = 1;
+        cursor = drives;
+    }
+    return f.exit();
+}
+
+Uint32 ZEPMountListing::getNext(const ZEPMountListingGetParam* param, ZEPMountInfo* info) {
+    ZepFrame f(ZEPFN_ZEPMountListing_getNext);
+    if (f.refuseParam(param)) return f.rc();
+    if (info == nullptr) return f.fail(ECF_INVALID_PARAMETER, 1111, ZEP_LOG_ERROR);
+    if (!active || param->reserved != 0) {
+        f.fail(ECF_INVALID_INVOCATION_SEQUENCE, 20, ZEP_LOG_ERROR);
+        return f.exit();
+    }
+    for (;;) {
+        zepos::SetLastError(0);
+        zepSnprintf(info->path, sizeof info->path, "%s", cursor);
+        if (info->path[0] == 0) {
+            f.fail(ECF_FILE_EOF, 30, ZEP_LOG_INFO);
+            return f.exit();
+        }
+        cursor += strlen(cursor) + 1;
+        zepos::GetVolumeInformationA(info->path, info->volumeName, sizeof info->volumeName, nullptr,
+                                     nullptr, nullptr, info->fileSystemType,
+                                     sizeof info->fileSystemType);
+        const Uint32 err = zepos::GetLastError();
+        if (err == zepos::ERROR_NOT_READY) continue;  // gone or without a medium: the next one
+        if (err != 0) {
+            f.failMapped(40, SYSFN_GetVolumeInformation, err, ZEP_LOG_ARGS(2),
+                         ZepLogStr(info->path));
+            return f.exit();
+        }
+        Uint64 total = 0, free = 0;
+        if (!zepos::GetDiskFreeSpaceExA(info->path, nullptr, &total, &free)) {
+            f.failMapped(50, SYSFN_GetDiskFreeSpaceEx, zepos::GetLastError(), ZEP_LOG_ARGS(2),
+                         ZepLogStr(info->path));
+            return f.exit();
+        }
+        info->totalMB = (total + 0xFFFFFu) >> 20;
+        info->freeMB = (free + 0xFFFFFu) >> 20;
+        info->reserved = 0;
+        return f.exit();
+    }
+}
+
+Uint32 ZEPMountListing::end() {
+    ZepFrame f(ZEPFN_ZEPMountListing_end);
+    if (!active)
+        f.fail(ECF_INVALID_INVOCATION_SEQUENCE, 10, ZEP_LOG_INFO);
+    else
+        active = 0;
     return f.exit();
 }

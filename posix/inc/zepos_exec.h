@@ -48,9 +48,9 @@ typedef unsigned (*THREAD_START_ROUTINE)(void*);
 HANDLE _beginthreadex(void* security, Uint32 stackSize, THREAD_START_ROUTINE start, void* arg,
                       Uint32 initFlag, Uint32* threadId);
 
-// Ends the calling thread; a waiter sees it end at once. The thread's locals are not destroyed
-// (on the platform they aren't either). On a thread that _beginthreadex didn't start it just
-// ends the thread.
+// Ends the calling thread by pthread_exit, after its waiters have been told (so a waiter may
+// return while the thread unwinds; the C library runs the destructors of its C++ frames, which
+// the platform wouldn't). On a thread that _beginthreadex didn't start it just ends the thread.
 [[noreturn]] void _endthreadex(Uint32 exitCode);
 
 // ---- processes

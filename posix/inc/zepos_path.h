@@ -59,7 +59,8 @@ BOOL DeleteFileA(const char* path);
 
 // Copies a file's contents and permission bits. With failIfExists the target is claimed
 // atomically (80 when it exists); the kernel copies in-kernel where it can. A copy that fails
-// removes the target it made.
+// removes the target it made. A source that is not a regular file (a directory, a FIFO, a
+// device) gives 5.
 BOOL CopyFileA(const char* existingName, const char* newName, BOOL failIfExists);
 
 // Creates a directory (mode 0777 less the umask; the attributes are not read). An existing name

@@ -140,6 +140,42 @@ BOOL GetVersionExA(OSVERSIONINFOA* info);
 // "/usr/bin": its length, or the size needed (terminator included) when `size` is too small.
 Uint32 GetSystemDirectoryA(char* buffer, Uint32 size);
 
+// ---- disks and mounts
+
+// Sizes by statvfs: the caller's share of the free space (f_bavail), the size and the free space
+// (f_bfree) in bytes; any pointer may be null. Fails with the translated errno (2 or 3 for a
+// missing path).
+BOOL GetDiskFreeSpaceExA(const char* directory, Uint64* freeToCaller, Uint64* totalBytes,
+                         Uint64* totalFree);
+
+// The file system holding `root` (any path on it): the mount table's entry whose mount point is
+// the longest prefix of the resolved path. The volume name is the mount's source (a device, a
+// label, "tmpfs", "overlay"), the type the kernel's name for it ("ext4", "xfs", "tmpfs"), the
+// longest component statvfs's f_namemax. Strings are cut to their buffers. The serial number is
+// 0 and the flags 0. On success the last error is left alone.
+BOOL GetVolumeInformationA(const char* root, char* volumeName, Uint32 volumeNameSize,
+                           Uint32* serialNumber, Uint32* maxComponentLength,
+                           Uint32* fileSystemFlags, char* fileSystemName,
+                           Uint32 fileSystemNameSize);
+
+enum : Uint32 {
+    DRIVE_UNKNOWN = 0,      // no mount holds it
+    DRIVE_NO_ROOT_DIR = 1,  // the path doesn't exist
+    DRIVE_REMOVABLE = 2,    // a block device whose /sys/dev/block/<dev>/removable is 1
+    DRIVE_FIXED = 3,
+    DRIVE_REMOTE = 4,   // network file systems
+    DRIVE_CDROM = 5,    // iso9660, udf
+    DRIVE_RAMDISK = 6,  // tmpfs, ramfs
+};
+Uint32 GetDriveTypeA(const char* root);
+
+// The mount points of the real file systems of /proc/self/mountinfo, in mount order, each once,
+// as NUL-ended strings followed by an empty one; pseudo file systems (proc, sysfs, cgroup,
+// devpts, mqueue and their kin) are left out. Only whole names are written: the list stops
+// before the first that doesn't fit with the final empty string, so it never overflows `size`.
+// Returns the characters written, the final NUL not counted; 0 with the reason on failure.
+Uint32 GetLogicalDriveStringsA(Uint32 size, char* buffer);
+
 // ---- processor load
 
 // The 1, 5 and 15 minute load averages of /proc/loadavg; FALSE with the reason if it can't be
@@ -212,6 +248,8 @@ struct MountEntry {
     std::string root, mountPoint, type, source, superOptions;
 };
 bool ParseMountLine(std::string_view line, MountEntry* entry);
+// A file system type that holds no files of its own (proc, sysfs, cgroup, ...).
+bool IsPseudoFileSystem(std::string_view type);
 
 // The control group's limits, its directories cached until /proc/self/cgroup changes.
 void ReadControlGroupLimits(CONTROL_GROUP_LIMITS* limits);

@@ -115,9 +115,6 @@ void* threadEntry(void* p) {
 }
 
 BOOL closeThread(HandleRecord* h) {
-    // The magic goes first, so that a second close of the same handle is refused while the
-    // thread still keeps the record.
-    __atomic_store_n(&h->magic, 0u, __ATOMIC_RELAXED);
     releaseThread(reinterpret_cast<ThreadRecord*>(h));
     return 1;
 }
@@ -255,7 +252,6 @@ Uint32 waitProcess(HandleRecord* h, Uint32 milliseconds) {
 
 BOOL closeProcess(HandleRecord* h) {
     ProcessRecord* r = reinterpret_cast<ProcessRecord*>(h);
-    h->magic = 0;
     pthread_mutex_lock(&r->lock);
     if (r->ours && !pollEnded(r)) abandon(r->pid);
     pthread_mutex_unlock(&r->lock);
@@ -385,7 +381,46 @@ struct LibraryRecord {
     void* dl;      // dlopen's handle; null for a data file
     void* data;    // a data file's mapping
     size_t bytes;  // its size
+    bool freeing;  // FreeLibrary is closing it
 };
+
+// A module handle isn't a kernel object: CloseHandle refuses it (6) and keeps it open. Only
+// FreeLibrary, which marks the record first, gets through, so that the handle's slot is given
+// back the one way every handle's is.
+BOOL closeLibrary(HandleRecord* h) {
+    LibraryRecord* r = reinterpret_cast<LibraryRecord*>(h);
+    if (!r->freeing) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    if (r->dl != nullptr) {
+        if (dlclose(r->dl) != 0) dlerror();
+    } else {
+        munmap(r->data, r->bytes);
+    }
+    free(r);
+    return 1;
+}
+
+// The handle of a loaded library or data file; undoes the load when no handle can be had.
+HANDLE libraryHandle(void* dl, void* data, size_t bytes) {
+    LibraryRecord* r = static_cast<LibraryRecord*>(calloc(1, sizeof(LibraryRecord)));
+    HANDLE h = nullptr;
+    if (r != nullptr) {
+        r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_LIBRARY, closeLibrary, nullptr};
+        r->dl = dl, r->data = data, r->bytes = bytes;
+        h = HandleFor(&r->head);
+    }
+    if (h == nullptr) {
+        free(r);
+        if (dl != nullptr)
+            dlclose(dl);
+        else
+            munmap(data, bytes);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    return h;
+}
 
 bool contains(const char* text, const char* word) {
     return text && strstr(text, word);
@@ -409,7 +444,7 @@ Uint32 loadError(const char* name, const char* why) {
     if (contains(why, "undefined symbol")) return ERROR_PROC_NOT_FOUND;
     if (contains(why, "No such file")) return ERROR_MOD_NOT_FOUND;
     if (contains(why, "Permission denied")) return ERROR_ACCESS_DENIED;
-    if (contains(why, "ELF") || contains(why, "too short") || contains(why, "position-independent"))
+    if (contains(why, "ELF") || contains(why, "too short") || contains(why, "executable"))
         return ERROR_BAD_EXE_FORMAT;
     return ERROR_MOD_NOT_FOUND;
 }
@@ -432,16 +467,7 @@ HANDLE loadDataFile(const char* name) {
     }
     close(fd);
     if (data == MAP_FAILED) return nullptr;
-    LibraryRecord* r = static_cast<LibraryRecord*>(calloc(1, sizeof(LibraryRecord)));
-    if (r == nullptr) {
-        munmap(data, static_cast<size_t>(st.st_size));
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_LIBRARY, nullptr, nullptr};
-    r->data = data;
-    r->bytes = static_cast<size_t>(st.st_size);
-    return HandleFor(&r->head);
+    return libraryHandle(nullptr, data, static_cast<size_t>(st.st_size));
 }
 
 }  // namespace
@@ -473,18 +499,26 @@ HANDLE _beginthreadex(void*, Uint32 stackSize, THREAD_START_ROUTINE start, void*
         bytes = (bytes + page - 1) / page * page;
         pthread_attr_setstacksize(&attr, bytes);
     }
+    // The handle first: once the thread runs, there is no way back.
+    HANDLE h = HandleFor(&r->head);
+    if (h == nullptr) {
+        pthread_attr_destroy(&attr);
+        free(r);
+        return nullptr;
+    }
     pthread_t thread;
     int err = pthread_create(&thread, &attr, threadEntry, r);
     pthread_attr_destroy(&attr);
     if (err != 0) {
-        free(r);
+        r->refs = 1;  // no thread holds it: the close frees it
+        CloseHandle(h);
         SetLastError(err == EAGAIN ? ERROR_NOT_ENOUGH_MEMORY : TranslateErrno(err));
         return nullptr;
     }
     // The identifier is the kernel's, which only the new thread can tell.
     waitNonZero(&r->tid, -1);
     if (threadId != nullptr) *threadId = r->tid;
-    return HandleFor(&r->head);
+    return h;
 }
 
 void _endthreadex(Uint32 exitCode) {
@@ -610,6 +644,16 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine, void*, void*
     if (err == 0 && currentDirectory != nullptr)
         err = posix_spawn_file_actions_addchdir_np(&s.actions, currentDirectory);
 
+    // The handles first: once the child runs, there is no way back. Until then the record
+    // stands for a process that has ended, so that closing it reaps nothing.
+    r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_PROCESS, closeProcess, waitProcess};
+    r->pidfd = -1;
+    r->ended = true;
+    pthread_mutex_init(&r->lock, nullptr);
+    HANDLE process = HandleFor(&r->head);
+    HANDLE thread = process ? HandleFor(&s_childThread) : nullptr;
+    if (thread == nullptr && err == 0) err = ENOMEM;
+
     pid_t pid = 0;
     int pidfd = -1;
     const bool orphan = (creationFlags & CREATE_ORPHANED) != 0;
@@ -627,17 +671,20 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine, void*, void*
     free(text);
     free(vectors);
     if (err != 0) {
-        free(r);
+        if (thread != nullptr) CloseHandle(thread);
+        if (process != nullptr)
+            CloseHandle(process);
+        else
+            pthread_mutex_destroy(&r->lock), free(r);
         SetLastError(error);
         return 0;
     }
-    r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_PROCESS, closeProcess, waitProcess};
     r->pid = pid;
     r->pidfd = pidfd;
     r->ours = !orphan;
-    pthread_mutex_init(&r->lock, nullptr);
-    processInformation->hProcess = HandleFor(&r->head);
-    processInformation->hThread = HandleFor(&s_childThread);
+    r->ended = false;
+    processInformation->hProcess = process;
+    processInformation->hThread = thread;
     processInformation->dwProcessId = static_cast<Uint32>(pid);
     processInformation->dwThreadId = static_cast<Uint32>(pid);
     return 1;
@@ -680,16 +727,7 @@ HANDLE LoadLibraryExA(const char* fileName, HANDLE file, Uint32 flags) {
         SetLastError(loadError(fileName, dlerror()));
         return nullptr;
     }
-    LibraryRecord* r = static_cast<LibraryRecord*>(calloc(1, sizeof(LibraryRecord)));
-    if (r == nullptr) {
-        dlclose(dl);
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    // No close entry: CloseHandle refuses a library, as the platform does.
-    r->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_LIBRARY, nullptr, nullptr};
-    r->dl = dl;
-    return HandleFor(&r->head);
+    return libraryHandle(dl, nullptr, 0);
 }
 
 void* GetProcAddress(HANDLE module, const char* procName) {
@@ -712,14 +750,8 @@ void* GetProcAddress(HANDLE module, const char* procName) {
 BOOL FreeLibrary(HANDLE module) {
     LibraryRecord* r = reinterpret_cast<LibraryRecord*>(HandleOfKind(module, HANDLE_KIND_LIBRARY));
     if (r == nullptr) return 0;
-    r->head.magic = 0;
-    if (r->dl != nullptr) {
-        if (dlclose(r->dl) != 0) dlerror();
-    } else {
-        munmap(r->data, r->bytes);
-    }
-    free(r);
-    return 1;
+    r->freeing = true;
+    return CloseHandle(module);
 }
 
 }  // namespace zepos

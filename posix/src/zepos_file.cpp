@@ -39,7 +39,18 @@ struct FileRecord {
     const char* deleteName;
     pthread_mutex_t rangeMutex;
     LockRange ranges[kMaxRanges];
+    // What the layer knows without asking the kernel again: the file pointer after this handle's
+    // last seek, and the size that a seek to the end found, for the size asked next. Any other
+    // call on the handle forgets both (-1). The log's cycle (seek to the end under its lock, ask
+    // the size, seek there) then costs one system call, not three.
+    Sint64 knownPosition;
+    Sint64 knownEnd;
 };
+
+inline void forget(FileRecord* f) {
+    __atomic_store_n(&f->knownPosition, Sint64{-1}, __ATOMIC_RELAXED);
+    __atomic_store_n(&f->knownEnd, Sint64{-1}, __ATOMIC_RELAXED);
+}
 
 struct MappingRecord {
     HandleRecord head;
@@ -454,6 +465,7 @@ HANDLE CreateFileA(const char* fileName, Uint32 desiredAccess, Uint32 shareMode,
     f->altFd = -1;
     f->access = rw;
     f->deleteDirFd = dirFd;
+    forget(f);
     if (dirFd >= 0) {
         char* name = reinterpret_cast<char*>(f + 1);
         memcpy(name, base, nameLength + 1);
@@ -498,12 +510,16 @@ Uint32 GetFileAttributesA(const char* fileName) {
 Uint32 GetFileSize(HANDLE file, Uint32* fileSizeHigh) {
     FileRecord* f = fileOf(file);
     if (f == nullptr) return INVALID_FILE_SIZE;
-    struct stat st;
-    if (fstat(f->fd, &st) != 0) {
-        SetLastErrorFromErrno();
-        return INVALID_FILE_SIZE;
+    Sint64 known = __atomic_load_n(&f->knownEnd, __ATOMIC_RELAXED);
+    if (known < 0) {
+        struct stat st;
+        if (fstat(f->fd, &st) != 0) {
+            SetLastErrorFromErrno();
+            return INVALID_FILE_SIZE;
+        }
+        known = st.st_size;
     }
-    const Uint64 size = static_cast<Uint64>(st.st_size);
+    const Uint64 size = static_cast<Uint64>(known);
     if (fileSizeHigh) *fileSizeHigh = static_cast<Uint32>(size >> 32);
     SetLastError(ERROR_SUCCESS);
     return static_cast<Uint32>(size);
@@ -532,11 +548,21 @@ Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uin
             ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
                                   static_cast<Uint32>(distanceLow))
             : static_cast<Sint64>(distanceLow);
-    off_t at = lseek(f->fd, static_cast<off_t>(distance), whence);
-    if (at < 0) {
-        // lseek says EINVAL for a position before the start, the platform has its own number.
-        SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
-        return INVALID_SET_FILE_POINTER;
+    off_t at;
+    if (whence == SEEK_SET && distance >= 0 &&
+        distance == __atomic_load_n(&f->knownPosition, __ATOMIC_RELAXED)) {
+        at = static_cast<off_t>(distance);  // already there
+    } else {
+        forget(f);
+        at = lseek(f->fd, static_cast<off_t>(distance), whence);
+        if (at < 0) {
+            // lseek says EINVAL for a position before the start, the platform has its own number.
+            SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
+            return INVALID_SET_FILE_POINTER;
+        }
+        __atomic_store_n(&f->knownPosition, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+        if (whence == SEEK_END && distance == 0)
+            __atomic_store_n(&f->knownEnd, static_cast<Sint64>(at), __ATOMIC_RELAXED);
     }
     const Uint64 position = static_cast<Uint64>(at);
     if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
@@ -548,6 +574,7 @@ BOOL SetEndOfFile(HANDLE file) {
     FileRecord* f = fileOf(file);
     if (f == nullptr) return 0;
     if (!(f->access & GENERIC_WRITE)) return fail(ERROR_ACCESS_DENIED);
+    forget(f);
     off_t at = lseek(f->fd, 0, SEEK_CUR);
     if (at < 0 || ftruncate(f->fd, at) != 0) return failErrno();
     return 1;
@@ -566,6 +593,7 @@ BOOL transferAll(HANDLE file, Uint32 access, Buffer* buffer, Uint32 length, Uint
     if (f == nullptr) return 0;
     if (overlapped != nullptr || moved == nullptr) return fail(ERROR_INVALID_PARAMETER);
     if (!(f->access & access)) return fail(ERROR_ACCESS_DENIED);
+    forget(f);
     Uint32 done = 0;
     while (done < length) {
         ssize_t n = transfer(f->fd, buffer + done, length - done);
@@ -692,6 +720,8 @@ BOOL UnlockFileEx(HANDLE file, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHig
                   OVERLAPPED* overlapped) {
     FileRecord* f = fileOf(file);
     if (f == nullptr) return 0;
+    // Once the lock is gone others may change the size.
+    __atomic_store_n(&f->knownEnd, Sint64{-1}, __ATOMIC_RELAXED);
     Uint64 offset, length;
     if (reserved != 0 || overlapped == nullptr) return fail(ERROR_INVALID_PARAMETER);
     if (!lockRange(bytesLow, bytesHigh, overlapped, &offset, &length))
@@ -723,6 +753,7 @@ HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect,
         return nullptr;
     }
     FileRecord* f = fileOf(file);
+    if (f != nullptr) forget(f);  // a mapping may extend the file
     if (f == nullptr) return nullptr;
     Uint32 needs;
     switch (protect) {

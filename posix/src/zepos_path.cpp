@@ -158,14 +158,16 @@ int copyData(int in, int out, Sint64 size) {
 }  // namespace
 
 BOOL CopyFileA(const char* existingName, const char* newName, BOOL failIfExists) {
-    int in = open(existingName, O_RDONLY | O_CLOEXEC);
+    // Without waiting: a FIFO must not hold the copy until a writer comes.
+    int in = open(existingName, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (in < 0) {
         setPathError(existingName, errno);
         return 0;
     }
+    // Only a regular file has contents to copy; a directory or a device is refused with 5.
     struct stat s;
-    if (fstat(in, &s) != 0 || S_ISDIR(s.st_mode)) {
-        int err = S_ISDIR(s.st_mode) ? EISDIR : errno;
+    if (fstat(in, &s) != 0 || !S_ISREG(s.st_mode)) {
+        int err = S_ISREG(s.st_mode) ? errno : EACCES;
         close(in);
         SetLastError(TranslateErrno(err));
         return 0;

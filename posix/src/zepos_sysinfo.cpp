@@ -8,7 +8,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <limits.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -751,6 +754,175 @@ Uint32 GetSystemDirectoryA(char* buffer, Uint32 size) {
     if (buffer == nullptr || size < n + 1) return n + 1;
     memcpy(buffer, kDir, n + 1);
     return n;
+}
+
+// ---- disks and mounts
+
+namespace sysfiles {
+
+bool IsPseudoFileSystem(std::string_view type) {
+    static const char* const kPseudo[] = {
+        "proc",    "sysfs",     "cgroup",     "cgroup2",     "devpts",   "mqueue",
+        "debugfs", "tracefs",   "securityfs", "pstore",      "bpf",      "configfs",
+        "fusectl", "hugetlbfs", "autofs",     "binfmt_misc", "efivarfs", "rpc_pipefs",
+        "nsfs",    "selinuxfs", "devtmpfs",   "nfsd"};
+    for (const char* p : kPseudo)
+        if (type == p) return true;
+    return false;
+}
+
+}  // namespace sysfiles
+
+namespace {
+
+// The mount that holds `path`: the longest mount point that is a prefix of its resolved form;
+// of equal ones the last mounted, which hides the others.
+bool findMount(const char* path, sysfiles::MountEntry* found) {
+    char resolved[PATH_MAX];
+    if (realpath(path, resolved) == nullptr) return false;
+    std::string table;
+    if (!sysfiles::ReadText(sysfiles::Path("/proc/self/mountinfo"), &table)) return false;
+    const std::string_view r(resolved);
+    size_t best = 0;
+    bool any = false;
+    size_t pos = 0;
+    while (pos < table.size()) {
+        size_t end = table.find('\n', pos);
+        if (end == std::string::npos) end = table.size();
+        sysfiles::MountEntry m;
+        const bool ok =
+            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
+        pos = end + 1;
+        if (!ok) continue;
+        const std::string& mp = m.mountPoint;
+        const bool prefix = mp == "/" || (r.compare(0, mp.size(), mp) == 0 &&
+                                          (r.size() == mp.size() || r[mp.size()] == '/'));
+        if (!prefix || mp.size() < best) continue;
+        best = mp.size();
+        *found = std::move(m);
+        any = true;
+    }
+    return any;
+}
+
+void copyCut(char* to, Uint32 size, const std::string& from) {
+    if (to == nullptr || size == 0) return;
+    const size_t n = from.size() < size - 1 ? from.size() : size - 1;
+    memcpy(to, from.data(), n);
+    to[n] = 0;
+}
+
+}  // namespace
+
+BOOL GetDiskFreeSpaceExA(const char* directory, Uint64* freeToCaller, Uint64* totalBytes,
+                         Uint64* totalFree) {
+    struct statvfs v;
+    if (directory == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (statvfs(directory, &v) != 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(directory));
+        else
+            SetLastErrorFromErrno();
+        return 0;
+    }
+    const Uint64 unit = v.f_frsize ? v.f_frsize : v.f_bsize;
+    if (freeToCaller) *freeToCaller = static_cast<Uint64>(v.f_bavail) * unit;
+    if (totalBytes) *totalBytes = static_cast<Uint64>(v.f_blocks) * unit;
+    if (totalFree) *totalFree = static_cast<Uint64>(v.f_bfree) * unit;
+    return 1;
+}
+
+BOOL GetVolumeInformationA(const char* root, char* volumeName, Uint32 volumeNameSize,
+                           Uint32* serialNumber, Uint32* maxComponentLength,
+                           Uint32* fileSystemFlags, char* fileSystemName,
+                           Uint32 fileSystemNameSize) {
+    struct statvfs v;
+    if (root == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    if (statvfs(root, &v) != 0) {
+        if (errno == ENOENT)
+            SetLastError(NotFoundError(root));
+        else
+            SetLastErrorFromErrno();
+        return 0;
+    }
+    sysfiles::MountEntry m;
+    if (!findMount(root, &m)) {
+        SetLastError(ERROR_NOT_READY);
+        return 0;
+    }
+    copyCut(volumeName, volumeNameSize, m.source);
+    copyCut(fileSystemName, fileSystemNameSize, m.type);
+    if (serialNumber) *serialNumber = 0;
+    if (fileSystemFlags) *fileSystemFlags = 0;
+    if (maxComponentLength) *maxComponentLength = static_cast<Uint32>(v.f_namemax);
+    return 1;
+}
+
+Uint32 GetDriveTypeA(const char* root) {
+    struct stat st;
+    if (root == nullptr || stat(root, &st) != 0) return DRIVE_NO_ROOT_DIR;
+    sysfiles::MountEntry m;
+    if (!findMount(root, &m)) return DRIVE_UNKNOWN;
+    const std::string& t = m.type;
+    if (t == "tmpfs" || t == "ramfs") return DRIVE_RAMDISK;
+    if (t == "iso9660" || t == "udf") return DRIVE_CDROM;
+    for (const char* remote : {"nfs", "nfs4", "cifs", "smb3", "smbfs", "ceph", "9p", "afs",
+                               "fuse.sshfs", "glusterfs", "lustre"})
+        if (t == remote) return DRIVE_REMOTE;
+    // A partition's removable flag is its disk's: the directory above it in /sys.
+    const std::string dev =
+        sysfiles::Path("/sys/dev/block/") + std::to_string(m.major) + ":" + std::to_string(m.minor);
+    char flag[16];
+    if (sysfiles::ReadWhole(dev + "/removable", flag, sizeof flag) <= 0) {
+        char resolved[PATH_MAX];
+        if (realpath(dev.c_str(), resolved) == nullptr ||
+            sysfiles::ReadWhole(std::string(resolved) + "/../removable", flag, sizeof flag) <= 0)
+            flag[0] = '0';
+    }
+    return flag[0] == '1' ? DRIVE_REMOVABLE : DRIVE_FIXED;
+}
+
+Uint32 GetLogicalDriveStringsA(Uint32 size, char* buffer) {
+    std::string table;
+    if (!sysfiles::ReadText(sysfiles::Path("/proc/self/mountinfo"), &table)) {
+        SetLastErrorFromErrno();
+        return 0;
+    }
+    std::string list;  // the names, each with its NUL
+    size_t pos = 0;
+    bool full = false;
+    while (pos < table.size() && !full) {
+        size_t end = table.find('\n', pos);
+        if (end == std::string::npos) end = table.size();
+        sysfiles::MountEntry m;
+        const bool ok =
+            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
+        pos = end + 1;
+        if (!ok || sysfiles::IsPseudoFileSystem(m.type) || m.mountPoint.empty()) continue;
+        // A point mounted over again is listed once.
+        bool again = false;
+        for (size_t at = 0; at < list.size(); at += strlen(list.c_str() + at) + 1)
+            if (m.mountPoint == list.c_str() + at) again = true;
+        if (again) continue;
+        if (buffer == nullptr || list.size() + m.mountPoint.size() + 2 > size) {
+            full = true;
+            break;
+        }
+        list.append(m.mountPoint).push_back(0);
+    }
+    if (buffer == nullptr || size == 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    memcpy(buffer, list.data(), list.size());
+    buffer[list.size()] = 0;
+    return static_cast<Uint32>(list.size());
 }
 
 // ---- processor load
