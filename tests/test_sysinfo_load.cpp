@@ -188,7 +188,7 @@ TEST_F(Load, CounterPathsNameThisMachineAndTheProcessorObject) {
     for (const auto& k : cases)
         EXPECT_EQ(PdhAddCounterA(q, k.path.c_str(), 0, &c), k.status) << k.path;
     EXPECT_EQ(PdhCloseQuery(q), 0u);
-    EXPECT_EQ(PdhCollectQueryData(q), PDH_INVALID_HANDLE);  // closed
+    EXPECT_EQ(PdhCollectQueryData(nullptr), PDH_INVALID_HANDLE);
     EXPECT_EQ(PdhOpenQueryA("a log file", 0, &q), PDH_INVALID_ARGUMENT);
 }
 
