@@ -48,4 +48,10 @@
 #include "zeptsd.h"
 // trace: end
 
+// ipc-sync: begin
+#include "zepipcsemaphore.h"
+#include "zepipcqueue.h"
+#include "zepipcwaitpost.h"
+// ipc-sync: end
+
 #endif
