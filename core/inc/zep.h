@@ -48,6 +48,12 @@
 #include "zeptsd.h"
 // trace: end
 
+// ipc-sync: begin
+#include "zepipcsemaphore.h"
+#include "zepipcqueue.h"
+#include "zepipcwaitpost.h"
+// ipc-sync: end
+
 // crash: begin
 #include "zepstack.h"
 #include "zeptrap.h"
