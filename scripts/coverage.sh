@@ -31,8 +31,11 @@ if [ $report_only = 0 ]; then
   mkdir -p "$build/profiles"
   # %4m: a pool of four files per binary, merged online, so that forked and spawned processes
   # of one binary don't overwrite each other's counts.
+  # The profile runtime puts a variable of its own into a child's environment, which the test of
+  # an exact environment block sees.
   LLVM_PROFILE_FILE="$PWD/$build/profiles/%4m.profraw" \
-    ctest --test-dir "$build" -j "$(nproc)" --output-on-failure -E install_and_consume || true
+    ctest --test-dir "$build" -j "$(nproc)" --output-on-failure \
+    -E '^(install_and_consume|Process\.EnvironmentBlockAndDescriptors)$' || true
 fi
 "$profdata" merge -sparse "$build"/profiles/*.profraw -o "$build/zep.profdata"
 
@@ -62,7 +65,9 @@ families = [
     ("allocator, memory debugger", r"^core/.*/zep(alloc|memory|memdbg)"),
     ("atomics, latches", r"^core/.*/zep(atomic|latch)"),
     ("time", r"^core/.*/zeptime"),
-    ("files", r"^core/.*/zep(h?file|primfile)"),
+    ("files, directories", r"^core/.*/zep(h?file|primfile|dir)"),
+    ("threads, processes, libraries", r"^core/.*/zep(thread|process|library)"),
+    ("system information", r"^core/.*/zep(sysinfo|cpu)"),
     ("thread-specific data", r"^core/.*/zeptsd"),
     ("numerics", r"^core/.*/zep(int128|dec|numconv|text)"),
     ("OS layer", r"^posix/"),
@@ -97,7 +102,8 @@ def line(name, t):
 print(f"{'family':30} {'lines':>20} {'branches':>20}")
 for name, _ in families:
     if name in rows: line(name, rows.pop(name))
-for name in sorted(rows): line(name, rows[name])
+for name in sorted(rows):
+    if rows[name][1]: line(name, rows[name])
 print()
 for name in ("core/", "posix/", "tools/", "all"):
     if name in dirs: line(name, dirs[name])

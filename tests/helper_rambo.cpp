@@ -25,6 +25,7 @@
 
 #include "rambo_consumer.h"
 #include "zep.h"
+#include "zeptest_stress.h"
 
 namespace {
 
@@ -282,7 +283,7 @@ int consume(const char* path) {
 int main(int argc, char** argv) {
     if (argc < 4) return 2;
     // A writer left waiting for a consumer that died must not outlive the test.
-    alarm(300);
+    alarm(300 * zeptestStress());
     const int fd = atoi(argv[2]);
     const off_t size = lseek(fd, 0, SEEK_END);
     void* p = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);

@@ -228,22 +228,6 @@ TEST(Area, BestFitTakesTheOlderOfEqualPieces) {
     EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 120}}));
 }
 
-TEST(Area, MergingInEveryOrder) {
-    // Three neighbours and a fourth that stays, so the ends matter: every order of freeing
-    // the three gives one piece.
-    std::vector<int> order = {0, 1, 2};
-    do {
-        Area a(16 + 12 * 10);
-        void* blocks[3] = {a.alloc(24), a.alloc(36), a.alloc(12)};
-        void* last = a.alloc(48);
-        const Uint32 sizes[3] = {24, 36, 12};
-        for (int i : order) a.release(blocks[i], sizes[i]);
-        EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 72}})) << order[0] << order[1] << order[2];
-        a.release(last, 48);
-        EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 120}}));
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
 // The model: the blocks handed out. The free list must be exactly the gaps between them, each
 // gap one piece; an allocation must take the last piece of the list that fits.
 TEST(Area, RandomUseAgainstAModel) {

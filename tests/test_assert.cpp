@@ -22,20 +22,12 @@
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_util.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+using zeptest::exists;
+using zeptest::slurp;
 
 std::string threadFile(const std::string& dir) {
     return dir + "/p" + std::to_string(getpid()) + "t" + std::to_string(gettid()) + ".mem";
@@ -75,19 +67,15 @@ std::string dumpOf(const void* data, Uint32 length) {
 class Assert : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/zepassertXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
         unsetenv("ZEP_DEBUG_LOG_FILE");
         zepSetAssertionCallback(nullptr);
     }
     void TearDown() override {
         unsetenv("ZEP_DEBUG_LOG_FILE");
         zepSetAssertionCallback(nullptr);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
     }
-    std::string dir_;
+    zeptest::TempDir temp_{"zepassert"};
+    const std::string dir_ = temp_.path;
 };
 
 TEST_F(Assert, HeadAndPairsInTheDebugLogFile) {

@@ -20,11 +20,15 @@
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_util.h"
 #include "zepos.h"
 
 extern char** environ;
 
 namespace {
+
+using zeptest::spawnHelper;
+using zeptest::waitExit;
 
 std::mutex g_sleepMutex;
 std::atomic<bool> g_recording{false};
@@ -89,33 +93,6 @@ std::string lockText(Uint8 byte, Uint32* rc, Uint32 size = 64) {
     *rc = zepLockToString(&lock, buf, size);
     EXPECT_EQ(lock, byte);
     return std::string(buf);
-}
-
-// Starts a helper program with extra environment entries; its pid.
-pid_t spawnHelper(const char* name, std::vector<std::string> args,
-                  std::vector<std::string> env = {}, int stdoutFd = -1) {
-    std::string path = std::string(ZEP_TEST_BIN_DIR) + "/" + name;
-    args.insert(args.begin(), path);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (char** e = environ; *e; ++e) env.push_back(*e);
-    std::vector<char*> envp;
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
-    pid_t pid = -1;
-    EXPECT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int waitExit(pid_t pid) {
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // What helper_tick's start-up pass chose on the processor the environment describes.

@@ -16,25 +16,23 @@
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_util.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+using zeptest::exists;
+using zeptest::slurp;
 
 Uint32 word(const void* p, long offset) {
     Uint32 w;
     memcpy(&w, static_cast<const char*>(p) + offset, 4);
     return w;
+}
+// `count` words from `offset` on.
+std::vector<Uint32> words(const void* p, long offset, int count) {
+    std::vector<Uint32> out;
+    for (int i = 0; i < count; ++i) out.push_back(word(p, offset + 4 * i));
+    return out;
 }
 Uint64 unit(const void* p, long offset) {
     Uint64 u;
@@ -49,38 +47,18 @@ void collect(String expression, String, Uint32, String, Bool fatal, const ZEPAss
     g_findings.push_back(expression);
 }
 
-// Runs helper_memdbg with ZEPEMEMDBG set to `value` (unset for null); returns its standard
-// output and stores its exit status.
+// Runs helper_memdbg with ZEPEMEMDBG set to `value` (unset for null); its standard output, its
+// exit status in `status`.
 std::string runHelper(const char* value, const std::vector<std::string>& args, int* status,
                       const std::string& cwd = "") {
-    int out[2];
-    if (pipe(out) != 0) return "";
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        close(out[0]);
-        close(out[1]);
-        if (value)
-            setenv("ZEPEMEMDBG", value, 1);
-        else
-            unsetenv("ZEPEMEMDBG");
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-        std::string path = std::string(ZEP_TEST_BIN_DIR) + "/helper_memdbg";
-        std::vector<char*> argv{const_cast<char*>(path.c_str())};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(path.c_str(), argv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    std::string text;
-    char buffer[1024];
-    ssize_t n;
-    while ((n = read(out[0], buffer, sizeof buffer)) > 0)
-        text.append(buffer, static_cast<size_t>(n));
-    close(out[0]);
-    waitpid(pid, status, 0);
-    return text;
+    const char* saved = getenv("ZEPEMEMDBG");
+    const std::string keep = saved ? saved : "";
+    unsetenv("ZEPEMEMDBG");
+    std::vector<std::string> env;
+    if (value) env.push_back(std::string("ZEPEMEMDBG=") + value);
+    std::string out = zeptest::runHelper("helper_memdbg", args, env, status, cwd);
+    if (saved) setenv("ZEPEMEMDBG", keep.c_str(), 1);
+    return out;
 }
 
 class MemDbg : public ::testing::Test {
@@ -130,14 +108,9 @@ TEST_F(MemDbg, IdleLayout) {
     char* p = static_cast<char*>(alloc(13, ZEP_MEM_MARK, "x\\y/ab", 21));
     // The heap block starts 32 bytes in front: four words, then the header.
     EXPECT_GE(malloc_usable_size(p - 32), 16u + 16u + 16u);
-    EXPECT_EQ(word(p, -32), 0u);
-    EXPECT_EQ(word(p, -28), 0u);
-    EXPECT_EQ(word(p, -24), 13u);
-    EXPECT_EQ(word(p, -20), ZEP_MEMDBG_IDLE);
-    EXPECT_EQ(word(p, -16), ZEP_MEM_EYECATCHER_MARKED);
-    EXPECT_EQ(word(p, -12), 13u);
-    EXPECT_EQ(word(p, -8), 0x6162u);  // the hash of the base name "ab"
-    EXPECT_EQ(word(p, -4), 21u);
+    // The hash is of the base name "ab".
+    EXPECT_EQ(words(p, -32, 8), (std::vector<Uint32>{0, 0, 13, ZEP_MEMDBG_IDLE,
+                                                     ZEP_MEM_EYECATCHER_MARKED, 13, 0x6162, 21}));
     EXPECT_EQ(_zepMemAllocCheck(reinterpret_cast<void**>(&p), "c", 1, 0), 13u);
     EXPECT_EQ(release(p), Findings{});
     // Freed and held back: the marks of a freed block, nothing given to the heap yet.
@@ -149,11 +122,8 @@ TEST_F(MemDbg, LightLayout) {
     ASSERT_EQ(zepMemSetDebug(0, ZEP_MEMDBG_LIGHT, 0, 0), 0u);
     char* p = static_cast<char*>(alloc(13, 0, "abcdefg", 8));
     EXPECT_GE(malloc_usable_size(p - 32), 16u + 16u + 16u + 16u);
-    EXPECT_EQ(word(p, -32), ZEP_MEMDBG_PAD_LOW);
-    EXPECT_EQ(word(p, -28), ZEP_MEMDBG_PAD_HIGH);
-    EXPECT_EQ(word(p, -24), 13u);
-    EXPECT_EQ(word(p, -20), ZEP_MEMDBG_LIGHT);
-    EXPECT_EQ(word(p, -16), ZEP_MEM_EYECATCHER);
+    EXPECT_EQ(words(p, -32, 5), (std::vector<Uint32>{ZEP_MEMDBG_PAD_LOW, ZEP_MEMDBG_PAD_HIGH, 13,
+                                                     ZEP_MEMDBG_LIGHT, ZEP_MEM_EYECATCHER}));
     EXPECT_EQ(word(p, -8), 0x2DABC9E3u);
     for (int i = 13; i < 16; ++i) EXPECT_EQ(static_cast<Uint8>(p[i]), 0xCCu) << i;
     EXPECT_EQ(memcmp(p + 16, p - 32, 16), 0);  // the back copy of the four words
@@ -345,7 +315,7 @@ TEST_F(MemDbg, ToggleAfterAllocation) {
 TEST_F(MemDbg, ModeZeroInAFreshProcess) {
     int status = 0;
     std::string out = runHelper(nullptr, {"mode0"}, &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << out;
+    ASSERT_EQ(status, 0) << out;
     // No pads: the header alone in front of the address, the check answers all ones, and once a
     // block exists the mode can't leave 0 (but the flags given are taken).
     EXPECT_EQ(out, "header=A5C3D7E0,13,00006162,77 check=FFFFFFFF toggle=90000079 fill=FF\n");
@@ -525,21 +495,18 @@ TEST(MemDbgStartup, Forms) {
         {"no/such,IDLE", "mode=1D1EC0DE cb=null path=[no/such] ffdc=0 report=0\n"},
         {"", "mode=1D1EC0DE cb=null path=[] ffdc=0 report=0\n"},
     };
-    char tmpl[] = "/tmp/zepformsXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    zeptest::TempDir dir("zepforms");
     for (const Case& c : cases) {
         // Run where "no/such" and "FULL" don't exist as directories: no log file is left behind.
-        std::string out = runHelper(c.value, {"state"}, &status, tmpl);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << (c.value ? c.value : "unset");
-        EXPECT_EQ(out, c.state) << (c.value ? c.value : "unset");
+        const char* shown = c.value ? c.value : "unset";
+        EXPECT_EQ(runHelper(c.value, {"state"}, &status, dir.path), c.state) << shown;
+        EXPECT_EQ(status, 0) << shown;
     }
-    rmdir(tmpl);
 }
 
 TEST(MemDbgStartup, DebugLogTexts) {
-    char tmpl[] = "/tmp/zepdbglogXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string dir = tmpl, log = dir + "/zepememdbg.log";
+    zeptest::TempDir temp("zepdbglog");
+    const std::string dir = temp.path, log = temp / "zepememdbg.log";
     int status;
     // Valid: appended, the level as given.
     std::string value = dir + ",leaks";
@@ -572,17 +539,14 @@ TEST(MemDbgStartup, DebugLogTexts) {
                   "\nInvalid ZEPEMEMDBG string detected.\n\nUsage : export "
                   "ZEPEMEMDBG=<PATH>,<LEVEL>\n   where <PATH> is the path to store "
                   "zepememdbg.log\n         <LEVEL> is one of the ZEPFULL, LIGHT, or IDLE\n\n");
-    std::string cmd = "rm -rf '" + dir + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(MemDbgStartup, LeakingProgramLeavesItsFiles) {
-    char tmpl[] = "/tmp/zepleaksXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string dir = tmpl;
+    zeptest::TempDir temp("zepleaks");
+    const std::string dir = temp.path;
     int status;
     std::string out = runHelper((dir + ",LEAKS").c_str(), {"leaks"}, &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_EQ(status, 0);
     unsigned pid = 0, tid = 0, lineA = 0, lineB = 0;
     ASSERT_EQ(sscanf(out.c_str(), "%u %u %u %u", &pid, &tid, &lineA, &lineB), 4) << out;
     const std::string stem = dir + "/p" + std::to_string(pid) + "t" + std::to_string(tid);
@@ -608,17 +572,14 @@ TEST(MemDbgStartup, LeakingProgramLeavesItsFiles) {
                             " File: helper_memdbg.cpp"),
               std::string::npos)
         << lines[1];
-    std::string cmd = "rm -rf '" + dir + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(MemDbgStartup, TerminateTwiceWritesTwice) {
-    char tmpl[] = "/tmp/zepterminateXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string dir = tmpl;
+    zeptest::TempDir temp("zepterminate");
+    const std::string dir = temp.path;
     int status;
     std::string out = runHelper((dir + ",ALL").c_str(), {"terminate"}, &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_EQ(status, 0);
     unsigned pid = 0, tid = 0;
     ASSERT_EQ(sscanf(out.c_str(), "%u %u", &pid, &tid), 2);
     std::string leaks =
@@ -636,8 +597,6 @@ TEST(MemDbgStartup, TerminateTwiceWritesTwice) {
     while (fgets(name, sizeof name, ls)) listing += name;
     pclose(ls);
     EXPECT_EQ(listing, "zepememdbg.log\n");
-    cmd = "rm -rf '" + dir + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
 }
 
 }  // namespace

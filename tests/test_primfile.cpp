@@ -12,35 +12,19 @@
 #include <string>
 
 #include "zep.h"
+#include "zeptest_util.h"
 #include "zepos.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+using zeptest::exists;
+using zeptest::slurp;
 
 class PrimFile : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/zepprimXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
-    }
-    std::string at(const char* name) { return dir_ + "/" + name; }
-    std::string dir_;
+    std::string at(const char* name) { return temp_ / name; }
+    zeptest::TempDir temp_{"zepprim"};
+    const std::string dir_ = temp_.path;
 };
 
 TEST_F(PrimFile, NeverOpened) {

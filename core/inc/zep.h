@@ -48,4 +48,15 @@
 #include "zeptsd.h"
 // trace: end
 
+// ipc-sync: begin
+#include "zepipcsemaphore.h"
+#include "zepipcqueue.h"
+#include "zepipcwaitpost.h"
+// ipc-sync: end
+
+// crash: begin
+#include "zepstack.h"
+#include "zeptrap.h"
+// crash: end
+
 #endif

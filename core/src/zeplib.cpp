@@ -1,6 +1,7 @@
 // zeplib.cpp - lifecycle calls and identities.
 #include "zeplib.h"
 #include "zepmemdbg.h"
+#include "zepstack.h"
 
 #include "zepos.h"
 
@@ -9,6 +10,7 @@ Uint32 vrnzThisIsAVRNLibrary = 0;
 void zepOneTimeOnly(void) {}
 
 void zepTerminate(void) {
+    zepFreeSymDLL();
     if (zepMemIsMemFFDCAndZEPeMemDebugPathSet()) zepMemAllocList(1);
 }
 

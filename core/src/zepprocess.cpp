@@ -5,24 +5,7 @@
 #include <string.h>
 
 #include "zepframe.h"
-
-#if __has_include("zepipc.h")
 #include "zepipc.h"
-#else
-// Stand-in until the IPC family's security attributes are in: the attributes it will give
-// without an override (everyone, inherited). Goes away with the include above.
-struct SECURITY_ATTRIBUTES {
-    Uint32 nLength;
-    void* lpSecurityDescriptor;
-    Sint32 bInheritHandle;
-};
-static Uint32 zepInitSecurityAttributes(void*, SECURITY_ATTRIBUTES* attributes) {
-    attributes->nLength = sizeof(SECURITY_ATTRIBUTES);
-    attributes->lpSecurityDescriptor = nullptr;
-    attributes->bInheritHandle = 1;
-    return 0;
-}
-#endif
 
 namespace {
 

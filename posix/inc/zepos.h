@@ -119,6 +119,8 @@ BOOL MoveFileA(const char* existingName, const char* newName);
 #include "zepos_ipc.h"
 #include "zepos_exec.h"
 #include "zepos_path.h"
+#include "zepos_sync.h"
+#include "zepos_sym.h"
 
 #pragma GCC visibility pop
 

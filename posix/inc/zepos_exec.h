@@ -3,7 +3,7 @@
 // dynamic loader (LoadLibraryExA, GetProcAddress, FreeLibrary). docs/process.md says how each
 // maps to Linux; the contracts callers rely on are here.
 //
-// Threads. A thread is a POSIX thread, detached from the start: its handle (kind
+// Threads. A thread is a POSIX thread, detached once it is made: its handle (kind
 // HANDLE_KIND_THREAD) is what waits for it, through WaitForSingleObject, which returns once the
 // start routine has returned or the thread has called _endthreadex. The handle and the thread
 // each keep the record alive, so a handle may be closed while the thread runs and a thread may

@@ -53,8 +53,11 @@ Sint64 deadlineFor(Uint32 milliseconds) {
     return milliseconds == INFINITE ? -1 : nowMs() + milliseconds;
 }
 
-// Waits until *word is non-zero or the deadline passes; true if it became non-zero.
-bool waitNonZero(Uint32* word, Sint64 deadline) {
+// Waits until *word is non-zero or the deadline passes; true if it became non-zero. A waiter
+// that is about to sleep says so in *sleepers first, and the setter of the word wakes only when
+// someone has (setNonZero): both sides store, then read the other's word, in one total order,
+// so at least one of them sees the other.
+bool waitNonZero(Uint32* word, Sint64 deadline, Uint32* sleepers) {
     // A thread that is about to end usually does so within a few microseconds: spin briefly
     // before sleeping in the kernel.
     for (int i = 0; i < 200; ++i) {
@@ -65,9 +68,16 @@ bool waitNonZero(Uint32* word, Sint64 deadline) {
         if (__atomic_load_n(word, __ATOMIC_ACQUIRE) != 0) return true;
         int left = leftMs(deadline);
         if (left == 0) return false;
+        __atomic_store_n(sleepers, 1u, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(word, __ATOMIC_SEQ_CST) != 0) return true;
         struct timespec ts = {left / 1000, (left % 1000) * 1000000L};
         futexWait(word, 0, left < 0 ? nullptr : &ts);
     }
+}
+
+void setNonZero(Uint32* word, Uint32 value, Uint32* sleepers) {
+    __atomic_store_n(word, value, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(sleepers, __ATOMIC_SEQ_CST) != 0) futexWake(word);
 }
 
 // ---- threads
@@ -76,9 +86,10 @@ struct ThreadRecord {
     HandleRecord head;
     THREAD_START_ROUTINE start;
     void* arg;
-    Uint32 tid;   // 0 until the thread has told its identifier
-    Uint32 done;  // 1 once the thread has ended
-    Uint32 refs;  // the handle's and the thread's
+    Uint32 tid;       // 0 until the thread has told its identifier
+    Uint32 done;      // 1 once the thread has ended
+    Uint32 sleepers;  // non-zero once someone has slept on tid or done
+    Uint32 refs;      // the handle's and the thread's
     Uint32 exitCode;
 };
 
@@ -91,26 +102,26 @@ void releaseThread(ThreadRecord* r) {
 void finishThread(ThreadRecord* r, Uint32 exitCode) {
     t_current = nullptr;
     r->exitCode = exitCode;
-    __atomic_store_n(&r->done, 1, __ATOMIC_RELEASE);
-    futexWake(&r->done);
+    setNonZero(&r->done, 1, &r->sleepers);
     releaseThread(r);
 }
 
-// A thread that leaves by pthread_exit, around _endthreadex, still ends for its waiters.
-struct ThreadEndGuard {
-    ~ThreadEndGuard() {
-        if (ThreadRecord* r = t_current) finishThread(r, 0);
+// A thread that leaves by pthread_exit, around _endthreadex, is still seen to end: the C
+// library's unwinding runs this destructor.
+struct ThreadEnd {
+    ThreadRecord* r;
+    ~ThreadEnd() {
+        if (t_current == r) finishThread(r, 0);
     }
 };
-thread_local ThreadEndGuard t_endGuard;
 
 void* threadEntry(void* p) {
     ThreadRecord* r = static_cast<ThreadRecord*>(p);
-    __atomic_store_n(&r->tid, GetCurrentThreadId(), __ATOMIC_RELEASE);
-    futexWake(&r->tid);
-    (void)&t_endGuard;
+    setNonZero(&r->tid, GetCurrentThreadId(), &r->sleepers);
     t_current = r;
-    finishThread(r, r->start(r->arg));
+    ThreadEnd end{r};
+    const Uint32 code = r->start(r->arg);
+    if (t_current == r) finishThread(r, code);
     return nullptr;
 }
 
@@ -123,7 +134,8 @@ Uint32 waitThread(HandleRecord* h, Uint32 milliseconds) {
     ThreadRecord* r = reinterpret_cast<ThreadRecord*>(h);
     if (__atomic_load_n(&r->done, __ATOMIC_ACQUIRE)) return WAIT_OBJECT_0;
     if (milliseconds == 0) return WAIT_TIMEOUT;
-    return waitNonZero(&r->done, deadlineFor(milliseconds)) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    return waitNonZero(&r->done, deadlineFor(milliseconds), &r->sleepers) ? WAIT_OBJECT_0
+                                                                          : WAIT_TIMEOUT;
 }
 
 // The least stack a thread is given. The C library's own minimum leaves no room for the static
@@ -492,7 +504,6 @@ HANDLE _beginthreadex(void*, Uint32 stackSize, THREAD_START_ROUTINE start, void*
 
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     if (stackSize != 0) {
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         size_t bytes = stackSize < minimumStack() ? minimumStack() : stackSize;
@@ -515,9 +526,21 @@ HANDLE _beginthreadex(void*, Uint32 stackSize, THREAD_START_ROUTINE start, void*
         SetLastError(err == EAGAIN ? ERROR_NOT_ENOUGH_MEMORY : TranslateErrno(err));
         return nullptr;
     }
-    // The identifier is the kernel's, which only the new thread can tell.
-    waitNonZero(&r->tid, -1);
-    if (threadId != nullptr) *threadId = r->tid;
+    // The identifier is the kernel's. The C library learnt it from the clone and shows it in
+    // the thread's CPU-time clock id, whose encoding is the kernel's: the complement of the id
+    // shifted left by three, and 6 (per thread, scheduler time) in the low bits. The thread is
+    // still joinable here, so its record can be read even if it has already ended; but then the
+    // kernel has cleared the id there, and the one the thread told on its way is waited for.
+    clockid_t clock;
+    Uint32 tid = 0;
+    if (pthread_getcpuclockid(thread, &clock) == 0 && (clock & 7) == 6)
+        tid = static_cast<Uint32>(~(clock >> 3));
+    if (tid == 0) {
+        waitNonZero(&r->tid, -1, &r->sleepers);
+        tid = r->tid;
+    }
+    pthread_detach(thread);
+    if (threadId != nullptr) *threadId = tid;
     return h;
 }
 

@@ -21,4 +21,5 @@ lib=$(ls -d "$work"/prefix/lib*/pkgconfig | head -n 1)
 flags=$(PKG_CONFIG_PATH="$lib" pkg-config --cflags --libs zep)
 c++ -std=c++20 "$src/main.cpp" $flags -o "$work/pc_consumer"
 LD_LIBRARY_PATH="$(dirname "$lib")" "$work/pc_consumer"
-objdump -p "$(dirname "$lib")/libzep.so" | grep -q 'SONAME *libzep.so.1$'
+# grep reads the whole listing: with -q it would leave objdump a closed pipe (SIGPIPE).
+objdump -p "$(dirname "$lib")/libzep.so" | grep 'SONAME *libzep.so.1$' >/dev/null

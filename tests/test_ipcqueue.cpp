@@ -1,0 +1,334 @@
+// ZEPHIPCQueue inside one process: the shared block byte for byte, the ring's sizes, padding and
+// wrap, the failure rows and their records, and the corner cases of the stream (a buffer too
+// small, a time-out or flush inside a message, an empty message behind a full ring). The
+// cross-process runs are in test_ipcqueue_procs.cpp.
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zeptest_capture.h"
+
+namespace {
+
+using namespace zeptest;
+
+double nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
+}
+
+Uint8* ringOf(ZEPIPCQueueHeader* h) {
+    return reinterpret_cast<Uint8*>(h + 1);
+}
+
+// Waits (without a time limit of its own: ctest has one) until a flag of the block is up, and
+// returns the header as it then stands; read under the state latch, as the queue reads it.
+ZEPIPCQueueHeader until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
+    for (;;) {
+        zepLockGet(&h->stateLatch);
+        ZEPIPCQueueHeader now;
+        memcpy(&now, h, sizeof now);
+        zepLockRelease(&h->stateLatch);
+        if (now.*flag != 0) {
+            usleep(2000);  // and the sleeper has gone down onto its semaphore
+            return now;
+        }
+        usleep(200);
+    }
+}
+
+class Queue : public CaptureTest {
+protected:
+    void TearDown() override {
+        for (ZEPHIPCQueue* q : made) {
+            q->destroy();
+            delete q;
+        }
+        CaptureTest::TearDown();
+    }
+    ZEPIPCQueResID idOf(const char* what) {
+        ZEPIPCResIDParam p;
+        const std::string path = "zeptest-queue-" + std::to_string(getpid()) + "-" + what;
+        p.path = path.c_str();
+        p.seed = 40;
+        ZEPIPCQueResID id;
+        EXPECT_EQ(zepIPCGetQueResID(&p, &id), 0u);
+        return id;
+    }
+    ZEPHIPCQueue* make(const char* what, Uint32 queueSize) {
+        ZEPIPCQueueCreateParam c;
+        c.queResID = idOf(what);
+        c.queueSize = queueSize;
+        auto* q = new ZEPHIPCQueue;
+        EXPECT_EQ(q->create(&c), 0u);
+        made.push_back(q);
+        return q;
+    }
+    std::string get(ZEPHIPCQueue* q, Sint32 timeout = -1, Uint32* rc = nullptr) {
+        std::vector<char> b(4096);
+        Uint32 n = 0;
+        const Uint32 r = q->get(b.data(), static_cast<Uint32>(b.size()), &n, timeout);
+        if (rc) {
+            *rc = r;
+        } else {
+            EXPECT_EQ(r, 0u);
+        }
+        return r == 0 ? std::string(b.data(), n) : "<" + std::to_string(r) + ">";
+    }
+    std::vector<ZEPHIPCQueue*> made;
+};
+
+TEST_F(Queue, RingSizesAndAFreshHeader) {
+    const struct {
+        Uint32 asked, ring;
+    } sizes[] = {{0, 4}, {1, 8}, {2, 8}, {3, 8}, {4, 8}, {5, 8}, {10, 12}, {12, 12}, {4097, 4100}};
+    for (const auto& s : sizes) {
+        ZEPHIPCQueue* q = make(("size" + std::to_string(s.asked)).c_str(), s.asked);
+        ASSERT_NE(q->header, nullptr);
+        EXPECT_EQ(q->header->capacity, s.ring) << s.asked;
+        Uint8 rest[20];
+        memcpy(rest, q->header, 20);
+        memset(rest + 4, 0, 4);
+        for (Uint8 b : rest) EXPECT_EQ(b, 0) << s.asked;
+        EXPECT_TRUE(q->isAttached());
+    }
+    EXPECT_EQ(zepGetMaxQueueMessageSize(), 0u);  // no limit known: messages stream
+}
+
+TEST_F(Queue, MessagesInTheRingByteForByte) {
+    ZEPHIPCQueue* q = make("bytes", 10);  // a ring of 12
+    ZEPIPCQueueHeader* h = q->header;
+    memset(ringOf(h), 0xEE, 12);
+
+    // 8 bytes and their length word fill the ring exactly: both offsets back at 0, and only the
+    // not-empty flag says full.
+    ASSERT_EQ(q->put("ABCDEFGH", 8), 0u);
+    const Uint8 full[12] = {8, 0, 0, 0, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'};
+    EXPECT_EQ(memcmp(ringOf(h), full, 12), 0);
+    EXPECT_EQ(h->writeOffset, 0u);
+    EXPECT_EQ(h->readOffset, 0u);
+    EXPECT_EQ(h->notEmpty, 1);
+    EXPECT_TRUE(q->hasMessage());
+    EXPECT_EQ(get(q), "ABCDEFGH");
+    EXPECT_EQ(h->notEmpty, 0);
+    EXPECT_FALSE(q->hasMessage());
+
+    // A length of 5 takes 4 + 8 bytes; the 3 behind the message are skipped, not written.
+    memset(ringOf(h), 0xEE, 12);
+    ASSERT_EQ(q->put("12345", 5), 0u);
+    EXPECT_EQ(h->writeOffset, 0u);  // 12 is the end of the ring
+    const Uint8 five[12] = {5, 0, 0, 0, '1', '2', '3', '4', '5', 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(memcmp(ringOf(h), five, 12), 0);
+    EXPECT_EQ(get(q), "12345");
+
+    // A message of 0 bytes is its length word alone; then one that wraps round the end.
+    ASSERT_EQ(q->put("", 0), 0u);
+    EXPECT_EQ(h->writeOffset, 4u);
+    EXPECT_EQ(get(q), "");
+    EXPECT_EQ(h->readOffset, 4u);
+    ASSERT_EQ(q->put("wxyz", 4), 0u);  // 4..12 holds the length and 4 bytes
+    EXPECT_EQ(get(q), "wxyz");
+    ASSERT_EQ(q->put("ab", 2), 0u);  // at 0: the length and 2 bytes, 2 skipped
+    // The next length word fills the ring (at 8), so its sender sleeps until a get makes room,
+    // and its body then wraps to the start.
+    std::thread sender([&] { EXPECT_EQ(q->put("c", 1), 0u); });
+    EXPECT_EQ(until(h, &ZEPIPCQueueHeader::senderWaiting).writeOffset, 0u);
+    EXPECT_EQ(get(q), "ab");
+    sender.join();
+    EXPECT_EQ(h->writeOffset, 4u);
+    EXPECT_EQ(ringOf(h)[0], 'c');
+    EXPECT_EQ(get(q), "c");
+    EXPECT_EQ(h->readOffset, h->writeOffset);
+    EXPECT_EQ(h->notEmpty, 0);
+}
+
+TEST_F(Queue, FailureRowsAndTheirRecords) {
+    ZEPHIPCQueue* q = make("rows", 64);
+
+    // A poll on an empty queue: an error record at probe 0, no log record.
+    trace(true);
+    calls.clear();
+    Uint32 rc = 0;
+    get(q, 0, &rc);
+    EXPECT_EQ(rc, ECF_QUE_INVALID_MSG_TYPE);
+    int errors = 0;
+    for (const Call& c : calls) {
+        EXPECT_NE(c.what.compare(0, 3, "log"), 0) << c.what;
+        if (c.what == "error" && c.fid == ZEPFN_ZEPHIPCQueue_get) {
+            EXPECT_EQ(c.probe, 0u);
+            ++errors;
+        }
+    }
+    EXPECT_EQ(errors, 1);
+    trace(false);
+
+    // A time-out: one zepLog record at probe 80, level 4, after the time and not long after.
+    calls.clear();
+    const double t0 = nowMs();
+    get(q, 50, &rc);
+    const double took = nowMs() - t0;
+    EXPECT_EQ(rc, ECF_TIMEOUT);
+    EXPECT_GE(took, 50.0);
+    EXPECT_LT(took, 5000.0);
+    EXPECT_EQ(theLog(ZEPFN_ZEPHIPCQueue_get, 80, ECF_TIMEOUT).what, "log");
+    ASSERT_EQ(q->put("later", 5), 0u);
+    EXPECT_EQ(get(q, 50), "later");
+
+    // A buffer too small: the message stays at the head, its length handed back.
+    ASSERT_EQ(q->put("0123456789", 10), 0u);
+    const Uint32 before = q->header->readOffset;
+    calls.clear();
+    char small[4];
+    Uint32 n = 0;
+    EXPECT_EQ(q->get(small, sizeof small, &n, -1), ECF_QUE_MSG_TOO_BIG);
+    EXPECT_EQ(n, 10u);
+    const Call& big = theLog(ZEPFN_ZEPHIPCQueue_get, 100, ECF_QUE_MSG_TOO_BIG);
+    EXPECT_EQ(big.what, "logrc");
+    ASSERT_EQ(big.items.size(), 2u);
+    EXPECT_EQ(valueOf<Uint32>(big.items[0]), 10u);
+    EXPECT_EQ(valueOf<Uint32>(big.items[1]), 4u);
+    EXPECT_EQ(q->header->readOffset, before);
+    EXPECT_EQ(get(q), "0123456789");
+
+    // Parameter checks, and a queue that isn't there.
+    calls.clear();
+    ZEPHIPCQueue other;
+    EXPECT_EQ(other.create(nullptr), ECF_INVALID_PARAMETER);
+    theLog(ZEPFN_ZEPHIPCQueue_create, 1111, ECF_INVALID_PARAMETER, ZEP_LOG_ERROR);
+    ZEPIPCQueResID missing = idOf("missing");
+    calls.clear();
+    EXPECT_EQ(other.attach(&missing), ECF_QUE_DOESNT_EXIST);
+    int at40 = 0;
+    for (const Call& c : calls)
+        if (c.fid == ZEPFN_ZEPHIPCQueue_attach && c.what == "logrc") {
+            EXPECT_EQ(c.probe, 40u);
+            EXPECT_EQ(c.code, ECF_QUE_DOESNT_EXIST);
+            ++at40;
+        }
+    EXPECT_EQ(at40, 1);
+    EXPECT_FALSE(other.isAttached());
+
+    // Only the memory attached is not attached.
+    ZEPIPCQueResID id = idOf("rows");
+    ASSERT_EQ(other.memory.attach(&id.memory, nullptr), 0u);
+    EXPECT_FALSE(other.isAttached());
+    ASSERT_EQ(other.memory.detach(), 0u);
+    ASSERT_EQ(other.attach(&id), 0u);
+    EXPECT_TRUE(other.isAttached());
+    ASSERT_EQ(other.put("shared", 6), 0u);
+    EXPECT_EQ(get(q), "shared");
+    EXPECT_EQ(other.detach(), 0u);
+    EXPECT_EQ(other.header, nullptr);
+    EXPECT_FALSE(other.isAttached());
+}
+
+TEST_F(Queue, LongerThanTheRingAndTheSmallestRing) {
+    for (Uint32 size : {0u, 8u}) {  // rings of 4 and 8 bytes
+        ZEPHIPCQueue* q = make(("stream" + std::to_string(size)).c_str(), size);
+        std::string m;
+        for (int i = 0; i < 3000; ++i) m += static_cast<char>('a' + i % 26);
+        std::thread sender([&] {
+            for (Uint32 len : {0u, 1u, 3u, 4u, 5u, 1000u, 3000u})
+                EXPECT_EQ(q->put(m.data(), len), 0u);
+        });
+        for (Uint32 len : {0u, 1u, 3u, 4u, 5u, 1000u, 3000u}) EXPECT_EQ(get(q), m.substr(0, len));
+        sender.join();
+        EXPECT_FALSE(q->hasMessage());
+    }
+}
+
+TEST_F(Queue, HasMessageWhileTheBodyStreams) {
+    ZEPHIPCQueue* q = make("streaming", 0);  // the length word fills the ring
+    std::thread sender([&] { EXPECT_EQ(q->put("body", 4), 0u); });
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
+    EXPECT_TRUE(q->hasMessage());
+    EXPECT_EQ(get(q), "body");
+    sender.join();
+}
+
+TEST_F(Queue, EmptyMessagesBehindAFullRing) {
+    // In a ring of 4 the length word of an empty message fills it, and its sender sleeps for
+    // room; the get of that message must wake it, though it copies no body.
+    ZEPHIPCQueue* q = make("empty", 0);
+    std::thread a([&] { EXPECT_EQ(q->put("", 0), 0u); });
+    std::thread b([&] { EXPECT_EQ(q->put("", 0), 0u); });
+    EXPECT_EQ(get(q, 5000), "");
+    EXPECT_EQ(get(q, 5000), "");
+    a.join();
+    b.join();
+    EXPECT_FALSE(q->hasMessage());
+}
+
+TEST_F(Queue, FlushWakesASenderAndDropsAMessageInTransfer) {
+    ZEPHIPCQueue* q = make("flush", 8);
+    calls.clear();
+    EXPECT_EQ(q->flush(), 0u);  // empty, nobody asleep: nothing posted
+    EXPECT_TRUE(calls.empty());
+
+    // A sender asleep for room behind a full ring finds it empty after the flush and goes on.
+    ASSERT_EQ(q->put("1234", 4), 0u);
+    std::thread s1([&] { EXPECT_EQ(q->put("next", 4), 0u); });
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
+    ASSERT_EQ(q->flush(), 0u);
+    s1.join();
+    EXPECT_EQ(get(q), "next");
+
+    // A sender in mid-message: the flush took its head, so it stops streaming and succeeds.
+    std::thread s2([&] { EXPECT_EQ(q->put("0123456789abcdefghij", 20), 0u); });
+    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
+    ASSERT_EQ(q->flush(), 0u);
+    s2.join();
+    EXPECT_FALSE(q->hasMessage());
+    ASSERT_EQ(q->put("four", 4), 0u);
+    EXPECT_EQ(get(q), "four");
+}
+
+// A sender stalled in mid-message, made by hand: it holds the send latch and has put a length
+// word of 20 and 4 bytes of body into the ring.
+void stalledSender(ZEPIPCQueueHeader* h) {
+    zepLockGet(&h->sendLatch);
+    zepLockGet(&h->stateLatch);
+    const Uint8 head[8] = {20, 0, 0, 0, 'x', 'x', 'x', 'x'};
+    memcpy(ringOf(h) + h->writeOffset, head, 8);
+    h->writeOffset = (h->writeOffset + 8) % h->capacity;
+    h->notEmpty = 1;
+    zepLockRelease(&h->stateLatch);
+}
+
+TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
+    ZEPHIPCQueue* q = make("inside", 16);
+    ZEPIPCQueueHeader* h = q->header;
+
+    // Time runs out inside the message: the part in the ring goes, the stall's sender would
+    // see the flush count move, and the next get finds the next whole message.
+    stalledSender(h);
+    const Uint8 flushes = h->flushCount;
+    calls.clear();
+    Uint32 rc = 0;
+    get(q, 30, &rc);
+    EXPECT_EQ(rc, ECF_TIMEOUT);
+    EXPECT_EQ(theLog(ZEPFN_ZEPHIPCQueue_get, 110, ECF_TIMEOUT).what, "log");
+    EXPECT_NE(h->flushCount, flushes);
+    EXPECT_EQ(h->notEmpty, 0);
+    zepLockRelease(&h->sendLatch);
+    ASSERT_EQ(q->put("after", 5), 0u);
+    EXPECT_EQ(get(q, 30), "after");
+
+    // A receiver asleep inside a message that a flush takes away waits for the next one.
+    stalledSender(h);
+    std::string got;
+    std::thread receiver([&] { got = get(q); });
+    until(h, &ZEPIPCQueueHeader::receiverWaiting);
+    ASSERT_EQ(q->flush(), 0u);
+    zepLockRelease(&h->sendLatch);
+    ASSERT_EQ(q->put("fresh", 5), 0u);
+    receiver.join();
+    EXPECT_EQ(got, "fresh");
+}
+
+}  // namespace
