@@ -177,9 +177,10 @@ TEST_F(Zeptrace, MaskWordsRoundTrip) {
 }
 
 TEST_F(Zeptrace, LiveDumpWhileTwoProcessesWriteShowsAndExportsBoth) {
-    create(name_, "--size 1M --on");
-    const pid_t a = spawn({kHelper, name_, "calls", "3000"});
-    const pid_t b = spawn({kHelper, name_, "calls", "3000"});
+    // Room for every record of both writers: the final dump must hold both of them.
+    create(name_, "--size 8M --on");
+    const pid_t a = spawn({kHelper, name_, "calls", "1000"});
+    const pid_t b = spawn({kHelper, name_, "calls", "1000"});
     const std::string live = dir_ + "/live.dump";
     Result r = tool("dump " + name_ + " " + live);
     EXPECT_EQ(r.status, 0) << r.out;
