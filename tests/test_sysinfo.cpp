@@ -71,6 +71,14 @@ class SysInfo : public CaptureTest {};
 
 // ---- the record rules
 
+// A query called with a record of the given stamp, or with none.
+template <typename Record, Uint32 (*Query)(Record*)>
+Uint32 stamped(Uint32 stamp, bool null) {
+    Record r;
+    r.version = stamp;
+    return Query(null ? nullptr : &r);
+}
+
 TEST_F(SysInfo, NullAndOldRecordsAreRefusedAndLogged) {
     struct Case {
         const char* name;
@@ -78,42 +86,12 @@ TEST_F(SysInfo, NullAndOldRecordsAreRefusedAndLogged) {
         Uint32 (*call)(Uint32 stamp, bool null);
     };
     const Case cases[] = {
-        {"cpu", ZEPFN_zepGetCPUInfo,
-         [](Uint32 s, bool n) {
-             ZEPCPUInfo r;
-             r.version = s;
-             return zepGetCPUInfo(n ? nullptr : &r);
-         }},
-        {"mem", ZEPFN_zepGetPhysMemInfo,
-         [](Uint32 s, bool n) {
-             ZEPPhysMemInfo r;
-             r.version = s;
-             return zepGetPhysMemInfo(n ? nullptr : &r);
-         }},
-        {"swap", ZEPFN_zepGetPhysSwapInfo,
-         [](Uint32 s, bool n) {
-             ZEPPhysSwapInfo r;
-             r.version = s;
-             return zepGetPhysSwapInfo(n ? nullptr : &r);
-         }},
-        {"virtual", ZEPFN_zepGetVirtualMemInfo,
-         [](Uint32 s, bool n) {
-             ZEPVirtualMemInfo r;
-             r.version = s;
-             return zepGetVirtualMemInfo(n ? nullptr : &r);
-         }},
-        {"os", ZEPFN_zepGetOSInfo,
-         [](Uint32 s, bool n) {
-             ZEPOSInfo r;
-             r.version = s;
-             return zepGetOSInfo(n ? nullptr : &r);
-         }},
-        {"ipc", ZEPFN_zepGetKernelIPCInfo,
-         [](Uint32 s, bool n) {
-             ZEPKernelIPCInfo r;
-             r.version = s;
-             return zepGetKernelIPCInfo(n ? nullptr : &r);
-         }},
+        {"cpu", ZEPFN_zepGetCPUInfo, stamped<ZEPCPUInfo, zepGetCPUInfo>},
+        {"mem", ZEPFN_zepGetPhysMemInfo, stamped<ZEPPhysMemInfo, zepGetPhysMemInfo>},
+        {"swap", ZEPFN_zepGetPhysSwapInfo, stamped<ZEPPhysSwapInfo, zepGetPhysSwapInfo>},
+        {"virtual", ZEPFN_zepGetVirtualMemInfo, stamped<ZEPVirtualMemInfo, zepGetVirtualMemInfo>},
+        {"os", ZEPFN_zepGetOSInfo, stamped<ZEPOSInfo, zepGetOSInfo>},
+        {"ipc", ZEPFN_zepGetKernelIPCInfo, stamped<ZEPKernelIPCInfo, zepGetKernelIPCInfo>},
         {"sysdir", ZEPFN_zepGetSystemDirectory,
          [](Uint32 s, bool n) {
              ZEPSystemDirectoryParam p;
