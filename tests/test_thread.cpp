@@ -119,6 +119,8 @@ TEST_F(Thread, StateRule) {
     }
     EXPECT_FALSE(t.isCreated());
     EXPECT_EQ(t.handle(), nullptr);
+    // The detached thread writes into w; it must be done before w leaves scope.
+    while (w.runs.load() < 2) usleep(100);
 }
 
 TEST_F(Thread, ParameterChecksAndTrace) {
