@@ -1,5 +1,5 @@
-// zeptest_ipc.h - a helper_ipc process driven line by line, and the look at /dev/shm that tells
-// what the IPC tests left behind.
+// zeptest_ipc.h - the helper_ipc process (one command a line in, answers a line out), the log
+// records of a failure in one line, and the look at /dev/shm that tells what a test left behind.
 #ifndef ZEPTEST_IPC_H
 #define ZEPTEST_IPC_H
 
@@ -7,19 +7,16 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdio.h>
-#include <string.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
+#include "zeptest_capture.h"
 
 namespace zeptest {
 
-// A helper_ipc process: each command is one line in, one line out. Its descriptors beyond the
-// two pipes are closed at exec unless `inherit` asks to keep those that may be inherited, as a
-// process started with inheritance asked would get them.
+// Descriptors beyond the two pipes are closed at exec unless `inherit` keeps the inheritable
+// ones, as a process started with inheritance asked would get them.
 class IpcProc {
 public:
     explicit IpcProc(bool inherit = false) {
@@ -29,74 +26,114 @@ public:
         if (pid_ == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
-            if (!inherit) closefrom_cloexec();
+            for (int fd = 3; !inherit && fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
             execl(ZEP_TEST_BIN_DIR "/helper_ipc", "helper_ipc", static_cast<char*>(nullptr));
             _exit(127);
         }
         close(in[0]);
         close(out[1]);
-        to_ = in[1];
-        from_ = out[0];
+        to_ = in[1], from_ = out[0];
     }
     ~IpcProc() { kill(SIGKILL); }
     IpcProc(const IpcProc&) = delete;
     IpcProc& operator=(const IpcProc&) = delete;
 
-    // Sends a command and returns its answer ("" if none came within the time).
-    std::string run(const std::string& command, int timeoutMs = 20000) {
-        std::string line = command + "\n";
-        if (write(to_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return "";
-        std::string answer;
-        for (;;) {
-            pollfd p{from_, POLLIN, 0};
-            char c;
-            if (poll(&p, 1, timeoutMs) <= 0 || read(from_, &c, 1) != 1) return answer;
-            if (c == '\n') return answer;
-            answer += c;
-        }
+    void send(const std::string& command) {
+        const std::string l = command + "\n";
+        EXPECT_EQ(write(to_, l.data(), l.size()), static_cast<ssize_t>(l.size()));
     }
+    // The next answer, "" if none came within the time.
+    std::string line(int timeoutMs = 120000) {
+        for (size_t nl; (nl = buf_.find('\n')) == std::string::npos;) {
+            pollfd p{from_, POLLIN, 0};
+            char b[256];
+            const ssize_t n = poll(&p, 1, timeoutMs) > 0 ? read(from_, b, sizeof b) : 0;
+            if (n <= 0) return "";
+            buf_.append(b, static_cast<size_t>(n));
+        }
+        const size_t nl = buf_.find('\n');
+        std::string l = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return l;
+    }
+    std::string run(const std::string& command) { return send(command), line(); }
     void kill(int signal) {
-        if (pid_ <= 0) return;
-        ::kill(pid_, signal);
+        if (pid_ > 0) ::kill(pid_, signal);
         reap();
     }
-    // Ends the helper by closing its input and returns its exit status.
-    int finish() {
-        if (to_ >= 0) close(to_), to_ = -1;
-        return reap();
-    }
-    pid_t pid() const { return pid_; }
+    // Ends the helper by closing its input; its exit status.
+    int finish() { return reap(); }
 
 private:
-    static void closefrom_cloexec() {
-        for (int fd = 3; fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
-    }
     int reap() {
+        if (to_ >= 0) close(to_), to_ = -1;
         int status = -1;
         if (pid_ > 0) waitpid(pid_, &status, 0);
-        pid_ = -1;
-        if (to_ >= 0) close(to_), to_ = -1;
         if (from_ >= 0) close(from_), from_ = -1;
+        pid_ = -1;
         return status;
     }
     pid_t pid_ = -1;
     int to_ = -1, from_ = -1;
+    std::string buf_;
 };
 
 // The entries of /dev/shm whose names contain `tag`.
 inline std::vector<std::string> shmEntries(const std::string& tag) {
     std::vector<std::string> found;
-    DIR* d = opendir("/dev/shm");
-    if (d == nullptr) return found;
-    while (dirent* e = readdir(d))
-        if (strstr(e->d_name, tag.c_str()) != nullptr) found.push_back(e->d_name);
-    closedir(d);
+    if (DIR* d = opendir("/dev/shm")) {
+        while (dirent* e = readdir(d))
+            if (strstr(e->d_name, tag.c_str()) != nullptr) found.push_back(e->d_name);
+        closedir(d);
+    }
     return found;
 }
 
 // A tag that keeps the names of this test process apart from any other's.
 inline std::string ipcTag() {
     return "zt" + std::to_string(getpid()) + "x";
+}
+
+// The log records captured, as "KIND PROBE ..." ("logsys 90 log 90"), each checked to carry
+// `code`; the capture emptied for the next step.
+inline std::string logShape(Uint32 code) {
+    std::string out;
+    for (const Call& c : calls)
+        if (c.what.compare(0, 3, "log") == 0) {
+            EXPECT_EQ(c.code, code) << c.what << " " << c.probe;
+            out += (out.empty() ? "" : " ") + c.what + " " + std::to_string(c.probe);
+        }
+    calls.clear();
+    return out;
+}
+
+// A call refused with `code` and its one log record of `fid` at `probe`; the capture emptied.
+inline void refused(Uint32 rc, Uint32 code, Uint32 fid, Uint32 probe,
+                    Uint32 level = ZEP_LOG_ERROR) {
+    EXPECT_EQ(rc, code);
+    theLog(fid, probe, code, level);
+    calls.clear();
+}
+
+// Whether a write through `p` in a forked child ends it with SIGSEGV.
+inline bool writeFaults(volatile char* p) {
+    const pid_t child = fork();
+    if (child == 0) {
+        *p = 1;
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
+}
+
+// A file of `bytes` zeroes mapped shared: the block other processes map by its path.
+inline Uint8* mapFile(const std::string& file, size_t bytes) {
+    const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(bytes)), 0);
+    void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return static_cast<Uint8*>(m);
 }
 
 }  // namespace zeptest
