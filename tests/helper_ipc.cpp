@@ -1,21 +1,19 @@
 // helper_ipc - the other processes of the IPC tests, one command a line on standard input, its
-// answers a line each on standard output. Names of ZEP objects derive from NAME (or PATH) with
-// seed 1; a queue's semaphore and event for "hold" take seeds 10 and 11.
+// answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1 (the
+// semaphore and event of "hold": 10 and 11). "w"/"r" reach the block opened last.
 //
-//   lc KIND NAME BYTES / lo KIND NAME   NamedCreate / NamedOpen -> "ok LASTERROR SLOT BYTES" or
-//                                       "fail LASTERROR"
-//   lw SLOT OFFSET VALUE / lr SLOT OFFSET / lx SLOT   a byte of the block, NamedClose
-//   mc NAME SIZE ADDR / ma NAME ADDR    ZEPHIPCMemory create / attach (ADDR hex) -> "RC ADDRESS"
-//   md / mdd                            its destroy / detach -> "RC"
-//   mw OFFSET VALUE / mr OFFSET         a byte of the memory (or private) block
-//   pa HEX / pd                         a byte copy of a ZEPHIPCPrivateMemory attached; destroy
-//   race NAME CONTROL SECONDS           create/attach/destroy one name -> "done CREATES ATTACHES
-//   BAD" count PATH FILE N                   N times: semaphore wait, +1 to the word in FILE, post
-//   wpread FILE NAME N                  the wait/post with its area at 0 of FILE and 1024 bytes of
-//                                       data at 64: "ready", N polls -> "torn T changes C RC"
-//   send PATH SENDER COUNT MAX / recv PATH   a stream of queue messages -> "sent N SUM" /
-//                                       "got N SUM BAD" (recv ends at a message "STOP")
-//   hold PATH                           queue and semaphore attached, event made -> "ready"
+//   lc KIND NAME BYTES / lo KIND NAME  NamedCreate / NamedOpen -> "ok LASTERROR SLOT BYTES" or
+//                                      "fail LASTERROR";  lx SLOT: NamedClose
+//   mc NAME SIZE ADDR / ma NAME ADDR   ZEPHIPCMemory create / attach (ADDR hex) -> "RC ADDRESS"
+//   md / mdd                           its destroy / detach -> "RC"
+//   pa HEX / pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
+//   w OFFSET VALUE / r OFFSET          a byte of the block -> "ok" / "v VALUE"
+//   race NAME CONTROL SECONDS          create/attach/destroy one name -> "done CREATES ATTACHES
+//   BAD" count PATH FILE N                  N times: semaphore wait, +1 to the word in FILE, post
+//   wpread FILE NAME N                 the wait/post with its area at 0 of FILE, 1024 bytes of data
+//                                      at 64: "ready", N polls -> "torn T changes C RC"
+//   send PATH SENDER N MAX / recv PATH queue messages -> "sent N SUM RC" / "got N SUM BAD RC"
+//   hold PATH                          queue and semaphore attached, event made -> "ready"
 #include <fcntl.h>
 #include <sched.h>
 #include <stdio.h>
@@ -53,6 +51,7 @@ void answerObject(zepos::NamedObject* o) {
     int slot = 0;
     while (s_slots[slot] != nullptr) ++slot;
     s_slots[slot] = o;
+    s_at = static_cast<unsigned char*>(zepos::NamedBlock(o));
     printf("ok %u %d %zu\n", err, slot, zepos::NamedBytes(o));
 }
 
@@ -69,6 +68,7 @@ struct RaceControl {  // the test's block that every racer attaches
     Uint32 holders;  // racers that hold a block, counted after they know its stamp
     Uint64 liveStamp;
     Uint32 violations;
+    Uint32 creates;  // by all racers: they go on past their time until there were 20
 };
 
 // Runs `f` on the control block under its lock.
@@ -93,15 +93,18 @@ void race(const char* name, const char* control, int seconds) {
     unsigned creates = 0, attaches = 0, counter = 0, bad = 0;
     const time_t end = time(nullptr) + seconds;
     srand(static_cast<unsigned>(getpid()));
-    while (time(nullptr) < end) {
-        usleep(static_cast<useconds_t>(rand() % 400));  // so that the name is free now and then
+    while (time(nullptr) < end ||
+           (__atomic_load_n(&c->creates, __ATOMIC_RELAXED) < 20 && time(nullptr) < end + 30)) {
         ZEPHIPCMemory m;
         void* at;
         Uint64 stamp = 0;
         const bool created = m.create(&cp) == 0;
         if (created) {
             stamp = (static_cast<Uint64>(getpid()) << 32) | ++counter;
-            locked(c, [&] { c->violations += c->holders != 0, c->liveStamp = stamp; });
+            locked(c, [&] {
+                c->violations += c->holders != 0, c->liveStamp = stamp, c->holders = 1,
+                                                  ++c->creates;
+            });
             m.getAddress(&at);
             __atomic_store_n(static_cast<Uint64*>(at), stamp, __ATOMIC_RELEASE);
             ++creates;
@@ -109,19 +112,22 @@ void race(const char* name, const char* control, int seconds) {
             m.getAddress(&at);
             while ((stamp = __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE)) == 0)
                 sched_yield();
-            locked(c, [&] { c->violations += c->liveStamp != stamp; });
+            locked(c, [&] { c->violations += c->liveStamp != stamp, ++c->holders; });
             ++attaches;
         } else {
+            usleep(static_cast<useconds_t>(rand() % 400));
             continue;
         }
-        locked(c, [&] { ++c->holders; });
-        for (int i = 0; i < 30; ++i) sched_yield();
+        for (int i = 0; created && i < 50; ++i) sched_yield();
         bad += __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE) != stamp;
         locked(c, [&] { --c->holders; });
         if (created)
             m.destroy();
         else
             m.detach();
+        // Attachers let go at once and pause longer: under load a chain of them would keep the
+        // block for good, and the name must be free now and then.
+        usleep(static_cast<useconds_t>(rand() % (created ? 400 : 3000)));
     }
     ctl.detach();
     printf("done %u %u %u\n", creates, attaches, bad);
@@ -247,41 +253,29 @@ void hold(const char* path) {
 bool command(const char* line) {
     char name[600] = {}, text[4096] = {}, file[600] = {};
     unsigned long a = 0, b = 0, c = 0;
+    void* at = nullptr;
     if (sscanf(line, "lc %lu %599s %lu", &a, name, &b) == 3) {
         answerObject(zepos::NamedCreate(static_cast<zepos::NamedKind>(a), name, b, nullptr, nullptr,
                                         nullptr));
     } else if (sscanf(line, "lo %lu %599s", &a, name) == 2) {
         answerObject(zepos::NamedOpen(static_cast<zepos::NamedKind>(a), name, 0));
-    } else if (sscanf(line, "lw %lu %lu %lu", &a, &b, &c) == 3) {
-        static_cast<unsigned char*>(zepos::NamedBlock(s_slots[a]))[b] =
-            static_cast<unsigned char>(c);
-        printf("ok\n");
-    } else if (sscanf(line, "lr %lu %lu", &a, &b) == 2) {
-        printf("v %u\n", static_cast<unsigned char*>(zepos::NamedBlock(s_slots[a]))[b]);
     } else if (sscanf(line, "lx %lu", &a) == 1) {
         zepos::NamedClose(s_slots[a]);
         s_slots[a] = nullptr;
         printf("ok\n");
-    } else if (sscanf(line, "mc %599s %lu %4095s", name, &a, text) == 3) {
+    } else if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
+               sscanf(line, "ma %599s %p", name, &at) == 2) {
         ZEPIPCMemoryCreateParam p;
-        p.resID = rid(name);
-        p.memorySize = static_cast<Uint32>(a);
-        p.address = reinterpret_cast<void*>(strtoull(text, nullptr, 16));
-        const Uint32 rc = s_memory.create(&p);
-        s_memory.getAddress(reinterpret_cast<void**>(&s_at));
-        printf("%X %p\n", rc, static_cast<void*>(s_at));
-    } else if (sscanf(line, "ma %599s %4095s", name, text) == 2) {
-        const ZEPIPCResID id = rid(name);
-        const Uint32 rc =
-            s_memory.attach(&id, reinterpret_cast<void*>(strtoull(text, nullptr, 16)));
+        p.resID = rid(name), p.memorySize = static_cast<Uint32>(a), p.address = at;
+        const Uint32 rc = line[1] == 'c' ? s_memory.create(&p) : s_memory.attach(&p.resID, at);
         s_memory.getAddress(reinterpret_cast<void**>(&s_at));
         printf("%X %p\n", rc, static_cast<void*>(s_at));
     } else if (strcmp(line, "md\n") == 0 || strcmp(line, "mdd\n") == 0) {
         printf("%X\n", line[2] == 'd' ? s_memory.detach() : s_memory.destroy());
-    } else if (sscanf(line, "mw %lu %lu", &a, &b) == 2) {
+    } else if (sscanf(line, "w %lu %lu", &a, &b) == 2) {
         s_at[a] = static_cast<unsigned char>(b);
         printf("ok\n");
-    } else if (sscanf(line, "mr %lu", &a) == 1) {
+    } else if (sscanf(line, "r %lu", &a) == 1) {
         printf("v %u\n", s_at[a]);
     } else if (sscanf(line, "pa %4095s", text) == 1) {
         unsigned char* to = reinterpret_cast<unsigned char*>(&s_private);

@@ -33,14 +33,7 @@ SECURITY_ATTRIBUTES attributes(SECURITY_DESCRIPTOR& sd, Uint32 mode, int inherit
     return SECURITY_ATTRIBUTES{sizeof(SECURITY_ATTRIBUTES), &sd, inherit};
 }
 
-class Named : public CaptureTest {
-protected:
-    void TearDown() override {
-        EXPECT_EQ(shmEntries(tag_), std::vector<std::string>{});
-        CaptureTest::TearDown();
-    }
-    std::string tag_ = ipcTag();
-};
+using Named = IpcTest;
 
 }  // namespace
 
@@ -88,24 +81,24 @@ TEST_F(Named, LifetimeAcrossProcesses) {
     IpcProc a, b;
     EXPECT_EQ(a.run("lo 1 " + name), "fail 2");
     EXPECT_EQ(a.run("lc 1 " + name + " 5000"), "ok 0 0 5000");
-    EXPECT_EQ(a.run("lw 0 4999 77"), "ok");
+    EXPECT_EQ(a.run("w 4999 77"), "ok");
     // A second create finds the first object with its own size, whatever size it asks for.
     EXPECT_EQ(b.run("lc 1 " + name + " 10"), "ok 183 0 5000");
-    EXPECT_EQ(b.run("lr 0 4999"), "v 77");
+    EXPECT_EQ(b.run("r 4999"), "v 77");
     EXPECT_EQ(b.run("lo 1 " + name), "ok 0 1 5000");
     // The creator goes first; the object lives on with its other holder.
     EXPECT_EQ(a.run("lx 0"), "ok");
     EXPECT_TRUE(exists(NamedKind::FileMapping, name));
     EXPECT_EQ(b.run("lx 0"), "ok");
     EXPECT_EQ(a.run("lo 1 " + name), "ok 0 0 5000");
-    EXPECT_EQ(a.run("lr 0 4999"), "v 77");
+    EXPECT_EQ(a.run("r 4999"), "v 77");
     EXPECT_EQ(a.run("lx 0"), "ok");
     EXPECT_EQ(b.run("lx 1"), "ok");
     // The last close removed it: a create makes a fresh, zeroed block.
     EXPECT_FALSE(exists(NamedKind::FileMapping, name));
     EXPECT_EQ(b.run("lo 1 " + name), "fail 2");
     EXPECT_EQ(b.run("lc 1 " + name + " 10"), "ok 0 0 10");
-    EXPECT_EQ(b.run("lr 0 9"), "v 0");
+    EXPECT_EQ(b.run("r 9"), "v 0");
     // An exit lets go of the object without removing it: the next look at the name does.
     EXPECT_EQ(b.finish(), 0);
     EXPECT_TRUE(exists(NamedKind::FileMapping, name));
@@ -119,12 +112,12 @@ TEST_F(Named, KindsAndLongNamesAreApart) {
     ASSERT_EQ(linuxName(NamedKind::FileMapping, n1).substr(3, 2), "M#");
     IpcProc p;
     EXPECT_EQ(p.run("lc 1 " + n1 + " 16"), "ok 0 0 16");
-    EXPECT_EQ(p.run("lw 0 0 1"), "ok");
+    EXPECT_EQ(p.run("w 0 1"), "ok");
     EXPECT_EQ(p.run("lc 1 " + n2 + " 16"), "ok 0 1 16");
-    EXPECT_EQ(p.run("lr 1 0"), "v 0");
+    EXPECT_EQ(p.run("r 0"), "v 0");
     EXPECT_EQ(p.run("lo 3 " + n1), "fail 2");
     EXPECT_EQ(p.run("lc 3 " + n1 + " 8"), "ok 0 2 8");
-    EXPECT_EQ(p.run("lr 2 0"), "v 0");
+    EXPECT_EQ(p.run("r 0"), "v 0");
     zepos::NamedObject* o = zepos::NamedOpen(NamedKind::FileMapping, n1.c_str(), 0);
     ASSERT_NE(o, nullptr);
     EXPECT_EQ(static_cast<unsigned char*>(zepos::NamedBlock(o))[0], 1);

@@ -103,10 +103,7 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
         EXPECT_EQ(zepIPCGetQueResID(&p, &bad), ECF_INVALID_VERSION);
         trace(false);
         theLog(ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
-        std::vector<Uint32> errors;
-        for (const Call& c : calls)
-            if (c.what == "error" && c.fid == ZEPFN_zepIPCGetQueResID) errors.push_back(c.probe);
-        EXPECT_EQ(errors, std::vector<Uint32>{20u + 10u * which});
+        EXPECT_EQ(errorProbes(ZEPFN_zepIPCGetQueResID), std::vector<Uint32>{20u + 10u * which});
     }
 
     calls.clear();

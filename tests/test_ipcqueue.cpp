@@ -1,6 +1,7 @@
 // ZEPHIPCQueue: the shared block byte for byte, the ring's sizes, padding and wrap, the failure
 // rows and their records, the corner cases of the stream (a buffer too small, a time-out or flush
 // inside a message, an empty message behind a full ring), and streams between real processes.
+#include <deque>
 #include <thread>
 
 #include "zeptest_ipc.h"
@@ -41,30 +42,27 @@ void stalledSender(ZEPIPCQueueHeader* h) {
     zepLockRelease(&h->stateLatch);
 }
 
-class Queue : public CaptureTest {
+class Queue : public IpcTest {
 protected:
     void TearDown() override {
-        for (auto& q : made)
-            if (q->isAttached()) q->destroy();
-        EXPECT_EQ(shmEntries(tag_), std::vector<std::string>{});
-        CaptureTest::TearDown();
+        for (ZEPHIPCQueue& q : made)
+            if (q.isAttached()) q.destroy();
+        IpcTest::TearDown();
     }
-    ZEPIPCQueResID idOf(const std::string& what) {
+    ZEPIPCQueResID queueOf(const std::string& what) {
         ZEPIPCResIDParam p;
         const std::string path = tag_ + what;
-        p.path = path.c_str();
-        p.seed = 1;
+        p.path = path.c_str(), p.seed = 1;
         ZEPIPCQueResID id;
         EXPECT_EQ(zepIPCGetQueResID(&p, &id), 0u);
         return id;
     }
     ZEPHIPCQueue* make(const std::string& what, Uint32 queueSize) {
         ZEPIPCQueueCreateParam c;
-        c.queResID = idOf(what);
+        c.queResID = queueOf(what);
         c.queueSize = queueSize;
-        made.push_back(std::make_unique<ZEPHIPCQueue>());
-        EXPECT_EQ(made.back()->create(&c), 0u);
-        return made.back().get();
+        EXPECT_EQ(made.emplace_back().create(&c), 0u);
+        return &made.back();
     }
     // The message got, or "<RC>" of a failure (expected to be 0 unless `rc` takes it).
     std::string get(ZEPHIPCQueue* q, Sint32 timeout = -1, Uint32* rc = nullptr) {
@@ -75,7 +73,7 @@ protected:
         if (rc) *rc = r;
         return r == 0 ? std::string(b.data(), n) : "<" + std::to_string(r) + ">";
     }
-    std::vector<std::unique_ptr<ZEPHIPCQueue>> made;
+    std::deque<ZEPHIPCQueue> made;
     std::string tag_ = ipcTag();
 };
 
@@ -153,10 +151,7 @@ TEST_F(Queue, FailureRowsAndTheirRecords) {
     calls.clear();
     get(q, 0, &rc);
     EXPECT_EQ(rc, ECF_QUE_INVALID_MSG_TYPE);
-    std::vector<Uint32> errors;
-    for (const Call& c : calls)
-        if (c.what == "error" && c.fid == ZEPFN_ZEPHIPCQueue_get) errors.push_back(c.probe);
-    EXPECT_EQ(errors, std::vector<Uint32>{0});
+    EXPECT_EQ(errorProbes(ZEPFN_ZEPHIPCQueue_get), std::vector<Uint32>{0});
     EXPECT_EQ(logShape(ECF_QUE_INVALID_MSG_TYPE), "");
     trace(false);
 
@@ -191,7 +186,7 @@ TEST_F(Queue, FailureRowsAndTheirRecords) {
     calls.clear();
     ZEPHIPCQueue other;
     refused(other.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCQueue_create, 1111);
-    ZEPIPCQueResID missing = idOf("missing");
+    ZEPIPCQueResID missing = queueOf("missing");
     EXPECT_EQ(other.attach(&missing), ECF_QUE_DOESNT_EXIST);
     int at40 = 0;
     for (const Call& c : calls)
@@ -201,7 +196,7 @@ TEST_F(Queue, FailureRowsAndTheirRecords) {
     EXPECT_FALSE(other.isAttached());
 
     // Only the memory attached is not attached.
-    ZEPIPCQueResID id = idOf("rows");
+    ZEPIPCQueResID id = queueOf("rows");
     ASSERT_EQ(other.memory.attach(&id.memory, nullptr), 0u);
     EXPECT_FALSE(other.isAttached());
     ASSERT_EQ(other.memory.detach(), 0u);
@@ -307,44 +302,38 @@ TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
 // times the ring: none lost, duplicated, reordered per sender or damaged.
 TEST_F(Queue, StreamsBetweenProcesses) {
     const struct {
-        Uint32 queueSize;
-        int senders, receivers;
-        Uint32 perSender;
+        Uint32 queueSize, senders, receivers, perSender;
     } runs[] = {{100, 1, 1, 100000}, {100, 2, 2, 50000}, {0, 1, 1, 20000}, {0, 3, 1, 10000}};
     for (const auto& r : runs) {
         const std::string what =
             "procs" + std::to_string(r.queueSize) + "x" + std::to_string(r.senders + r.receivers);
         ZEPHIPCQueue* q = make(what, r.queueSize);
-        std::vector<std::unique_ptr<IpcProc>> rx, tx;
-        for (int i = 0; i < r.receivers; ++i) {
-            rx.push_back(std::make_unique<IpcProc>());
-            rx.back()->send("recv " + tag_ + what);
-        }
-        for (int i = 0; i < r.senders; ++i) {
-            tx.push_back(std::make_unique<IpcProc>());
-            tx.back()->send("send " + tag_ + what + " " + std::to_string(i + 1) + " " +
-                            std::to_string(r.perSender * zeptestStress()) + " " +
-                            std::to_string(3 * q->header->capacity));
-        }
-        unsigned long long sent = 0, sum = 0, n, s, bad;
+        std::deque<IpcProc> rx(r.receivers), tx(r.senders);
+        for (IpcProc& p : rx) p.send("recv " + tag_ + what);
+        const Uint32 n = r.perSender * zeptestStress();
+        for (Uint32 i = 0; i < r.senders; ++i)
+            tx[i].send("send " + tag_ + what + " " + std::to_string(i + 1) + " " +
+                       std::to_string(n) + " " + std::to_string(3 * q->header->capacity));
+        // Both sides add up the messages and a sum over their (sender, sequence) pairs.
+        long long count = 0, sum = 0, c, s, bad;
         unsigned rc;
-        for (auto& p : tx) {
-            const std::string l = p->line();
-            ASSERT_EQ(sscanf(l.c_str(), "sent %llu %llu %X", &n, &s, &rc), 3) << l;
+        for (IpcProc& p : tx) {
+            const std::string l = p.line();
+            ASSERT_EQ(sscanf(l.c_str(), "sent %lld %lld %X", &c, &s, &rc), 3) << l;
             EXPECT_EQ(rc, 0u);
-            sent += n, sum += s;
+            count += c, sum += s;
         }
-        EXPECT_EQ(sent, static_cast<Uint64>(r.senders) * r.perSender * zeptestStress());
-        for (int i = 0; i < r.receivers; ++i) ASSERT_EQ(q->put("STOP", 4), 0u);
-        for (auto& p : rx) {
-            const std::string l = p->line();
-            ASSERT_EQ(sscanf(l.c_str(), "got %llu %llu %llu %X", &n, &s, &bad, &rc), 4) << l;
-            EXPECT_EQ(bad, 0u) << "damaged or out of order";
+        EXPECT_EQ(count, static_cast<long long>(r.senders) * n);
+        for (size_t i = 0; i < rx.size(); ++i) ASSERT_EQ(q->put("STOP", 4), 0u);
+        for (IpcProc& p : rx) {
+            const std::string l = p.line();
+            ASSERT_EQ(sscanf(l.c_str(), "got %lld %lld %lld %X", &c, &s, &bad, &rc), 4) << l;
+            EXPECT_EQ(bad, 0) << "damaged or out of order";
             EXPECT_EQ(rc, 0u);
-            sent -= n, sum -= s;
+            count -= c, sum -= s;
         }
-        EXPECT_EQ(sent, 0u) << "messages sent less messages got";
-        EXPECT_EQ(sum, 0u) << "the sum over (sender, sequence) of both sides";
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ(sum, 0);
         EXPECT_FALSE(q->hasMessage());
     }
 }
@@ -352,15 +341,10 @@ TEST_F(Queue, StreamsBetweenProcesses) {
 // The names of a holder killed with SIGKILL are gone once the others have gone.
 TEST_F(Queue, KilledHolderLeavesNoNames) {
     ZEPHIPCQueue* q = make("hold", 64);
-    ZEPIPCResIDParam p;
     const std::string path = tag_ + "hold";
-    p.path = path.c_str();
-    p.seed = 10;
     ZEPIPCSemaphoreCreateParam sc;
-    ZEPIPCResID eventId;
-    ASSERT_EQ(zepIPCGetResID(&p, &sc.resID), 0u);
-    p.seed = 11;
-    ASSERT_EQ(zepIPCGetResID(&p, &eventId), 0u);
+    sc.resID = idOf(path, 10);
+    const ZEPIPCResID eventId = idOf(path, 11);
     ZEPHIPCSemaphore sem;
     ASSERT_EQ(sem.create(&sc), 0u);
 
@@ -373,7 +357,7 @@ TEST_F(Queue, KilledHolderLeavesNoNames) {
 
     EXPECT_EQ(q->destroy(), 0u);
     EXPECT_EQ(sem.destroy(), 0u);
-    ZEPIPCQueResID id = idOf("hold");
+    ZEPIPCQueResID id = queueOf("hold");
     EXPECT_EQ(q->attach(&id), ECF_QUE_DOESNT_EXIST);
     EXPECT_EQ(sem.attach(&sc.resID), ECF_FILE_DOESNT_EXIST);
     EXPECT_EQ(zepos::OpenEventA(zepos::EVENT_ALL_ACCESS, 0, eventId.name), nullptr);

@@ -3,7 +3,7 @@
 // processes), and ZEPHIPCSemaphore's results, log records, trace-free time-outs and its use as
 // the only guard of a counter that four processes increment.
 #include <atomic>
-#include <memory>
+#include <deque>
 #include <thread>
 
 #include "zeptest_ipc.h"
@@ -22,13 +22,6 @@ double nowMs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
-}
-
-// A name of this test run, so that runs side by side don't meet.
-ZEPIPCResID nameOf(const char* what) {
-    ZEPIPCResID id;
-    snprintf(id.name, sizeof id.name, "%s%s", ipcTag().c_str(), what);
-    return id;
 }
 
 void onSignal(int) {}
@@ -164,7 +157,9 @@ TEST(EventBlock, SleepersAcrossProcesses) {
     munmap(shared, 4096);
 }
 
-TEST(SyncHandles, CreateOpenAndKinds) {
+using SyncHandles = IpcTest;
+
+TEST_F(SyncHandles, CreateOpenAndKinds) {
     const ZEPIPCResID name = nameOf("handles");
     void* s = zepos::CreateSemaphoreA(nullptr, 2, 5, name.name);
     ASSERT_NE(s, nullptr);
@@ -207,7 +202,7 @@ TEST(SyncHandles, CreateOpenAndKinds) {
     EXPECT_TRUE(zepos::CloseHandle(unnamed));
 }
 
-class Semaphore : public CaptureTest {};
+using Semaphore = IpcTest;
 
 TEST_F(Semaphore, CreateAttachAndTheirFailures) {
     ZEPIPCSemaphoreCreateParam c;
@@ -312,23 +307,16 @@ TEST_F(Semaphore, PostsWaitsAndTheirRecords) {
 
 // Every increment counted (nobody passed with the count at 0), the count back at its start.
 TEST_F(Semaphore, FourProcessesCountUnderOneSemaphore) {
-    const std::string file = path("counter"), name = ipcTag() + "count";
+    const std::string file = path("counter"), name = tag_ + "count";
     volatile Uint64* counter = reinterpret_cast<Uint64*>(mapFile(file, 4096));
-    ZEPIPCResIDParam p;
-    p.path = name.c_str();
-    p.seed = 1;
     ZEPIPCSemaphoreCreateParam c;
-    ASSERT_EQ(zepIPCGetResID(&p, &c.resID), 0u);
-    c.initialValue = 1;
+    c.resID = idOf(name), c.initialValue = 1;
     ZEPHIPCSemaphore s;
     ASSERT_EQ(s.create(&c), 0u);
     const Uint32 n = 25000 * zeptestStress();
-    std::vector<std::unique_ptr<IpcProc>> procs;
-    for (int i = 0; i < 4; ++i) {
-        procs.push_back(std::make_unique<IpcProc>());
-        procs.back()->send("count " + name + " " + file + " " + std::to_string(n));
-    }
-    for (auto& pr : procs) EXPECT_EQ(pr->line(), "counted 0");
+    std::deque<IpcProc> procs(4);
+    for (IpcProc& pr : procs) pr.send("count " + name + " " + file + " " + std::to_string(n));
+    for (IpcProc& pr : procs) EXPECT_EQ(pr.line(), "counted 0");
     EXPECT_EQ(*counter, 4ull * n);
     const ZEPIPCSemaphoreWaitParam poll(0);
     EXPECT_EQ(s.wait(&poll), 0u);

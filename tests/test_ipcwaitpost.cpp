@@ -10,13 +10,8 @@ namespace {
 using namespace zeptest;
 void* const kNone = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 
-class Waitpost : public CaptureTest {
+class Waitpost : public IpcTest {
 protected:
-    ZEPIPCResID nameOf(const std::string& what) {
-        ZEPIPCResID id;
-        snprintf(id.name, sizeof id.name, "%s%s", ipcTag().c_str(), what.c_str());
-        return id;
-    }
     Uint32 create(ZEPHIPCWaitpost& w, Uint32 kind, const ZEPIPCResID* id) {
         ZEPIPCWaitpostCreateParam c;
         c.area = &area, c.postData = block, c.postDataSize = sizeof block;

@@ -94,16 +94,25 @@ inline std::string ipcTag() {
     return "zt" + std::to_string(getpid()) + "x";
 }
 
-// The log records captured, as "KIND PROBE ..." ("logsys 90 log 90"), each checked to carry
-// `code`; the capture emptied for the next step.
+// The log records captured, as "KIND PROBE[/PLATFORM ERROR]..." ("logsys 90/183 log 90"), each
+// checked to carry `code`; the capture emptied for the next step.
 inline std::string logShape(Uint32 code) {
     std::string out;
     for (const Call& c : calls)
         if (c.what.compare(0, 3, "log") == 0) {
             EXPECT_EQ(c.code, code) << c.what << " " << c.probe;
-            out += (out.empty() ? "" : " ") + c.what + " " + std::to_string(c.probe);
+            out += (out.empty() ? "" : " ") + c.what + " " + std::to_string(c.probe) +
+                   (c.what == "log" ? "" : "/" + std::to_string(c.err));
         }
     calls.clear();
+    return out;
+}
+
+// The probes of the error records (of `fid`, if given) captured.
+inline std::vector<Uint32> errorProbes(Uint32 fid = 0) {
+    std::vector<Uint32> out;
+    for (const Call& c : calls)
+        if (c.what == "error" && (fid == 0 || c.fid == fid)) out.push_back(c.probe);
     return out;
 }
 
@@ -135,6 +144,29 @@ inline Uint8* mapFile(const std::string& file, size_t bytes) {
     close(fd);
     return static_cast<Uint8*>(m);
 }
+
+// A test whose IPC names carry `tag_`: none of them may be left in /dev/shm at its end.
+class IpcTest : public CaptureTest {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(shmEntries(tag_), std::vector<std::string>{});
+        CaptureTest::TearDown();
+    }
+    static ZEPIPCResID idOf(const std::string& path, Sint32 seed = 1) {
+        ZEPIPCResIDParam p;
+        p.path = path.c_str(), p.seed = seed;
+        ZEPIPCResID id;
+        EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
+        return id;
+    }
+    // An identifier named `tag_` + `what` as it stands, not derived.
+    ZEPIPCResID nameOf(const std::string& what) const {
+        ZEPIPCResID id;
+        snprintf(id.name, sizeof id.name, "%s%s", tag_.c_str(), what.c_str());
+        return id;
+    }
+    std::string tag_ = ipcTag();
+};
 
 }  // namespace zeptest
 
