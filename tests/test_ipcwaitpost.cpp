@@ -8,7 +8,6 @@
 namespace {
 
 using namespace zeptest;
-void* const kNone = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 
 class Waitpost : public IpcTest {
 protected:
@@ -55,7 +54,7 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         EXPECT_EQ(bytes[1] | bytes[2] | bytes[3], 0) << r.kind;
         EXPECT_EQ(area.state, r.state) << r.kind << r.named;
         EXPECT_EQ(w.area, &area);
-        EXPECT_NE(w.event, kNone);
+        EXPECT_NE(w.event, kNoHandle);
 
         // Kinds 0 and 2 stay posted for every wait until reset; kind 1 lets one through.
         memcpy(block, "initial", 8);
@@ -72,7 +71,7 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         EXPECT_EQ(area.state, 0u);
         EXPECT_EQ(area.unlatched, 0);
         EXPECT_EQ(w.area, nullptr);
-        EXPECT_EQ(w.event, kNone);
+        EXPECT_EQ(w.event, kNoHandle);
     }
     EXPECT_TRUE(calls.empty());  // a poll that finds nothing posted writes no record
 
@@ -120,7 +119,7 @@ TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
     refused(b.reset(), code, ZEPFN_ZEPHIPCWaitpost_reset, 10, ZEP_LOG_INFO);
     refused(b.close(), code, ZEPFN_ZEPHIPCWaitpost_close, 10, ZEP_LOG_INFO);
     refused(b.destroy(), code, ZEPFN_ZEPHIPCWaitpost_destroy, 10, ZEP_LOG_INFO);
-    EXPECT_NE(b.event, kNone);  // still holds its event: nothing closed it
+    EXPECT_NE(b.event, kNoHandle);  // still holds its event: nothing closed it
     refused(open(c, &id), code, ZEPFN_ZEPHIPCWaitpost_open, 30, ZEP_LOG_INFO);
     EXPECT_EQ(c.area, &area);
     zepos::CloseHandle(b.event);
@@ -151,7 +150,7 @@ TEST_F(Waitpost, FailureRows) {
 
     // No event: the platform's failures, mapped.
     ASSERT_TRUE(zepos::CloseHandle(w.event));
-    w.event = kNone;
+    w.event = kNoHandle;
     calls.clear();
     EXPECT_EQ(w.post(nullptr), ECF_INVALID_PARAMETER);
     EXPECT_EQ(theLog(ZEPFN_ZEPHIPCWaitpost_post, 70, ECF_INVALID_PARAMETER).called, SYSFN_SetEvent);
@@ -162,11 +161,11 @@ TEST_F(Waitpost, FailureRows) {
     calls.clear();
     // A failed close leaves the object as it was, to be tried again; destroy goes on after it.
     refused(w.close(), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCWaitpost_close, 20, ZEP_LOG_INFO);
-    EXPECT_EQ(w.event, kNone);
+    EXPECT_EQ(w.event, kNoHandle);
     EXPECT_EQ(w.area, &area);
     refused(w.destroy(), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCWaitpost_destroy, 40, ZEP_LOG_INFO);
     EXPECT_EQ(area.state, 0u);
-    EXPECT_EQ(w.event, kNone);
+    EXPECT_EQ(w.event, kNoHandle);
 }
 
 // A reader in another process polls the data block at full speed while this one posts blocks

@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include "zeptest_capture.h"
+#include "zeptest_util.h"
+#include "zepos.h"
 
 namespace zeptest {
 
@@ -89,6 +91,21 @@ inline std::vector<std::string> shmEntries(const std::string& tag) {
     return found;
 }
 
+// The "none" handle of the IPC classes.
+inline void* const kNoHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
+
+inline double nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
+}
+
+// A platform call's result, as a truth value, and the last error it left: "0 6", "1 183".
+template <class T>
+std::string withError(T result) {
+    return std::to_string(result != T{}) + " " + std::to_string(zepos::GetLastError());
+}
+
 // A tag that keeps the names of this test process apart from any other's.
 inline std::string ipcTag() {
     return "zt" + std::to_string(getpid()) + "x";
@@ -127,13 +144,8 @@ inline void refused(Uint32 rc, Uint32 code, Uint32 fid, Uint32 probe,
 // Whether a write through `p` in a forked child ends it with SIGSEGV.
 inline bool writeFaults(volatile char* p) {
     const pid_t child = fork();
-    if (child == 0) {
-        *p = 1;
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV;
+    if (child == 0) *p = 1, _exit(0);
+    return waitExit(child) == 128 + SIGSEGV;
 }
 
 // A file of `bytes` zeroes mapped shared: the block other processes map by its path.
