@@ -1,6 +1,6 @@
 // helper_ipc - the other processes of the IPC tests, one command a line on standard input, its
-// answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1 (the
-// semaphore and event of "hold": 10 and 11). "w"/"r" reach the block opened last.
+// answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1; "w"
+// and "r" reach the block opened last.
 //
 //   lc KIND NAME BYTES / lo KIND NAME  NamedCreate / NamedOpen -> "ok LASTERROR SLOT BYTES" or
 //                                      "fail LASTERROR";  lx SLOT: NamedClose
@@ -13,7 +13,6 @@
 //   wpread FILE NAME N                 the wait/post with its area at 0 of FILE, 1024 bytes of data
 //                                      at 64: "ready", N polls -> "torn T changes C RC"
 //   send PATH SENDER N MAX / recv PATH queue messages -> "sent N SUM RC" / "got N SUM BAD RC"
-//   hold PATH                          queue and semaphore attached, event made -> "ready"
 #include <fcntl.h>
 #include <sched.h>
 #include <stdio.h>
@@ -237,19 +236,6 @@ void recv(const char* path) {
            static_cast<unsigned long long>(sum), static_cast<unsigned long long>(bad), q->detach());
 }
 
-void hold(const char* path) {
-    attachQueue(path);
-    const ZEPIPCResID semId = rid(path, 10);
-    static ZEPIPCResID eventId = rid(path, 11);
-    static ZEPIPCWaitpostArea area{};
-    static ZEPHIPCSemaphore s;
-    static ZEPHIPCWaitpost w;
-    ZEPIPCWaitpostCreateParam c;
-    c.area = &area, c.resID = &eventId;
-    if (s.attach(&semId) != 0 || w.create(&c) != 0) exit(4);
-    printf("ready\n");
-}
-
 bool command(const char* line) {
     char name[600] = {}, text[4096] = {}, file[600] = {};
     unsigned long a = 0, b = 0, c = 0;
@@ -297,8 +283,6 @@ bool command(const char* line) {
         send(name, static_cast<Uint32>(a), static_cast<Uint32>(b), static_cast<Uint32>(c));
     } else if (sscanf(line, "recv %599s", name) == 1) {
         recv(name);
-    } else if (sscanf(line, "hold %599s", name) == 1) {
-        hold(name);
     } else {
         return strcmp(line, "ping\n") == 0 && printf("pong\n");
     }
