@@ -647,7 +647,10 @@ std::string typesSuffix(const GTM_TRC_MASK& mask, Uint32 p, Uint32 c) {
     if (mask.gtmIsTypeMaskFull(p, c)) return "";
     std::string out;
     for (Uint32 t = 0; t < 16; ++t)
-        if (mask.gtmIsTypeInMask(p, c, t)) out += (out.empty() ? ":" : ",") + typeWord(t);
+        if (mask.gtmIsTypeInMask(p, c, t)) {
+            out += out.empty() ? ':' : ',';
+            out += typeWord(t);
+        }
     return out.empty() ? ":none" : out;
 }
 
