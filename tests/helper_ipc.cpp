@@ -102,7 +102,7 @@ void race(const char* name, const char* control, int seconds) {
     // On a loaded machine attachers may overlap for long: the race goes on (up to 30 s more)
     // until the name has been made anew a few times.
     while (time(nullptr) < end ||
-           (__atomic_load_n(&c->creates, __ATOMIC_RELAXED) < 16 && time(nullptr) < end + 30)) {
+           (__atomic_load_n(&c->creates, __ATOMIC_RELAXED) <= 8 && time(nullptr) < end + 30)) {
         // A pause between turns, so that the name is free now and then and creates go on.
         usleep(static_cast<useconds_t>(rand() % 400));
         ZEPHIPCMemory m;
