@@ -78,8 +78,7 @@ Uint64 makeDump(Uint32 bytes, const std::string& path) {
     void* store = nullptr;
     Uint32 storeSize = 0;
     RamboDumpTail tail;
-    gtraceGetDumpHeaderBuffer(1, reinterpret_cast<GTDumpHeader*>(header.get()), &store,
-                              &storeSize);
+    gtraceGetDumpHeaderBuffer(1, reinterpret_cast<GTDumpHeader*>(header.get()), &store, &storeSize);
     gtraceGetDumpTail(&tail);
     FILE* f = fopen(path.c_str(), "wb");
     if (f == nullptr || fwrite(header.get(), sizeof(GTDumpHeader), 1, f) != 1 ||
@@ -169,17 +168,20 @@ int main(int argc, char** argv) {
     const double jsonMiB = stat(json.c_str(), &st) == 0 ? st.st_size / 1048576.0 : 0;
     const double mb = dumpBytes / 1e6;
     printf("records: %llu; medians of %d runs\n", static_cast<unsigned long long>(records), runs);
-    printf("export --format chrome: %.2f s wall, %.2f s processor; %.0f MB/s of dump read "
-           "(%.0f MB/s by processor time); peak resident %.1f MiB; JSON %.0f MiB\n",
-           median(exWall), median(exCpu), mb / median(exWall), mb / median(exCpu),
-           *std::max_element(exPeak.begin(), exPeak.end()), jsonMiB);
+    printf(
+        "export --format chrome: %.2f s wall, %.2f s processor; %.0f MB/s of dump read "
+        "(%.0f MB/s by processor time); peak resident %.1f MiB; JSON %.0f MiB\n",
+        median(exWall), median(exCpu), mb / median(exWall), mb / median(exCpu),
+        *std::max_element(exPeak.begin(), exPeak.end()), jsonMiB);
     const double showRate = records / median(shCpu), fmtRate = records / median(fmt);
-    printf("show --view records: %.2f s wall, %.2f s processor; %.2f M records/s by processor "
-           "time\n",
-           median(shWall), median(shCpu), showRate / 1e6);
-    printf("formatter alone (formatDumpFile into one string): %.2f s processor; %.2f M records/s;"
-           " show / formatter rate %.2f\n",
-           median(fmt), fmtRate / 1e6, showRate / fmtRate);
+    printf(
+        "show --view records: %.2f s wall, %.2f s processor; %.2f M records/s by processor "
+        "time\n",
+        median(shWall), median(shCpu), showRate / 1e6);
+    printf(
+        "formatter alone (formatDumpFile into one string): %.2f s processor; %.2f M records/s;"
+        " show / formatter rate %.2f\n",
+        median(fmt), fmtRate / 1e6, showRate / fmtRate);
     unlink(dump.c_str());
     unlink(json.c_str());
     rmdir(dir.c_str());
