@@ -1,18 +1,16 @@
-// helper_ipc - the other processes of the IPC tests, one command a line on standard input, its
-// answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1; "w"
-// and "r" reach the block opened last.
-//
-//   lc KIND NAME BYTES / lo KIND NAME  NamedCreate / NamedOpen -> "ok LASTERROR SLOT BYTES" or
-//                                      "fail LASTERROR";  lx SLOT: NamedClose
-//   mc NAME SIZE ADDR / ma NAME ADDR   ZEPHIPCMemory create / attach (ADDR hex) -> "RC ADDRESS"
-//   md / mdd                           its destroy / detach -> "RC"
-//   pa HEX / pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
-//   w OFFSET VALUE / r OFFSET          a byte of the block -> "ok" / "v VALUE"
-//   race NAME CONTROL SECONDS          create/attach/destroy one name -> "done CREATES ATTACHES
-//   BAD" count PATH FILE N                  N times: semaphore wait, +1 to the word in FILE, post
-//   wpread FILE NAME N                 the wait/post with its area at 0 of FILE, 1024 bytes of data
-//                                      at 64: "ready", N polls -> "torn T changes C RC"
-//   send PATH SENDER N MAX / recv PATH queue messages -> "sent N SUM RC" / "got N SUM BAD RC"
+// helper_ipc - the other processes of the IPC tests: one command a line on standard input, its
+// answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1.
+//   lc KIND NAME BYTES, lo KIND NAME  NamedCreate, NamedOpen: "ok LASTERROR SLOT BYTES" or
+//                                     "fail LASTERROR"; lx SLOT closes
+//   mc NAME SIZE ADDR, ma NAME ADDR   ZEPHIPCMemory create, attach: "RC ADDRESS"; md, mdd
+//                                     destroy, detach: "RC"
+//   pa HEX, pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
+//   w OFFSET VALUE, r OFFSET          a byte of the block opened last: "ok", "v VALUE"
+//   race NAME CONTROL SECONDS         create, attach, destroy one name: "done CREATES ATTACHES BAD"
+//   count PATH FILE N                 N times semaphore wait, +1 to the word in FILE, post
+//   wpread FILE NAME N                a wait and N polls (or more) of the wait/post at 0 of FILE
+//                                     (1024 bytes of data at 64): "ready", "torn T changes C RC"
+//   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM RC", "got N SUM BAD RC"
 #include <fcntl.h>
 #include <sched.h>
 #include <stdio.h>
@@ -62,21 +60,11 @@ void* mapFile(const char* file, size_t bytes) {
     return p;
 }
 
-struct RaceControl {  // the test's block that every racer attaches
-    Uint32 lock;
-    Uint32 holders;  // racers that hold a block, counted after they know its stamp
-    Uint64 liveStamp;
-    Uint32 violations;
-    Uint32 creates;  // by all racers: they go on past their time until there were 20
+struct RaceControl {   // the test's block that every racer attaches
+    Uint32 holders;    // racers that hold a block, counted after they know its stamp
+    Uint32 creates;    // by all racers: they go on past their time until there were 20
+    Uint64 liveStamp;  // the stamp of the latest create
 };
-
-// Runs `f` on the control block under its lock.
-template <class F>
-void locked(RaceControl* c, F f) {
-    while (__atomic_exchange_n(&c->lock, 1, __ATOMIC_ACQUIRE) != 0) sched_yield();
-    f();
-    __atomic_store_n(&c->lock, 0, __ATOMIC_RELEASE);
-}
 
 // A create may succeed only while no racer holds a block, and an attacher must see the stamp of
 // the creator it joined; each holder checks the stamp again before it lets go.
@@ -87,9 +75,8 @@ void race(const char* name, const char* control, int seconds) {
     if (ctl.attach(&ctlId, nullptr) != 0 || ctl.getAddress(&ctlAt) != 0) exit(3);
     RaceControl* c = static_cast<RaceControl*>(ctlAt);
     ZEPIPCMemoryCreateParam cp;
-    cp.resID = rid(name);
-    cp.memorySize = 4096;
-    unsigned creates = 0, attaches = 0, counter = 0, bad = 0;
+    cp.resID = rid(name), cp.memorySize = 4096;
+    unsigned creates = 0, attaches = 0, bad = 0;
     const time_t end = time(nullptr) + seconds;
     srand(static_cast<unsigned>(getpid()));
     while (time(nullptr) < end ||
@@ -99,19 +86,18 @@ void race(const char* name, const char* control, int seconds) {
         Uint64 stamp = 0;
         const bool created = m.create(&cp) == 0;
         if (created) {
-            stamp = (static_cast<Uint64>(getpid()) << 32) | ++counter;
-            locked(c, [&] {
-                c->violations += c->holders != 0, c->liveStamp = stamp, c->holders = 1,
-                                                  ++c->creates;
-            });
+            stamp = (static_cast<Uint64>(getpid()) << 32) | ++creates;
+            bad += __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST) != 0;
+            __atomic_store_n(&c->liveStamp, stamp, __ATOMIC_SEQ_CST);
+            __atomic_fetch_add(&c->creates, 1, __ATOMIC_RELAXED);
             m.getAddress(&at);
             __atomic_store_n(static_cast<Uint64*>(at), stamp, __ATOMIC_RELEASE);
-            ++creates;
         } else if (m.attach(&cp.resID, nullptr) == 0) {
             m.getAddress(&at);
             while ((stamp = __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE)) == 0)
                 sched_yield();
-            locked(c, [&] { c->violations += c->liveStamp != stamp, ++c->holders; });
+            bad += __atomic_load_n(&c->liveStamp, __ATOMIC_SEQ_CST) != stamp;
+            __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST);
             ++attaches;
         } else {
             usleep(static_cast<useconds_t>(rand() % 400));
@@ -119,11 +105,8 @@ void race(const char* name, const char* control, int seconds) {
         }
         for (int i = 0; created && i < 50; ++i) sched_yield();
         bad += __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE) != stamp;
-        locked(c, [&] { --c->holders; });
-        if (created)
-            m.destroy();
-        else
-            m.detach();
+        __atomic_fetch_sub(&c->holders, 1, __ATOMIC_SEQ_CST);
+        created ? m.destroy() : m.detach();
         // Attachers let go at once and pause longer: under load a chain of them would keep the
         // block for good, and the name must be free now and then.
         usleep(static_cast<useconds_t>(rand() % (created ? 400 : 3000)));
@@ -157,15 +140,16 @@ void wpread(const char* file, const char* name, Uint32 n) {
     ZEPHIPCWaitpost w;
     if (w.open(&o) != 0) exit(3);
     printf("ready\n");
-    Uint8 data[1024] = {};
+    Uint8 data[1024] = {}, prev = 0;  // the posts are never 0
     Uint32 torn = 0, changes = 0;
-    const ZEPIPCWaitpostWaitParam poll(0);
-    for (Uint32 i = 0; i < n; ++i) {
-        const Uint8 prev = data[0];
-        const Uint32 rc = w.wait(&poll, data);
+    const ZEPIPCWaitpostWaitParam first(ZEP_IPC_WAIT_FOREVER), poll(0);
+    // Asleep until the first post; then on until 20 posts went by, however loaded the machine.
+    Uint32 rc = w.wait(&first, data);
+    for (Uint32 i = 0; i < n || changes < 20; ++i, rc = w.wait(&poll, data)) {
         if (rc != 0 && rc != ECF_WAITPOST_NOT_POSTED) exit(4);
         torn += memcmp(data, data + 1, sizeof data - 1) != 0;  // not one byte value
         changes += data[0] != prev;
+        prev = data[0];
     }
     printf("torn %u changes %u %X\n", torn, changes, w.close());
 }

@@ -14,6 +14,11 @@ using namespace zeptest;
 Uint8* ringOf(ZEPIPCQueueHeader* h) {
     return reinterpret_cast<Uint8*>(h + 1);
 }
+// The write offset, the read offset and the not-empty flag.
+std::string state(const ZEPIPCQueueHeader& h) {
+    return std::to_string(h.writeOffset) + " " + std::to_string(h.readOffset) + " " +
+           std::to_string(h.notEmpty);
+}
 
 // Waits (ctest bounds the time) until a flag of the block is up, and returns the header as it
 // then stands, read under the state latch as the queue reads it.
@@ -77,17 +82,16 @@ std::string get(ZEPHIPCQueue* q, Sint32 timeout = -1) {
 }
 
 TEST_F(Queue, RingSizesAndAFreshHeader) {
-    const struct {
-        Uint32 asked, ring;
-    } sizes[] = {{0, 4}, {1, 8}, {2, 8}, {3, 8}, {4, 8}, {5, 8}, {10, 12}, {12, 12}, {4097, 4100}};
+    const Uint32 sizes[][2] = {{0, 4}, {1, 8},   {2, 8},   {3, 8},      {4, 8},
+                               {5, 8}, {10, 12}, {12, 12}, {4097, 4100}};  // asked, ring
     for (const auto& s : sizes) {
-        ZEPHIPCQueue* q = make("size" + std::to_string(s.asked), s.asked);
+        ZEPHIPCQueue* q = make("size" + std::to_string(s[0]), s[0]);
         ASSERT_TRUE(q->isAttached());
-        EXPECT_EQ(q->header->capacity, s.ring) << s.asked;
         Uint8 rest[20];
         memcpy(rest, q->header, 20);
         memset(rest + 4, 0, 4);
-        EXPECT_EQ(std::string(rest, rest + 20), std::string(20, '\0')) << s.asked;
+        EXPECT_EQ(q->header->capacity, s[1]) << s[0];
+        EXPECT_EQ(std::string(rest, rest + 20), std::string(20, '\0')) << s[0];
     }
     EXPECT_EQ(zepGetMaxQueueMessageSize(), 0u);  // no limit known: messages stream
 }
@@ -102,18 +106,16 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     // not-empty flag says full.
     ASSERT_EQ(q->put("ABCDEFGH", 8), 0u);
     EXPECT_EQ(ring(), std::string("\x08\0\0\0ABCDEFGH", 12));
-    EXPECT_EQ(h->writeOffset, 0u);
-    EXPECT_EQ(h->readOffset, 0u);
-    EXPECT_EQ(h->notEmpty, 1);
+    EXPECT_EQ(state(*h), "0 0 1");
     EXPECT_TRUE(q->hasMessage());
     EXPECT_EQ(get(q), "ABCDEFGH");
-    EXPECT_EQ(h->notEmpty, 0);
+    EXPECT_EQ(state(*h), "0 0 0");
     EXPECT_FALSE(q->hasMessage());
 
     // A length of 5 takes 4 + 8 bytes; the 3 behind the message are skipped, not written.
     memset(ringOf(h), 0xEE, 12);
     ASSERT_EQ(q->put("12345", 5), 0u);
-    EXPECT_EQ(h->writeOffset, 0u);  // 12 is the end of the ring
+    EXPECT_EQ(state(*h), "0 0 1");  // 12 is the end of the ring
     EXPECT_EQ(ring(), std::string("\x05\0\0\0"
                                   "12345\xEE\xEE\xEE",
                                   12));
@@ -121,23 +123,21 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
 
     // A message of 0 bytes is its length word alone; then one that wraps round the end.
     ASSERT_EQ(q->put("", 0), 0u);
-    EXPECT_EQ(h->writeOffset, 4u);
     EXPECT_EQ(get(q), "");
-    EXPECT_EQ(h->readOffset, 4u);
+    EXPECT_EQ(state(*h), "4 4 0");
     ASSERT_EQ(q->put("wxyz", 4), 0u);  // 4..12 holds the length and 4 bytes
     EXPECT_EQ(get(q), "wxyz");
     ASSERT_EQ(q->put("ab", 2), 0u);  // at 0: the length and 2 bytes, 2 skipped
     // The next length word fills the ring (at 8), so its sender sleeps until a get makes room,
     // and its body then wraps to the start.
     std::thread sender([&] { EXPECT_EQ(q->put("c", 1), 0u); });
-    EXPECT_EQ(until(h, &ZEPIPCQueueHeader::senderWaiting).writeOffset, 0u);
+    EXPECT_EQ(state(until(h, &ZEPIPCQueueHeader::senderWaiting)), "0 0 1");
     EXPECT_EQ(get(q), "ab");
     sender.join();
-    EXPECT_EQ(h->writeOffset, 4u);
+    EXPECT_EQ(state(*h), "4 8 1");
     EXPECT_EQ(ringOf(h)[0], 'c');
     EXPECT_EQ(get(q), "c");
-    EXPECT_EQ(h->readOffset, h->writeOffset);
-    EXPECT_EQ(h->notEmpty, 0);
+    EXPECT_EQ(state(*h), "4 4 0");
 }
 
 TEST_F(Queue, FailureRowsAndTheirRecords) {
@@ -289,17 +289,17 @@ TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
 // Senders and receivers in processes of their own, with messages of random sizes up to three
 // times the ring: none lost, duplicated, reordered per sender or damaged.
 TEST_F(Queue, StreamsBetweenProcesses) {
-    const struct {
-        Uint32 queueSize, senders, receivers, perSender;
-    } runs[] = {{100, 1, 1, 100000}, {100, 2, 2, 50000}, {0, 1, 1, 20000}, {0, 3, 1, 10000}};
+    const Uint32 runs[][4] = {{100, 1, 1, 100000},
+                              {100, 2, 2, 50000},
+                              {0, 1, 1, 20000},
+                              {0, 3, 1, 10000}};  // queue size, senders, receivers, messages
     for (const auto& r : runs) {
-        const std::string what =
-            "procs" + std::to_string(r.queueSize) + "x" + std::to_string(r.senders + r.receivers);
-        ZEPHIPCQueue* q = make(what, r.queueSize);
-        std::deque<IpcProc> rx(r.receivers), tx(r.senders);
+        const std::string what = "procs" + std::to_string(r[0]) + "x" + std::to_string(r[1] + r[2]);
+        ZEPHIPCQueue* q = make(what, r[0]);
+        std::deque<IpcProc> rx(r[2]), tx(r[1]);
         for (IpcProc& p : rx) p.send("recv " + tag_ + what);
-        const Uint32 n = r.perSender * zeptestStress();
-        for (Uint32 i = 0; i < r.senders; ++i)
+        const Uint32 n = r[3] * zeptestStress();
+        for (Uint32 i = 0; i < r[1]; ++i)
             tx[i].send("send " + tag_ + what + " " + std::to_string(i + 1) + " " +
                        std::to_string(n) + " " + std::to_string(3 * q->header->capacity));
         // Both sides add up the messages and a sum over their (sender, sequence) pairs.
@@ -311,7 +311,7 @@ TEST_F(Queue, StreamsBetweenProcesses) {
             EXPECT_EQ(rc, 0u);
             count += c, sum += s;
         }
-        EXPECT_EQ(count, static_cast<long long>(r.senders) * n);
+        EXPECT_EQ(count, static_cast<long long>(r[1]) * n);
         for (size_t i = 0; i < rx.size(); ++i) ASSERT_EQ(q->put("STOP", 4), 0u);
         for (IpcProc& p : rx) {
             const std::string l = p.line();

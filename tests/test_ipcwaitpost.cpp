@@ -37,22 +37,19 @@ protected:
 };
 
 TEST_F(Waitpost, AreaFormatAndKinds) {
-    const struct {
-        Uint32 kind;
-        bool named;
-        Uint8 unlatched;
-        Uint32 state;
-    } rows[] = {{0, true, 0, 0x2},  {1, true, 0, 0x3},  {2, true, 1, 0x2},
-                {0, false, 0, 0x4}, {1, false, 0, 0x5}, {2, false, 1, 0x4}};
+    // kind, named, unlatched byte, state word
+    const Uint32 rows[][4] = {{0, 1, 0, 0x2}, {1, 1, 0, 0x3}, {2, 1, 1, 0x2},
+                              {0, 0, 0, 0x4}, {1, 0, 0, 0x5}, {2, 0, 1, 0x4}};
     for (const auto& r : rows) {
         memset(&area, 0xAB, sizeof area);  // create wipes what was there, latch included
         ZEPHIPCWaitpost w;
-        const ZEPIPCResID id = nameOf("kind" + std::to_string(r.kind));
-        ASSERT_EQ(create(w, r.kind, r.named ? &id : nullptr), 0u);
+        const Uint32 kind = r[0];
+        const ZEPIPCResID id = nameOf("kind" + std::to_string(kind));
+        ASSERT_EQ(create(w, kind, r[1] ? &id : nullptr), 0u);
         const Uint8* bytes = reinterpret_cast<const Uint8*>(&area);
-        EXPECT_EQ(bytes[0], r.unlatched) << r.kind;
-        EXPECT_EQ(bytes[1] | bytes[2] | bytes[3], 0) << r.kind;
-        EXPECT_EQ(area.state, r.state) << r.kind << r.named;
+        EXPECT_EQ(bytes[0], r[2]) << kind;
+        EXPECT_EQ(bytes[1] | bytes[2] | bytes[3], 0) << kind;
+        EXPECT_EQ(area.state, r[3]) << kind << r[1];
         EXPECT_EQ(w.area, &area);
         EXPECT_NE(w.event, kNoHandle);
 
@@ -62,14 +59,13 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         EXPECT_EQ(wait(w, 0, false), "90000400 -");
         ASSERT_EQ(w.post("posted!"), 0u);
         EXPECT_EQ(wait(w, 0), "0 posted!");
-        EXPECT_EQ(wait(w, 0), r.kind == 1 ? "90000400 posted!" : "0 posted!");
+        EXPECT_EQ(wait(w, 0), kind == 1 ? "90000400 posted!" : "0 posted!");
         ASSERT_EQ(w.post(nullptr), 0u);  // posts, block unchanged
         EXPECT_EQ(wait(w, 0, false), "0 -");
         ASSERT_EQ(w.reset(), 0u);
         EXPECT_EQ(wait(w, 0), "90000400 posted!");
         EXPECT_EQ(w.destroy(), 0u);
-        EXPECT_EQ(area.state, 0u);
-        EXPECT_EQ(area.unlatched, 0);
+        EXPECT_EQ(area.state | area.unlatched, 0u);
         EXPECT_EQ(w.area, nullptr);
         EXPECT_EQ(w.event, kNoHandle);
     }
@@ -194,7 +190,7 @@ TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
     ASSERT_EQ(sscanf(result.c_str(), "torn %u changes %u %X", &torn, &changes, &rc), 3) << result;
     EXPECT_EQ(rc, 0u);
     EXPECT_EQ(torn, 0u);
-    EXPECT_GT(changes, 0u);  // the reader did see posts go by
+    EXPECT_GE(changes, 20u);  // the reader did see posts go by
     EXPECT_EQ(reader.finish(), 0);
     EXPECT_EQ(w.destroy(), 0u);
     munmap(base, 8192);

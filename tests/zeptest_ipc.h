@@ -8,8 +8,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "zeptest_capture.h"
 #include "zeptest_util.h"
@@ -24,16 +22,14 @@ public:
     explicit IpcProc(bool inherit = false) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
+        if ((pid_ = fork()) == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
             for (int fd = 3; !inherit && fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
             execl(ZEP_TEST_BIN_DIR "/helper_ipc", "helper_ipc", static_cast<char*>(nullptr));
             _exit(127);
         }
-        close(in[0]);
-        close(out[1]);
+        close(in[0]), close(out[1]);
         to_ = in[1], from_ = out[0];
     }
     ~IpcProc() { kill(SIGKILL); }
@@ -46,14 +42,14 @@ public:
     }
     // The next answer, "" if none came within the time.
     std::string line(int timeoutMs = 120000) {
-        for (size_t nl; (nl = buf_.find('\n')) == std::string::npos;) {
+        size_t nl;
+        while ((nl = buf_.find('\n')) == std::string::npos) {
             pollfd p{from_, POLLIN, 0};
             char b[256];
             const ssize_t n = poll(&p, 1, timeoutMs) > 0 ? read(from_, b, sizeof b) : 0;
             if (n <= 0) return "";
             buf_.append(b, static_cast<size_t>(n));
         }
-        const size_t nl = buf_.find('\n');
         std::string l = buf_.substr(0, nl);
         buf_.erase(0, nl + 1);
         return l;
@@ -61,35 +57,22 @@ public:
     std::string run(const std::string& command) { return send(command), line(); }
     void kill(int signal) {
         if (pid_ > 0) ::kill(pid_, signal);
-        reap();
+        finish();
     }
     // Ends the helper by closing its input; its exit status.
-    int finish() { return reap(); }
-
-private:
-    int reap() {
-        if (to_ >= 0) close(to_), to_ = -1;
+    int finish() {
         int status = -1;
-        if (pid_ > 0) waitpid(pid_, &status, 0);
+        if (to_ >= 0) close(to_), to_ = -1;
+        if (pid_ > 0) waitpid(pid_, &status, 0), pid_ = -1;
         if (from_ >= 0) close(from_), from_ = -1;
-        pid_ = -1;
         return status;
     }
+
+private:
     pid_t pid_ = -1;
     int to_ = -1, from_ = -1;
     std::string buf_;
 };
-
-// The entries of /dev/shm whose names contain `tag`.
-inline std::vector<std::string> shmEntries(const std::string& tag) {
-    std::vector<std::string> found;
-    if (DIR* d = opendir("/dev/shm")) {
-        while (dirent* e = readdir(d))
-            if (strstr(e->d_name, tag.c_str()) != nullptr) found.push_back(e->d_name);
-        closedir(d);
-    }
-    return found;
-}
 
 // The "none" handle of the IPC classes.
 inline void* const kNoHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
@@ -104,11 +87,6 @@ inline double nowMs() {
 template <class T>
 std::string withError(T result) {
     return std::to_string(result != T{}) + " " + std::to_string(zepos::GetLastError());
-}
-
-// A tag that keeps the names of this test process apart from any other's.
-inline std::string ipcTag() {
-    return "zt" + std::to_string(getpid()) + "x";
 }
 
 // The log records captured, as "KIND PROBE[/ERROR]..." ("logsys 90/183 log 90": the platform's
@@ -159,11 +137,17 @@ inline Uint8* mapFile(const std::string& file, size_t bytes) {
     return static_cast<Uint8*>(m);
 }
 
-// A test whose IPC names carry `tag_`: none of them may be left in /dev/shm at its end.
+// A test whose IPC names carry `tag_` (this process's own): none may be left in /dev/shm.
 class IpcTest : public CaptureTest {
 protected:
     void TearDown() override {
-        EXPECT_EQ(shmEntries(tag_), std::vector<std::string>{});
+        std::vector<std::string> left;
+        if (DIR* d = opendir("/dev/shm")) {
+            while (dirent* e = readdir(d))
+                if (strstr(e->d_name, tag_.c_str()) != nullptr) left.push_back(e->d_name);
+            closedir(d);
+        }
+        EXPECT_EQ(left, std::vector<std::string>{});
         CaptureTest::TearDown();
     }
     static ZEPIPCResID idOf(const std::string& path, Sint32 seed = 1) {
@@ -179,7 +163,7 @@ protected:
         snprintf(id.name, sizeof id.name, "%s%s", tag_.c_str(), what.c_str());
         return id;
     }
-    std::string tag_ = ipcTag();
+    const std::string tag_ = "zt" + std::to_string(getpid()) + "x";
 };
 
 }  // namespace zeptest
