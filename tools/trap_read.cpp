@@ -138,8 +138,10 @@ void parse(const std::vector<Uint8>& data, Trap& t) {
                 t.hasStack = true;
                 const size_t codeBytes =
                     t.header.codeBytes <= ZEP_TRAP_MAX_CODE_BYTES ? t.header.codeBytes : 0;
+                // Nothing is sized by a count before the bytes are known to be there.
+                if (r.left() < codeBytes) return damaged(name, "truncated");
                 t.code.resize(codeBytes);
-                if (!r.take(t.code.data(), codeBytes)) return damaged(name, "truncated");
+                r.take(t.code.data(), codeBytes);
                 for (;;) {
                     ZEPStackFrame64 f;
                     if (!r.take(&f, sizeof f)) return damaged(name, "truncated");
@@ -151,9 +153,9 @@ void parse(const std::vector<Uint8>& data, Trap& t) {
                 if (!r.take(&words, sizeof words)) return damaged(name, "truncated");
                 if (words > ZEP_TRAP_MAX_STACK_WORDS)
                     return damaged(name, "a raw stack longer than a trap file holds");
+                if (r.left() / sizeof(Uint64) < words) return damaged(name, "truncated");
                 t.rawStack.resize(words);
-                if (!r.take(t.rawStack.data(), words * sizeof(Uint64)))
-                    return damaged(name, "truncated");
+                r.take(t.rawStack.data(), words * sizeof(Uint64));
                 break;
             }
             case ZEP_TRAP_MEMORY: {
