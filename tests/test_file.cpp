@@ -10,7 +10,7 @@
 
 #include "zepos.h"
 #include "zeptest_capture.h"
-#include "zeptest_paths.h"
+#include "zeptest_sys.h"
 
 namespace {
 
