@@ -114,7 +114,7 @@ TEST_F(HFile, OpenDispositionsAndRefusals) {
               ECF_FILE_PATH_DOESNT_EXIST);
     EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_ZEPHFile_open, 280, ECF_FILE_PATH_DOESNT_EXIST,
                                   ZEP_LOG_INFO, SYSFN_CreateFile, 3)});
-    const Call& log = calls.back();
+    const Call& log = aLog();
     EXPECT_EQ(static_cast<Uint32>(log.count), 0x8000000Fu);
     ASSERT_EQ(log.items.size(), 4u);
     EXPECT_EQ(log.items[0].bytes, deep);
@@ -177,7 +177,7 @@ TEST_F(HFile, ReadShortIsEndOfFile) {
     EXPECT_EQ(h.read(&r, buf, &got), ECF_ACCESS_DENIED);
     EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_ZEPHFile_read, 50, ECF_ACCESS_DENIED,
                                   ZEP_LOG_INFO, SYSFN_ReadFile, 5)});
-    const Call& log = calls.back();
+    const Call& log = aLog();
     EXPECT_EQ(static_cast<Uint32>(log.count), 0x80000003u);
     ASSERT_EQ(log.items.size(), 2u);
     EXPECT_EQ(log.items[0].type, ZEP_LOGDATA_HEX);

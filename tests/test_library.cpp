@@ -164,7 +164,7 @@ TEST_F(Library, LoadRefusalsAndFlags) {
         }
         EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_ZEPHLibrary_load, 30, c.rc, c.level,
                                       SYSFN_LoadLibrary, c.osError)});
-        const Call& log = calls.back();
+        const Call& log = aLog();
         EXPECT_EQ(static_cast<Uint32>(log.count), 0x80000003u);
         ASSERT_EQ(log.items.size(), 2u);
         EXPECT_EQ(log.items[0].bytes, c.name);

@@ -231,8 +231,7 @@ TEST_F(Process, ProgramsThatCannotStartFailInsideTheCall) {
                                        rec("log", ZEPFN_ZEPHProcess_create, 40, c.rc)}));
             EXPECT_EQ(errorRecords(), (Strings{at(ZEPFN_ZEPHProcess_createProcess, 40),
                                                at(ZEPFN_ZEPHProcess_create, 40)}));
-            const Call& sys = *std::find_if(calls.begin(), calls.end(),
-                                            [](const Call& k) { return k.what == "logsys"; });
+            const Call& sys = aLog(false);
             EXPECT_EQ(static_cast<Uint32>(sys.count), 0x80000030u);
             ASSERT_EQ(sys.items.size(), 2u);
             EXPECT_EQ(sys.items[0].type, ZEP_LOGDATA_BOOL);

@@ -81,6 +81,17 @@ inline Strings logs() {
             out.push_back(rec(c.what, c.fid, c.probe, c.code, c.level, c.called, c.err));
     return out;
 }
+// The first or the last log record of the captured calls.
+inline const Call& aLog(bool last = true) {
+    static const Call none;
+    auto isLog = [](const Call& c) { return c.what.compare(0, 3, "log") == 0; };
+    if (last) {
+        auto it = std::find_if(calls.rbegin(), calls.rend(), isLog);
+        return it == calls.rend() ? none : *it;
+    }
+    auto it = std::find_if(calls.begin(), calls.end(), isLog);
+    return it == calls.end() ? none : *it;
+}
 // The error records of the trace, as "fid/probe".
 inline Strings errorRecords() {
     Strings out;
