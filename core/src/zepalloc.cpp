@@ -25,6 +25,10 @@ void store32(char* at, Uint32 v) {
     memcpy(at, &v, sizeof v);
 }
 
+void store64(char* at, Uint64 v) {
+    memcpy(at, &v, sizeof v);
+}
+
 void storeWords(char* at, Uint32 a, Uint32 b, Uint32 c, Uint32 d) {
     const Uint32 words[4] = {a, b, c, d};
     memcpy(at, words, sizeof words);
@@ -117,6 +121,9 @@ struct Held {
     Uint32 bytes;
 };
 
+static_assert((ZEP_MEMDBG_QUARANTINE_BLOCKS & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)) == 0,
+              "the ring's index wraps by a mask");
+
 struct Quarantine {
     Held ring[ZEP_MEMDBG_QUARANTINE_BLOCKS];
     Uint32 oldest;
@@ -136,7 +143,7 @@ void releaseOldest(Quarantine& q) {
     Held& h = q.ring[q.oldest];
     free(h.start);
     q.bytes -= h.bytes;
-    q.oldest = (q.oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+    q.oldest = (q.oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
     --q.count;
 }
 
@@ -170,7 +177,7 @@ __attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
     while (q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
            (q->count > 0 && q->bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
         releaseOldest(*q);
-    q->ring[(q->oldest + q->count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
+    q->ring[(q->oldest + q->count) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)] = Held{start, bytes};
     ++q->count;
     q->bytes += bytes;
 }
@@ -186,7 +193,7 @@ inline void hold(void* start, Uint32 bytes) {
         if (after <= ZEP_MEMDBG_QUARANTINE_BYTES) {
             void* gone = oldest.start;
             oldest = Held{start, bytes};
-            q->oldest = (q->oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+            q->oldest = (q->oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
             q->bytes = after;
             free(gone);
             return;
@@ -231,37 +238,8 @@ __attribute__((noinline)) Uint32 mallocFailed(void** result) {
 
 Uint32 heapAllocDebug(void** result, Uint32 size, Uint32 flags, String file, Uint32 line);
 
-// Idle mode, the common case: the pad record and the header, nothing else. It needs two of the
-// settings, the flags and the mode, which lie side by side and are read as one word: whatever a
-// change under way has stored so far, an idle block made now is one made before the change.
-// Anything else goes the whole way, with the snapshot of all four settings.
-typedef Uint64 __attribute__((may_alias)) SettingsPair;
-static_assert(offsetof(ZEPMemDebugCB, flags) == 0 && offsetof(ZEPMemDebugCB, mode) == 4,
-              "the flags and the mode make one word");
-
+// Everything but the common case goes the whole way, with the snapshot of all four settings.
 inline Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
-    if (__builtin_expect(!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED), 0))
-        __atomic_exchange_n(&cb.allocated, 1u, __ATOMIC_SEQ_CST);
-    const Uint64 pair =
-        __atomic_load_n(reinterpret_cast<const SettingsPair*>(&cb.flags), __ATOMIC_ACQUIRE);
-    const Uint32 mode = static_cast<Uint32>(pair >> 32), debugFlags = static_cast<Uint32>(pair);
-    if (__builtin_expect(mode == ZEP_MEMDBG_IDLE && !(debugFlags & ZEP_MEMDBG_FILL_NEW), 1)) {
-        const size_t rounded = (static_cast<size_t>(size) + 7) & ~static_cast<size_t>(7);
-        char* base = static_cast<char*>(malloc(rounded + kHeader + 16));
-        if (base == nullptr) return mallocFailed(result);
-        const Site& site = siteOf(file);
-        // The pad record {0, 0, size, mode} and the header {eye-catcher, size, hash, line} as
-        // four 8-byte words.
-        static_assert(sizeof(ZEPMemBlockHeader) == 16, "the header is four words");
-        const Uint64 eye = (flags & ZEP_MEM_MARK) ? ZEP_MEM_EYECATCHER_MARKED : ZEP_MEM_EYECATCHER;
-        const Uint64 words[4] = {0, (Uint64{ZEP_MEMDBG_IDLE} << 32) | size,
-                                 (Uint64{size} << 32) | eye, (Uint64{line} << 32) | site.hash};
-        memcpy(base, words, sizeof words);
-        char* user = base + 16 + kHeader;
-        if (flags & ZEP_MEM_ZERO) memset(user, 0, size);
-        *result = user;
-        return 0;
-    }
     return heapAllocDebug(result, size, flags, file, line);
 }
 
@@ -501,13 +479,55 @@ inline void reportIfAsked() {
 
 }  // namespace
 
-Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String file,
-                    Uint32 line) {
+namespace {
+
+__attribute__((noinline)) Uint32 allocSlow(void** result, void* area, Uint32 size, Uint32 flags,
+                                           String file, Uint32 line) {
     if (result == nullptr || size == 0 || (flags & ~(ZEP_MEM_ZERO | ZEP_MEM_MARK)) != 0)
         return ECF_INVALID_PARAMETER;
     reportIfAsked();
     if (area != nullptr) return areaAlloc(result, static_cast<char*>(area), size, flags);
     return heapAlloc(result, size, flags, file, line);
+}
+
+// The flags and the mode lie side by side and are read as one word: whatever a change under way
+// has stored so far, an idle block made now is one made before the change.
+typedef Uint64 __attribute__((may_alias)) SettingsPair;
+static_assert(offsetof(ZEPMemDebugCB, flags) == 0 && offsetof(ZEPMemDebugCB, mode) == 4,
+              "the flags and the mode make one word");
+static_assert(sizeof(ZEPMemBlockHeader) == 16, "the header is two 8-byte words");
+
+}  // namespace
+
+// The common case takes one test: a heap block in idle mode (new blocks not filled), a valid
+// call that doesn't ask for zeroing, no report asked for, the allocated flag set long ago;
+// anything else goes the whole way.
+// Its block is the pad record {0, 0, size, mode} and the header {eye-catcher, size, hash, line},
+// stored as four 8-byte words. The hash is looked up before `malloc`, so that only the words and
+// the result live across it.
+Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String file,
+                    Uint32 line) {
+    const Uint64 pair =
+        __atomic_load_n(reinterpret_cast<const SettingsPair*>(&cb.flags), __ATOMIC_ACQUIRE);
+    if (__builtin_expect((pair >> 32) == ZEP_MEMDBG_IDLE && !(pair & ZEP_MEMDBG_FILL_NEW) &&
+                             area == nullptr && result != nullptr && size != 0 &&
+                             (flags & ~ZEP_MEM_MARK) == 0 &&
+                             !__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
+                             __atomic_load_n(&cb.allocated, __ATOMIC_RELAXED) != 0,
+                         1)) {
+        const Uint64 tail = (Uint64{line} << 32) | siteOf(file).hash;
+        const Uint64 sizeWord = (Uint64{ZEP_MEMDBG_IDLE} << 32) | size;
+        const Uint64 eyeWord = (Uint64{size} << 32) | (ZEP_MEM_EYECATCHER | (flags >> 1));
+        char* base = static_cast<char*>(malloc(((size_t{size} + 7) & ~size_t{7}) + 32));
+        if (__builtin_expect(base == nullptr, 0)) return mallocFailed(result);
+        store64(base, 0);
+        store64(base + 8, sizeWord);
+        store64(base + 16, eyeWord);
+        store64(base + 24, tail);
+        *result = base + 32;
+        return 0;
+    }
+    return allocSlow(result, area, size, flags, file, line);
 }
 
 namespace {
@@ -524,13 +544,46 @@ __attribute__((noinline, cold)) Uint32 freeOfNull(String file, Uint32 line) {
 
 }  // namespace
 
-Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
+namespace {
+
+__attribute__((noinline)) Uint32 freeSlow(void** pointer, void* area, Uint32 size, String file,
+                                          Uint32 line) {
     if (pointer == nullptr) return ECF_INVALID_PARAMETER;
     if (*pointer == nullptr) return freeOfNull(file, line);
     reportIfAsked();
     if (area != nullptr) return areaFree(static_cast<char*>(area), *pointer, size);
     heapFree(pointer, file, line);
     return 0;
+}
+
+}  // namespace
+
+// The common case: an intact idle block of the heap, no report asked for. Nothing in it could be
+// a finding, so it is marked freed and held back at once; anything else goes through the whole
+// check. (In mode 0 there is no pad record in front of the header to read.)
+Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
+    if (__builtin_expect(pointer != nullptr && area == nullptr, 1)) {
+        char* user = static_cast<char*>(*pointer);
+        if (__builtin_expect(user != nullptr &&
+                                 !__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
+                                 __atomic_load_n(&cb.mode, __ATOMIC_RELAXED) != 0,
+                             1)) {
+            Uint64 sizeWord;  // the pad record's size and mode word
+            Uint32 eye;
+            memcpy(&sizeWord, user - 24, sizeof sizeWord);
+            memcpy(&eye, user - 16, sizeof eye);
+            if (__builtin_expect((sizeWord >> 32) == ZEP_MEMDBG_IDLE &&
+                                     (eye & ~ZEP_MEM_EYECATCHER_FLAGS) == ZEP_MEM_EYECATCHER,
+                                 1)) {
+                // The mode word and the eye-catcher side by side, as one store.
+                store64(user - 20, (Uint64{ZEP_MEM_EYECATCHER_FREED} << 32) | ZEP_MEMDBG_FREED);
+                *pointer = nullptr;
+                hold(user - 32, static_cast<Uint32>(sizeWord));
+                return 0;
+            }
+        }
+    }
+    return freeSlow(pointer, area, size, file, line);
 }
 
 Uint32 zepMemAreaInit(void* area, Uint32 size) {
