@@ -109,16 +109,34 @@ inline const Site& siteOf(String file) {
     return s;
 }
 
-// ---- the hold on freed blocks
+// ---- the hold on freed blocks, and their reuse
 //
 // Each thread keeps its most recently freed blocks from the heap, so that a second free (by any
 // thread) still finds the freed block's marks and not memory the heap gave to somebody else or
 // unmapped. The ring is plain thread-local data; a key's destructor gives it back when the
 // thread ends, and frees that come later in the thread's end go to the heap at once.
+//
+// A block that leaves the ring need not go back to the heap at once either: an idle block is
+// kept for the thread's next idle allocation of the same rounded size, which then skips both
+// `free` and `malloc`. Each rounded size up to 1,024 bytes keeps at most kReusePerSize blocks
+// (at most about 280 KiB a thread when every size is full, the order of what the C library's
+// own per-thread cache may keep); a block beyond that, or larger, goes to the heap. A block
+// waiting for reuse still bears its freed marks, so a late second free is still found.
+
+constexpr Uint32 kReuseSizes = 128;  // rounded sizes 8, 16, ... 1,024, by rounded size / 8
+constexpr Uint32 kReusePerSize = 4;
+constexpr Uint32 kNoReuse = 0;  // the class of a block that goes back to the heap
+
+// The reuse class of an idle block of `size` bytes: its rounded size / 8, or kNoReuse.
+inline Uint32 reuseClass(Uint32 size) {
+    const Uint64 eighths = (Uint64{size} + 7) >> 3;
+    return eighths <= kReuseSizes ? static_cast<Uint32>(eighths) : kNoReuse;
+}
 
 struct Held {
     void* start;
     Uint32 bytes;
+    Uint32 reuse;  // its reuse class, kNoReuse for all but idle blocks
 };
 
 static_assert((ZEP_MEMDBG_QUARANTINE_BLOCKS & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)) == 0,
@@ -129,6 +147,8 @@ struct Quarantine {
     Uint32 oldest;
     Uint32 count;
     size_t bytes;
+    Uint8 reusable[kReuseSizes + 1];  // by class; class 0 is never filled
+    void* reuse[kReuseSizes + 1][kReusePerSize];
 };
 
 // The thread's ring, made at its first free; kClosed once the thread's end gave it back. The
@@ -139,9 +159,18 @@ __thread Quarantine* t_quarantine __attribute__((tls_model("initial-exec"))) = n
 pthread_key_t s_quarantineKey;
 pthread_once_t s_quarantineOnce = PTHREAD_ONCE_INIT;
 
+// A block leaves the ring: kept for reuse if its class has room, else given to the heap.
+inline void retire(Quarantine& q, void* start, Uint32 reuse) {
+    Uint8& n = q.reusable[reuse];
+    if (reuse != kNoReuse && n < kReusePerSize)
+        q.reuse[reuse][n++] = start;
+    else
+        free(start);
+}
+
 void releaseOldest(Quarantine& q) {
     Held& h = q.ring[q.oldest];
-    free(h.start);
+    retire(q, h.start, h.reuse);
     q.bytes -= h.bytes;
     q.oldest = (q.oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
     --q.count;
@@ -149,7 +178,13 @@ void releaseOldest(Quarantine& q) {
 
 void closeQuarantine(void* p) {
     Quarantine* q = static_cast<Quarantine*>(p);
-    while (q->count > 0) releaseOldest(*q);
+    while (q->count > 0) {
+        free(q->ring[q->oldest].start);
+        q->oldest = (q->oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
+        --q->count;
+    }
+    for (Uint32 c = 0; c <= kReuseSizes; ++c)
+        for (Uint32 i = 0; i < q->reusable[c]; ++i) free(q->reuse[c][i]);
     free(q);
     t_quarantine = kClosed;
 }
@@ -167,7 +202,7 @@ Quarantine* openQuarantine() {
     return q;
 }
 
-__attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
+__attribute__((noinline)) void holdSlow(void* start, Uint32 bytes, Uint32 reuse) {
     Quarantine* q = t_quarantine;
     if (q == nullptr) q = openQuarantine();
     if (q == nullptr || q == kClosed) {
@@ -177,29 +212,40 @@ __attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
     while (q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
            (q->count > 0 && q->bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
         releaseOldest(*q);
-    q->ring[(q->oldest + q->count) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)] = Held{start, bytes};
+    q->ring[(q->oldest + q->count) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)] =
+        Held{start, bytes, reuse};
     ++q->count;
     q->bytes += bytes;
 }
 
 // The steady state: a full ring whose bytes stay within the bound after the swap. The newest
-// takes the oldest's place, which then goes to the heap.
-inline void hold(void* start, Uint32 bytes) {
+// takes the oldest's place, which then leaves the ring.
+inline void hold(void* start, Uint32 bytes, Uint32 reuse) {
     Quarantine* q = t_quarantine;
     if (__builtin_expect(reinterpret_cast<uintptr_t>(q) > 1, 1) &&
         q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS) {
         Held& oldest = q->ring[q->oldest];
         const size_t after = q->bytes - oldest.bytes + bytes;
         if (after <= ZEP_MEMDBG_QUARANTINE_BYTES) {
-            void* gone = oldest.start;
-            oldest = Held{start, bytes};
+            const Held gone = oldest;
+            oldest = Held{start, bytes, reuse};
             q->oldest = (q->oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
             q->bytes = after;
-            free(gone);
+            retire(*q, gone.start, gone.reuse);
             return;
         }
     }
-    holdSlow(start, bytes);
+    holdSlow(start, bytes, reuse);
+}
+
+// A block of the given reuse class that left the ring, or null.
+inline char* reused(Uint32 reuse) {
+    Quarantine* q = t_quarantine;
+    if (reinterpret_cast<uintptr_t>(q) > 1) {
+        Uint8& n = q->reusable[reuse];
+        if (n != 0) return static_cast<char*>(q->reuse[reuse][--n]);
+    }
+    return nullptr;
 }
 
 // ---- the heap path
@@ -351,7 +397,7 @@ inline void heapFree(void** pointer, String file, Uint32 line) {
             store32(user - kHeader, ZEP_MEM_EYECATCHER_FREED);
             store32(user - kHeader - 4, ZEP_MEMDBG_FREED);
             *pointer = nullptr;
-            hold(user - kHeader - 16, head[0]);
+            hold(user - kHeader - 16, head[0], reuseClass(head[0]));
             return;
         }
     }
@@ -365,7 +411,7 @@ __attribute__((noinline)) void heapFreeChecked(void** pointer, String file, Uint
     if (modeZero)
         free(user - kHeader);
     else if (*pointer != nullptr)
-        hold(*pointer, size);
+        hold(*pointer, size, kNoReuse);
     *pointer = nullptr;
 }
 
@@ -518,8 +564,12 @@ Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String
         const Uint64 tail = (Uint64{line} << 32) | siteOf(file).hash;
         const Uint64 sizeWord = (Uint64{ZEP_MEMDBG_IDLE} << 32) | size;
         const Uint64 eyeWord = (Uint64{size} << 32) | (ZEP_MEM_EYECATCHER | (flags >> 1));
-        char* base = static_cast<char*>(malloc(((size_t{size} + 7) & ~size_t{7}) + 32));
-        if (__builtin_expect(base == nullptr, 0)) return mallocFailed(result);
+        const Uint32 reuse = reuseClass(size);
+        char* base = reused(reuse);
+        if (base == nullptr) {
+            base = static_cast<char*>(malloc(((size_t{size} + 7) & ~size_t{7}) + 32));
+            if (__builtin_expect(base == nullptr, 0)) return mallocFailed(result);
+        }
         store64(base, 0);
         store64(base + 8, sizeWord);
         store64(base + 16, eyeWord);
@@ -578,7 +628,8 @@ Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 
                 // The mode word and the eye-catcher side by side, as one store.
                 store64(user - 20, (Uint64{ZEP_MEM_EYECATCHER_FREED} << 32) | ZEP_MEMDBG_FREED);
                 *pointer = nullptr;
-                hold(user - 32, static_cast<Uint32>(sizeWord));
+                const Uint32 bytes = static_cast<Uint32>(sizeWord);
+                hold(user - 32, bytes, reuseClass(bytes));
                 return 0;
             }
         }
