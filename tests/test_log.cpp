@@ -1,30 +1,15 @@
 // The log as its readers see it: the exact text of records in a file, the location fields, the
 // level rule, the targets, and many processes appending to one file.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <stdio.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "zep.h"
 #include "zeplogitems.h"
 #include "zeptest_stress.h"
+#include "zeptest_util.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using zeptest::slurp;
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
@@ -37,16 +22,7 @@ std::vector<std::string> lines(const std::string& text) {
 
 class Log : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/zeplogXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        path_ = dir_ + "/zep.log";
-    }
-    void TearDown() override {
-        zepLogFacClose(nullptr);
-        ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
-    }
+    void TearDown() override { zepLogFacClose(nullptr); }
     void open(Uint32 level = ZEP_LOG_INFO, Uint32 target = ZEP_LOG_TARGET_FILE,
               ZEPLogFacility* f = nullptr) {
         ZEPLogFacilityParam p;
@@ -60,22 +36,26 @@ protected:
         struct stat st;
         return stat(path_.c_str(), &st) == 0 ? st.st_size : 0;
     }
+    Uint32 info(ZEPLogFacility* f = nullptr, Uint32 level = ZEP_LOG_INFO) {
+        return zepLog(f, ZEPFN_zepFileRename, 0, 10, level, 0);
+    }
     // Runs the zeplog tool: its exit status, and texts its output has.
     void expectTool(const std::string& args, int status, std::vector<std::string> says = {}) {
-        const std::string out = dir_ + "/tool.out";
+        const std::string out = dir_ / "tool.out";
         int st = system((ZEP_TOOL_BIN_DIR "/zeplog " + args + " > " + out + " 2>&1").c_str());
         EXPECT_EQ(WIFEXITED(st) ? WEXITSTATUS(st) : -1, status) << args;
         for (const std::string& s : says)
             EXPECT_NE(slurp(out).find(s), std::string::npos) << args << "\n" << slurp(out);
     }
-    std::string dir_, path_;
+    zeptest::TempDir dir_{"zeplog"};
+    std::string path_ = dir_ / "zep.log";
 };
 
 TEST_F(Log, WorkedRecordOfAFailingRename) {
     open();
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    ASSERT_EQ(chdir(dir_.path.c_str()), 0);
     EXPECT_EQ(zepFileRename("a", "b"), ECF_FILE_DOESNT_EXIST);
     ASSERT_EQ(chdir(cwd), 0);
 
@@ -111,8 +91,8 @@ TEST_F(Log, WorkedRecordOfAFailingRename) {
 TEST_F(Log, LocationFields) {
     // Each record's field is its own offset and length: together they walk the file.
     open();
-    for (int i = 0; i < 3; ++i) zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0);
-    std::string text = log();
+    for (int i = 0; i < 3; ++i) info();
+    const std::string text = log();
     size_t pos = 0;
     for (int n = 0; n < 3; ++n) {
         ASSERT_EQ(text.compare(pos, 2, "\r\n"), 0);
@@ -128,15 +108,15 @@ TEST_F(Log, LocationFields) {
     // characters and is cut to 17, leaving " LEVEL: " where it belongs.
     const long long kAt = 1000000000000LL;
     ASSERT_EQ(truncate(path_.c_str(), kAt), 0);
-    ASSERT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, ZEP_LOG_INFO, 0), 0u);
+    ASSERT_EQ(info(), 0u);
     int fd = ::open(path_.c_str(), O_RDONLY);
     char rec[128] = {};
     ASSERT_EQ(pread(fd, rec, 100, kAt), 100);
     close(fd);
-    std::string field = "I" + std::to_string(kAt + 2) + "H" + std::to_string(size() - kAt - 2);
+    const std::string field =
+        "I" + std::to_string(kAt + 2) + "H" + std::to_string(size() - kAt - 2);
     ASSERT_EQ(field.size(), 18u);
-    EXPECT_EQ(std::string(rec + 33, 17), field.substr(0, 17));
-    EXPECT_EQ(std::string(rec + 50, 9), "  LEVEL: ");
+    EXPECT_EQ(std::string(rec + 33, 26), field.substr(0, 17) + "  LEVEL: ");
     unlink(path_.c_str());
 }
 
@@ -146,60 +126,56 @@ TEST_F(Log, LevelRule) {
         unlink(path_.c_str());
         for (Uint32 record = 0; record <= 6; ++record) {
             const off_t before = size();
-            EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, record, 0), 0u);
-            const off_t after = size();
-            bool expected =
+            EXPECT_EQ(info(nullptr, record), 0u);
+            const bool expected =
                 facility == 5 ? record == 5 : record == 5 || (record != 0 && record <= facility);
-            EXPECT_EQ(after > before, expected) << "facility " << facility << " record " << record;
+            EXPECT_EQ(size() > before, expected) << "facility " << facility << " record " << record;
         }
     }
     // An out-of-range facility level set afterwards goes by the same rule.
     open(4);
     EXPECT_EQ(zepLogFacSetLevel(nullptr, 9), 0u);
     unlink(path_.c_str());
-    zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 6, 0);
-    EXPECT_EQ(access(path_.c_str(), F_OK), 0);
+    info(nullptr, 6);
+    EXPECT_TRUE(zeptest::exists(path_));
 }
 
 TEST_F(Log, FacilityCalls) {
-    ZEPLogFacilityParam p;
+    using P = ZEPLogFacilityParam;
+    P p;
     EXPECT_EQ(p.version, 0x09010007u);
     snprintf(p.name, sizeof p.name, "n");
     p.level = 4;
     p.target = ZEP_LOG_TARGET_EVENTLOG;  // needs no path
     // One thing wrong at a time.
-    using P = ZEPLogFacilityParam;
-    auto refused = [&](void (*change)(P&)) {
+    for (void (*change)(P&) :
+         {+[](P& q) { q.target = 3; }, +[](P& q) { q.target = ZEP_LOG_TARGET_FILE; },  // no path
+          +[](P& q) { q.level = 6; }, +[](P& q) { q.name[0] = 0; },
+          +[](P& q) { q.version = 20040701; }}) {
         P q = p;
         change(q);
-        return zepLogFacOpen(&q, nullptr) == ECF_INVALID_PARAMETER;
-    };
-    EXPECT_TRUE(refused([](P& q) { q.target = 3; }));
-    EXPECT_TRUE(refused([](P& q) { q.target = ZEP_LOG_TARGET_FILE; }));  // no path
-    EXPECT_TRUE(refused([](P& q) { q.level = 6; }));
-    EXPECT_TRUE(refused([](P& q) { q.name[0] = 0; }));
-    EXPECT_TRUE(refused([](P& q) { q.version = 20040701; }));
+        EXPECT_EQ(zepLogFacOpen(&q, nullptr), ECF_INVALID_PARAMETER);
+    }
     EXPECT_EQ(zepLogFacOpen(nullptr, nullptr), ECF_INVALID_PARAMETER);
     EXPECT_EQ(zepLogFacOpen(&p, nullptr), 0u);
-
     EXPECT_EQ(zepLogFacClose(nullptr), 0u);
     EXPECT_EQ(zepLogFacClose(nullptr), 0u);
     EXPECT_EQ(zepLogFacSetLevel(nullptr, 4), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(info(), ECF_INVALID_PARAMETER);
 
     // A facility of the caller's own, in its memory.
     ZEPLogFacility mine = {};
     open(ZEP_LOG_INFO, ZEP_LOG_TARGET_FILE, &mine);
-    EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, 0), 0u);
-    EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(info(&mine), 0u);
+    EXPECT_EQ(info(), ECF_INVALID_PARAMETER);
     EXPECT_EQ(lines(log()).size(), 4u);
 
     // Bad counts and masks, and an unwritable file.
     EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, -1), ECF_INVALID_PARAMETER);
     EXPECT_EQ(zepLogRC(&mine, ZEPFN_zepFileRename, 0, 0, 0, 10, 4, 1), ECF_INVALID_PARAMETER);
     EXPECT_EQ(zepLogSysRC(&mine, ZEPFN_zepFileRename, 0, 0, 0, 10, 4, 1), ECF_INVALID_PARAMETER);
-    snprintf(mine.path, sizeof mine.path, "%s/no/such/dir/x.log", dir_.c_str());
-    EXPECT_EQ(zepLog(&mine, ZEPFN_zepFileRename, 0, 10, 4, 0), ECF_FAILED);
+    snprintf(mine.path, sizeof mine.path, "%s/no/such/dir/x.log", dir_.path.c_str());
+    EXPECT_EQ(info(&mine), ECF_FAILED);
 }
 
 TEST_F(Log, RecordParts) {
@@ -213,18 +189,16 @@ TEST_F(Log, RecordParts) {
     zepLog(nullptr, 0xFFFFFFFFu, 0, 50, 4, 0);
     std::vector<std::string> l = lines(log());
     ASSERT_EQ(l.size(), 20u);
-    EXPECT_NE(l[1].find("LEVEL: Error (OS)"), std::string::npos);
-    EXPECT_EQ(l[3], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:20");
-    EXPECT_EQ(l[4], "MESSAGE : ECF=0x90000007 Unknown");
-    EXPECT_EQ(l[5], "CALLED  : OS, -, CreateFile" + std::string(23, ' ') + "OSERR: 1");
-    EXPECT_EQ(l[6], "ARG  #1 : Uint32, 4 bytes");
-    EXPECT_EQ(l[7], "1");
-    EXPECT_EQ(l[8], "ARG  #3 : ");
-    EXPECT_EQ(l[9], "NULL");
+    EXPECT_EQ(l[1].substr(49), " LEVEL: Error (OS)");
+    const std::vector<std::string> first(l.begin() + 3, l.begin() + 10);
+    EXPECT_EQ(first, (std::vector<std::string>{
+                         "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:20",
+                         "MESSAGE : ECF=0x90000007 Unknown",
+                         "CALLED  : OS, -, CreateFile" + std::string(23, ' ') + "OSERR: 1",
+                         "ARG  #1 : Uint32, 4 bytes", "1", "ARG  #3 : ", "NULL"}));
     // Code 0: no MESSAGE line; a nested library call shows by its catalogue names.
     EXPECT_EQ(l[10], "");
-    EXPECT_NE(l[11].find("LEVEL: Info"), std::string::npos);
-    EXPECT_EQ(l[11].find("(OS)"), std::string::npos);
+    EXPECT_EQ(l[11].substr(49), " LEVEL: Info");
     EXPECT_EQ(l[13], "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:40");
     EXPECT_EQ(l[14], "CALLED  : VRN Common, ZEPe, ZEPHFile::open");
     EXPECT_EQ(l[15],
@@ -238,36 +212,42 @@ TEST_F(Log, ItemRendering) {
     auto typed = [&](const void* p, Uint32 n, Sint32 type, Uint32 space = sizeof buf) {
         return std::string(buf, zepLogRenderTyped(buf, space, p, n, type));
     };
-    Uint32 u4 = 4000000000u;
-    Uint16 b2 = 0x0100, h2 = 0xBEEF;
-    Sint8 s1 = -1;
-    Uint64 u8 = 18446744073709551615ull;
-    EXPECT_EQ(typed(&u4, 4, ZEP_LOGDATA_UINT), "Uint32, 4 bytes\r\n4000000000\r\n");
-    EXPECT_EQ(typed(&u4, 3, ZEP_LOGDATA_UINT), "");  // the dump takes it
-    EXPECT_EQ(typed(&b2, 2, ZEP_LOGDATA_BOOL), "Bool, 2 bytes\r\ntrue\r\n");
-    EXPECT_EQ(typed(&s1, 1, ZEP_LOGDATA_SINT), "Sint8, 1 bytes\r\n-1\r\n");
-    EXPECT_EQ(typed(&h2, 2, ZEP_LOGDATA_HEX), "Hex, 2 bytes\r\n0xBEEF\r\n");
-    EXPECT_EQ(typed(&u8, 8, ZEP_LOGDATA_UINT), "Uint64, 8 bytes\r\n18446744073709551615\r\n");
-    EXPECT_EQ(typed("hello", 5, ZEP_LOGDATA_CHAR), "Char, 5 bytes\r\nh\r\n");
-    {
-        // An item of no bytes at the very end of readable memory: nothing behind it is read.
-        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        char* two = static_cast<char*>(
-            mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        ASSERT_NE(two, MAP_FAILED);
-        ASSERT_EQ(mprotect(two + page, page, PROT_NONE), 0);
-        EXPECT_EQ(typed(two + page, 0, ZEP_LOGDATA_CHAR), "Char, 0 bytes\r\n\r\n");
-        munmap(two, 2 * page);
-    }
-    EXPECT_EQ(typed(&u4, 4, -9), "");
-    EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
-    // Strings are clamped at 512; with too little room for the text and its line end, the line
-    // stays open.
-    std::string x600(600, 'x');
-    EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING),
-              "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
+    const Uint32 u4 = 4000000000u;
+    const Uint16 b2 = 0x0100, h2 = 0xBEEF;
+    const Sint8 s1 = -1;
+    const Uint64 u8 = 18446744073709551615ull;
+    const std::string x600(600, 'x');
+    const struct {
+        const void* p;
+        Uint32 n;
+        Sint32 type;
+        const std::string want;
+    } rows[] = {
+        {&u4, 4, ZEP_LOGDATA_UINT, "Uint32, 4 bytes\r\n4000000000\r\n"},
+        {&u4, 3, ZEP_LOGDATA_UINT, ""},  // the dump takes it
+        {&u4, 4, -9, ""},
+        {&b2, 2, ZEP_LOGDATA_BOOL, "Bool, 2 bytes\r\ntrue\r\n"},
+        {&s1, 1, ZEP_LOGDATA_SINT, "Sint8, 1 bytes\r\n-1\r\n"},
+        {&h2, 2, ZEP_LOGDATA_HEX, "Hex, 2 bytes\r\n0xBEEF\r\n"},
+        {&u8, 8, ZEP_LOGDATA_UINT, "Uint64, 8 bytes\r\n18446744073709551615\r\n"},
+        {"hello", 5, ZEP_LOGDATA_CHAR, "Char, 5 bytes\r\nh\r\n"},
+        {"abc", 2, ZEP_LOGDATA_STRING, "String, 2 bytes\r\nabc\r\n"},
+        // Strings are clamped at 512.
+        {x600.c_str(), 512, ZEP_LOGDATA_STRING,
+         "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n"},
+    };
+    for (const auto& r : rows) EXPECT_EQ(typed(r.p, r.n, r.type), r.want) << r.want;
+    // With too little room for the text and its line end, the line stays open.
     EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING, 30),
               "String, 512 bytes\r\n" + std::string(10, 'x'));
+    // An item of no bytes at the very end of readable memory: nothing behind it is read.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char* two = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(two, MAP_FAILED);
+    ASSERT_EQ(mprotect(two + page, page, PROT_NONE), 0);
+    EXPECT_EQ(typed(two + page, 0, ZEP_LOGDATA_CHAR), "Char, 0 bytes\r\n\r\n");
+    munmap(two, 2 * page);
 
     // Dumps: 20 bytes in two lines; 600 bytes of true length; a record nearly full.
     unsigned char data[600];
@@ -292,24 +272,21 @@ TEST_F(Log, ItemRendering) {
 }
 
 TEST_F(Log, ZoneArithmetic) {
-    // local and UTC seconds since midnight of one moment -> minutes east of UTC
-    EXPECT_EQ(zepLogZoneMinutes(3600, 0), 60);
-    EXPECT_EQ(zepLogZoneMinutes(0, 18000), -300);
-    EXPECT_EQ(zepLogZoneMinutes(1800, 84600), 60);   // local just after midnight, UTC before
-    EXPECT_EQ(zepLogZoneMinutes(84600, 1800), -60);  // the other way round
-    EXPECT_EQ(zepLogZoneMinutes(43200, 0), 720);     // +12 h
-    EXPECT_EQ(zepLogZoneMinutes(0, 43200), 720);     // -12 h and +12 h are the same moment
-    EXPECT_EQ(zepLogZoneMinutes(46800, 86399), -659);
-    EXPECT_EQ(zepLogZoneMinutes(30, 0), 0);  // truncation toward zero
-    EXPECT_EQ(zepLogZoneMinutes(0, 30), 0);
+    // Local and UTC seconds since midnight of one moment: minutes east of UTC. Local just after
+    // midnight with UTC before, and the other way round; -12 h and +12 h are the same moment;
+    // truncation toward zero.
+    const int rows[][3] = {{3600, 0, 60},        {0, 18000, -300}, {1800, 84600, 60},
+                           {84600, 1800, -60},   {43200, 0, 720},  {0, 43200, 720},
+                           {46800, 86399, -659}, {30, 0, 0},       {0, 30, 0}};
+    for (const auto& r : rows)
+        EXPECT_EQ(zepLogZoneMinutes(r[0], r[1]), r[2]) << r[0] << " " << r[1];
 }
 
 TEST_F(Log, StandardErrorTarget) {
     open(ZEP_LOG_INFO, ZEP_LOG_TARGET_STDERR);
-    std::string out = dir_ + "/stderr";
+    const std::string out = dir_ / "stderr";
     fflush(stderr);
-    int saved = dup(2);
-    int fd = ::open(out.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+    const int saved = dup(2), fd = ::open(out.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
     dup2(fd, 2);
     EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_ERROR, 0), 0u);
     fflush(stderr);
@@ -323,18 +300,11 @@ TEST_F(Log, StandardErrorTarget) {
 }
 
 TEST_F(Log, ManyProcessesAppendToOneFile) {
-    std::vector<pid_t> kids(4);
-    for (pid_t& k : kids)
-        if ((k = fork()) == 0) {
-            execl(ZEP_TEST_BIN_DIR "/helper_log", "helper_log", path_.c_str(),
-                  std::to_string(2000 * zeptestStress()).c_str(), nullptr);
-            _exit(127);
-        }
-    for (pid_t k : kids) {
-        int status = 0;
-        ASSERT_EQ(waitpid(k, &status, 0), k);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+    std::vector<pid_t> kids;
+    for (int i = 0; i < 4; ++i)
+        kids.push_back(
+            zeptest::spawnHelper("helper_log", {path_, std::to_string(2000 * zeptestStress())}));
+    for (pid_t k : kids) EXPECT_EQ(zeptest::waitExit(k), 0);
     // The library's own reader walks the file by its fields.
     expectTool("--check " + path_, 0,
                {": " + std::to_string(8000 * zeptestStress()) + " records, 0 damaged"});
@@ -343,24 +313,27 @@ TEST_F(Log, ManyProcessesAppendToOneFile) {
 TEST(HexDump, LinesAndBuffers) {
     unsigned char data[20];
     for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(i == 3 ? 'z' : i);
-    char line[ZEP_HEXDUMP_LINE_SIZE];
-    Uint32 n = zepHexDumpLine(line, data, 16, 0);
-    EXPECT_EQ(n, 62u);
-    EXPECT_EQ(std::string(line), "0001 027A 0405 0607 0809 0A0B 0C0D 0E0F    ...z............\r\n");
-    n = zepHexDumpLine(line, data, 16, ZEP_HEXDUMP_ADDRESS);
-    EXPECT_EQ(n, 75u);
-    EXPECT_EQ(strlen(line), 74u);
+    const Uint32 word = 0x12345678;
+    const std::string plain = "0001 027A 0405 0607 0809 0A0B 0C0D 0E0F    ...z............\r\n";
     char addr[16];
     snprintf(addr, sizeof addr,
              "0x%08X : ", static_cast<unsigned>(reinterpret_cast<uintptr_t>(data)));
-    EXPECT_EQ(std::string(line, 13), addr);
-    EXPECT_EQ(std::string(line + 56), "...z............\r\n");
-    Uint32 word = 0x12345678;
-    n = zepHexDumpLine(line, &word, 4, ZEP_HEXDUMP_WORD | ZEP_HEXDUMP_NO_CHARS);
-    EXPECT_EQ(std::string(line), "0x12345678" + std::string(33, ' ') + "\r\n");
-    EXPECT_EQ(n, 46u);
-    n = zepHexDumpLine(line, data, 3, 0);
-    EXPECT_EQ(std::string(line), "0001 02" + std::string(36, ' ') + "...\r\n");
+    const struct {
+        const void* p;
+        Uint32 n, flags;
+        std::string want;
+    } rows[] = {
+        {data, 16, 0, plain},
+        {data, 16, ZEP_HEXDUMP_ADDRESS, addr + plain},
+        {&word, 4, ZEP_HEXDUMP_WORD | ZEP_HEXDUMP_NO_CHARS,
+         "0x12345678" + std::string(33, ' ') + "\r\n"},
+        {data, 3, 0, "0001 02" + std::string(36, ' ') + "...\r\n"},
+    };
+    for (const auto& r : rows) {
+        char line[ZEP_HEXDUMP_LINE_SIZE];
+        EXPECT_EQ(zepHexDumpLine(line, r.p, r.n, r.flags), r.want.size() + 1);
+        EXPECT_EQ(std::string(line), r.want);
+    }
 
     // Whole dumps into a buffer, a line at a time while they fit.
     for (int i = 0; i < 20; ++i) data[i] = static_cast<unsigned char>(0x41 + i);
@@ -388,7 +361,7 @@ TEST_F(Log, ReaderFindsDamageAndFilters) {
     zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_INFO, 1, &v, 4u, ZEP_LOGDATA_UINT);
     zepLog(nullptr, ZEPFN_zepFileCopy, ECF_FILE_EXISTS, 20, ZEP_LOG_ERROR, 0);
     zepLog(nullptr, ZEPFN_zepFileRename, 0, 30, ZEP_LOG_EVENT, 0);
-    std::string good = log();
+    const std::string good = log();
 
     expectTool("--ecf ECF_FILE_EXISTS " + path_, 0,
                {"3 records, 0 damaged stretches, 1 selected",
@@ -398,22 +371,22 @@ TEST_F(Log, ReaderFindsDamageAndFilters) {
     expectTool("--pid " + std::to_string(getpid() + 1) + " " + path_, 0, {"0 selected"});
 
     // Cut short: the last record is reported as truncated.
-    std::string cut = dir_ + "/cut.log";
+    std::string cut = dir_ / "cut.log";
     std::ofstream(cut, std::ios::binary) << good.substr(0, good.size() - 10);
     expectTool("--check " + cut, 1, {"TRUNCATED", "2 records, 1 damaged"});
 
     // Bytes inside the second record: that stretch is damaged, the records around it survive
     // (the third is found again, though its field no longer matches its place).
-    std::string hurt = dir_ + "/hurt.log";
+    std::string hurt = dir_ / "hurt.log";
     size_t second = good.find("\r\n\r\n") + 2;
     std::ofstream(hurt, std::ios::binary)
         << good.substr(0, second + 100) << "XXXX" << good.substr(second + 100);
     expectTool("--check " + hurt, 1, {"DAMAGED", "MISPLACED", "2 records"});
 
-    std::string junk = dir_ + "/junk.log";
+    std::string junk = dir_ / "junk.log";
     std::ofstream(junk) << "hello\n";
     expectTool(junk, 2, {"is not a zep log file"});
-    expectTool(dir_ + "/missing.log", 2);
+    expectTool(dir_ / "missing.log", 2);
     expectTool("--ecf ECF_NO_SUCH " + path_, 2);
 }
 

@@ -166,6 +166,36 @@ void _gtraceErrorVar(Uint64 t, Uint32 fid, Uint16 probe, Uint16 type, Uint32 w1,
 
 namespace zeptest {
 
+// The calls so far, joined by "; ": kind and function, then the probe, type and item count of a
+// trace record, an exit's result, or a log's called function, platform error, code, probe, level
+// and item count (n) or mask (m). Names come from the catalogue.
+inline std::string said() {
+    auto fn = [](Uint32 id) {
+        const char* n = ecfGetFunctionName(id);
+        return n ? std::string(n) : std::to_string(id);
+    };
+    auto code = [](Uint32 c) {
+        const char* n = ecfErrorGetCodeName(c);
+        return n ? std::string(n) : std::to_string(c);
+    };
+    std::string out;
+    for (const Call& c : calls) {
+        out += (out.empty() ? "" : "; ") + c.what + " " + fn(c.fid);
+        if (c.what == "exit") out += " " + code(c.rc);
+        if (c.what == "var" || c.what == "error")
+            out += " p" + std::to_string(c.probe) + " t" + std::to_string(c.type);
+        const bool log = c.what.compare(0, 3, "log") == 0, masked = log && c.what != "log";
+        if (masked) out += " " + fn(c.called) + " " + std::to_string(c.err);
+        if (log)
+            out += " " + code(c.code) + " p" + std::to_string(c.probe) + " L" +
+                   std::to_string(c.level);
+        char n[16];
+        snprintf(n, sizeof n, masked ? " m%X" : " n%d", c.count);
+        if (c.what != "entry" && c.what != "exit") out += n;
+    }
+    return out;
+}
+
 // A test with the capture emptied, the trace off, and a fresh directory of its own.
 class CaptureTest : public ::testing::Test {
 protected:
