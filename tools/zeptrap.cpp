@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "zep.h"
+#include "zepdwarfline.h"
 
 namespace {
 
@@ -296,30 +297,6 @@ struct Symbols {
     }
 };
 
-// The source line of an address. Objects without an address-range table (clang's default) have
-// no unit that this release of libdw finds by the table; the units' own ranges find it.
-const char* sourceLine(Dwfl_Module* mod, Dwarf_Addr address, int* lineNo) {
-    Dwfl_Line* line = dwfl_module_getsrc(mod, address);
-    if (line != nullptr) return dwfl_lineinfo(line, nullptr, lineNo, nullptr, nullptr, nullptr);
-    Dwarf_Addr bias = 0;
-    Dwarf* dw = dwfl_module_getdwarf(mod, &bias);
-    if (dw == nullptr) return nullptr;
-    Dwarf_Off offset = 0, next = 0;
-    size_t headerSize = 0;
-    while (dwarf_nextcu(dw, offset, &next, &headerSize, nullptr, nullptr, nullptr) == 0) {
-        Dwarf_Die cu;
-        if (dwarf_offdie(dw, offset + headerSize, &cu) != nullptr &&
-            dwarf_haspc(&cu, address - bias) == 1) {
-            Dwarf_Line* l = dwarf_getsrc_die(&cu, address - bias);
-            if (l != nullptr && dwarf_lineno(l, lineNo) == 0)
-                return dwarf_linesrc(l, nullptr, nullptr);
-            return nullptr;
-        }
-        offset = next;
-    }
-    return nullptr;
-}
-
 std::string demangle(const char* name) {
     int status = 0;
     char* d = abi::__cxa_demangle(name, nullptr, nullptr, &status);
@@ -357,7 +334,7 @@ std::string describe(const Trap& t, const Symbols& s, Uint64 address, Uint64 loo
                  static_cast<unsigned long long>(offset + address - lookup));
         out = demangle(name) + d;
         int lineNo = 0;
-        const char* file = sourceLine(mod, lookup, &lineNo);
+        const char* file = zepDwarfSourceLine(mod, lookup, &lineNo);
         if (file != nullptr) out += " at " + std::string(file) + ":" + std::to_string(lineNo);
     } else {
         out = "??";
