@@ -91,6 +91,7 @@ TEST(GTMask, FunctionsAndTypesOnAndOff) {
     EXPECT_EQ(passes(*m, {{R | (5u << 16), 3, 10}, {R + 1, 3, 10}, {fid(1, 2, f), 3, 10}}), "100");
     m->gtmDelMask(1, 3, f, W, 0);
     EXPECT_TRUE(bitmapsEmpty(*m));
+    EXPECT_EQ(passes(*m, {{R, 3, 10}}), "0");
 
     // Types are the row's: both functions pass types 1 and 2.
     ASSERT_TRUE(m->gtmSetMask(1, 3, 10, 1, 0, 0));
