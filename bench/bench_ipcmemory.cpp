@@ -51,7 +51,8 @@ void Lifecycle_Zep(benchmark::State& state) {
 }
 
 void Lifecycle_Shm(benchmark::State& state) {
-    const std::string name = "/" + nameOf("lifeshm");
+    std::string name = "/";
+    name += nameOf("lifeshm");
     for (auto _ : state) {
         int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd < 0 || ftruncate(fd, kSize) != 0) {
@@ -90,7 +91,8 @@ void Attach_Zep(benchmark::State& state) {
 }
 
 void Attach_Shm(benchmark::State& state) {
-    const std::string name = "/" + nameOf("attachshm");
+    std::string name = "/";
+    name += nameOf("attachshm");
     int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0 || ftruncate(fd, kSize) != 0) {
         state.SkipWithError("shm_open failed");

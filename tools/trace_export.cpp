@@ -186,8 +186,10 @@ void ChromeExporter::record(const void* payload, Uint32 size) {
     if (recordHasRc(r.recordType)) args += ",\"rc\":" + quoted(codeText(r.returnCode));
     if (recordHasWords(r.recordType)) args += format(",\"words\":[%u,%u]", r.word1, r.word2);
     std::string items;
-    for (const RecordItem& item : recordItems(payload, size))
-        items += (items.empty() ? "" : ",") + quoted(itemText(item));
+    for (const RecordItem& item : recordItems(payload, size)) {
+        if (!items.empty()) items += ',';
+        items += quoted(itemText(item));
+    }
     if (!items.empty()) args += ",\"items\":[" + items + "]";
     const bool error = r.recordType == GTRACE_TYPE_ERROR || r.recordType == GTRACE_TYPE_ERROR_OP ||
                        r.recordType == GTRACE_TYPE_ERROR_TRANS;

@@ -249,7 +249,7 @@ void attachArea(Area* area, const std::string& name) {
 }
 
 void detachArea(Area* area) {
-    gtraceDetach();
+    if (g_pGTCB != nullptr) gtraceDetach();
     area->memory.detach();
     area->cb = nullptr;
 }
@@ -647,7 +647,10 @@ std::string typesSuffix(const GTM_TRC_MASK& mask, Uint32 p, Uint32 c) {
     if (mask.gtmIsTypeMaskFull(p, c)) return "";
     std::string out;
     for (Uint32 t = 0; t < 16; ++t)
-        if (mask.gtmIsTypeInMask(p, c, t)) out += (out.empty() ? ":" : ",") + typeWord(t);
+        if (mask.gtmIsTypeInMask(p, c, t)) {
+            out += out.empty() ? ':' : ',';
+            out += typeWord(t);
+        }
     return out.empty() ? ":none" : out;
 }
 
@@ -824,6 +827,10 @@ int cmdDrain(int argc, char** argv) {
     Uint32 written = 0;
     rc = file.write(&write, &written);
     if (rc != 0) die(1, "cannot write '%s': %s", argv[1], codeText(rc).c_str());
+    // From here on the ring is reached through its own block only. Still attached to the trace,
+    // this process would trace its own writes of the chunks into the ring: a full chunk would
+    // wait for the drain, and the drain for its own record.
+    gtraceDetach();
 
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);

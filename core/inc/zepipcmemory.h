@@ -119,6 +119,7 @@ public:
 
 private:
     void reset();
+    void abandon(Uint32 functionId, bool ownsMapping);
     Uint32 detachIn(Uint32 functionId);
 
     void* mapping_;

@@ -19,6 +19,16 @@ ZepLogItem logPtr(void* const* p) {
     return ZepLogHex(p, sizeof *p);
 }
 
+// The record of a failed platform call: its error mapped (the level into `level`) and logged at
+// `probe`, with `args` as the record's further arguments (0, or ZEP_LOG_ARGS(n) and the items).
+template <class... Args>
+Uint32 systemRecord(Uint32 fid, Uint16 probe, Uint32 sysfn, Uint32 err, Uint32* level,
+                    Args... args) {
+    const Uint32 rc = zepErrorMapSystem(fid, probe, sysfn, err, level);
+    zepLogSysRC(nullptr, fid, sysfn, err, rc, probe, *level, args...);
+    return rc;
+}
+
 }  // namespace
 
 // ---- ZEPHIPCMemory
@@ -47,18 +57,16 @@ Uint32 ZEPHIPCMemory::create(const ZEPIPCMemoryCreateParam* param) {
         if (mapping_ == nullptr || osError == zepos::ERROR_ALREADY_EXISTS) {
             // 183 maps to ECF_MEM_EXISTS: create never joins a block that is there.
             probe = mapping_ == nullptr ? 80 : 90;
-            rc = zepErrorMapSystem(f.functionId(), probe, SYSFN_CreateFileMapping, osError, &level);
-            zepLogSysRC(nullptr, f.functionId(), SYSFN_CreateFileMapping, osError, rc, probe, level,
-                        ZEP_LOG_ARGS(3), &high, 4u, ZEP_LOGDATA_UINT, &param->memorySize, 4u,
-                        ZEP_LOGDATA_UINT);
+            rc = systemRecord(f.functionId(), probe, SYSFN_CreateFileMapping, osError, &level,
+                              ZEP_LOG_ARGS(3), &high, 4u, ZEP_LOGDATA_UINT, &param->memorySize,
+                              4u, ZEP_LOGDATA_UINT);
         } else {
             void* view = zepos::MapViewOfFileEx(mapping_, kMapReadWrite, 0, 0, 0, param->address);
             if (view == nullptr) {
                 probe = 100;
-                const Uint32 err = zepos::GetLastError();
-                rc = zepErrorMapSystem(f.functionId(), probe, SYSFN_MapViewOfFileEx, err, &level);
-                zepLogSysRC(nullptr, f.functionId(), SYSFN_MapViewOfFileEx, err, rc, probe, level,
-                            ZEP_LOG_ARGS(1), &param->address, 8u, ZEP_LOGDATA_HEX);
+                rc = systemRecord(f.functionId(), probe, SYSFN_MapViewOfFileEx,
+                                  zepos::GetLastError(), &level, ZEP_LOG_ARGS(1), &param->address,
+                                  8u, ZEP_LOGDATA_HEX);
             } else {
                 address_ = view;
                 f.traceData(110, ZepTrcBlock{&address_, sizeof address_});
@@ -104,11 +112,8 @@ Uint32 ZEPHIPCMemory::attach(const ZEPIPCResID* resID, const void* address) {
         zepos::CloseHandle(mapping_);
         mapping_ = kNone;
         probe = 70;
-        const Uint32 rc =
-            zepErrorMapSystem(f.functionId(), probe, SYSFN_MapViewOfFileEx, err, &level);
-        zepLogSysRC(nullptr, f.functionId(), SYSFN_MapViewOfFileEx, err, rc, probe, level,
-                    ZEP_LOG_ARGS(2), &address, 8u, ZEP_LOGDATA_HEX);
-        f.setQuietResult(rc);
+        f.setQuietResult(systemRecord(f.functionId(), probe, SYSFN_MapViewOfFileEx, err, &level,
+                                      ZEP_LOG_ARGS(2), &address, 8u, ZEP_LOGDATA_HEX));
     }
     const void* self = this;
     f.fail(f.rc(), probe, level, ZepLogStr(resID->name), ZepLogHex(&address, sizeof address),
@@ -258,6 +263,15 @@ ZEPHIPCMemoryEx::~ZEPHIPCMemoryEx() {
     reset();
 }
 
+// After a refusal (other than of a second call on an attached object): the mapping this call
+// opened is closed again and the object is empty.
+void ZEPHIPCMemoryEx::abandon(Uint32 functionId, bool ownsMapping) {
+    Uint32 level;
+    if (ownsMapping && !zepos::CloseHandle(mapping_))
+        systemRecord(functionId, 200, SYSFN_close, zepos::GetLastError(), &level, 0);
+    reset();
+}
+
 void ZEPHIPCMemoryEx::reset() {
     mapping_ = kNone;
     memset(name_, 0, sizeof name_);
@@ -302,12 +316,10 @@ Uint32 ZEPHIPCMemoryEx::create(const ZEPIPCMemoryExCreateParam* param, ZEPIPCMem
             const Uint32 osError = zepos::GetLastError();
             if (handle == nullptr) {
                 probe = 140;
-                rc = zepErrorMapSystem(f.functionId(), probe, SYSFN_CreateFileMapping, osError,
-                                       &level);
-                zepLogSysRC(nullptr, f.functionId(), SYSFN_CreateFileMapping, osError, rc, probe,
-                            level, ZEP_LOG_ARGS(7), &high, 4u, ZEP_LOGDATA_UINT, &low, 4u,
-                            ZEP_LOGDATA_UINT, name_, static_cast<Uint32>(strlen(name_)),
-                            ZEP_LOGDATA_STRING);
+                rc = systemRecord(f.functionId(), probe, SYSFN_CreateFileMapping, osError, &level,
+                                  ZEP_LOG_ARGS(7), &high, 4u, ZEP_LOGDATA_UINT, &low, 4u,
+                                  ZEP_LOGDATA_UINT, name_, static_cast<Uint32>(strlen(name_)),
+                                  ZEP_LOGDATA_STRING);
             } else {
                 mapping_ = handle;
                 ownsMapping = true;
@@ -322,11 +334,8 @@ Uint32 ZEPHIPCMemoryEx::create(const ZEPIPCMemoryExCreateParam* param, ZEPIPCMem
                     void* view = zepos::MapViewOfFileEx(mapping_, access, 0, 0, 0, param->address);
                     if (view == nullptr) {
                         probe = 160;
-                        const Uint32 err = zepos::GetLastError();
-                        rc = zepErrorMapSystem(f.functionId(), probe, SYSFN_MapViewOfFileEx, err,
-                                               &level);
-                        zepLogSysRC(nullptr, f.functionId(), SYSFN_MapViewOfFileEx, err, rc, probe,
-                                    level, 0);
+                        rc = systemRecord(f.functionId(), probe, SYSFN_MapViewOfFileEx,
+                                          zepos::GetLastError(), &level, 0);
                     } else {
                         address_ = view;
                         size_ = param->size;
@@ -346,16 +355,7 @@ Uint32 ZEPHIPCMemoryEx::create(const ZEPIPCMemoryExCreateParam* param, ZEPIPCMem
            ZepLogHex(&param->flags, 8), ZepLogHex(&param->address, sizeof param->address),
            ZepLogItem{&param->accessMode, 4, ZEP_LOGDATA_UINT}, ZepLogHex(&param->reserved, 8),
            ZepLogHex(&self, sizeof self), ZepLogStr(name_));
-    if (probe != 20) {
-        if (ownsMapping && !zepos::CloseHandle(mapping_)) {
-            const Uint32 err = zepos::GetLastError();
-            Uint32 closeLevel;
-            const Uint32 closeRc =
-                zepErrorMapSystem(f.functionId(), 200, SYSFN_close, err, &closeLevel);
-            zepLogSysRC(nullptr, f.functionId(), SYSFN_close, err, closeRc, 200, closeLevel, 0);
-        }
-        reset();
-    }
+    if (probe != 20) abandon(f.functionId(), ownsMapping);
     return f.exit();
 }
 
@@ -396,11 +396,8 @@ Uint32 ZEPHIPCMemoryEx::attach(const ZEPIPCMemoryExAttachParam* param, ZEPIPCMem
                 void* view = zepos::MapViewOfFileEx(mapping_, access, 0, 0, 0, param->address);
                 if (view == nullptr) {
                     probe = 120;
-                    const Uint32 err = zepos::GetLastError();
-                    rc = zepErrorMapSystem(f.functionId(), probe, SYSFN_MapViewOfFileEx, err,
-                                           &level);
-                    zepLogSysRC(nullptr, f.functionId(), SYSFN_MapViewOfFileEx, err, rc, probe,
-                                level, 0);
+                    rc = systemRecord(f.functionId(), probe, SYSFN_MapViewOfFileEx,
+                                      zepos::GetLastError(), &level, 0);
                 } else {
                     address_ = view;
                     if (info != nullptr) info->address = view;
@@ -415,16 +412,7 @@ Uint32 ZEPHIPCMemoryEx::attach(const ZEPIPCMemoryExAttachParam* param, ZEPIPCMem
     f.fail(rc, probe, level, ZepLogStr(param->name), ZepLogHex(&param->flags, 8),
            ZepLogHex(&param->address, sizeof param->address), ZepLogHex(&param->reserved, 8),
            ZepLogHex(&self, sizeof self), ZepLogStr(name_));
-    if (probe != 20) {
-        if (ownsMapping && !zepos::CloseHandle(mapping_)) {
-            const Uint32 err = zepos::GetLastError();
-            Uint32 closeLevel;
-            const Uint32 closeRc =
-                zepErrorMapSystem(f.functionId(), 200, SYSFN_close, err, &closeLevel);
-            zepLogSysRC(nullptr, f.functionId(), SYSFN_close, err, closeRc, 200, closeLevel, 0);
-        }
-        reset();
-    }
+    if (probe != 20) abandon(f.functionId(), ownsMapping);
     return f.exit();
 }
 
@@ -446,8 +434,7 @@ Uint32 ZEPHIPCMemoryEx::detachIn(Uint32 functionId) {
         } else {
             // The first code stays; the close still has its record.
             Uint32 level;
-            const Uint32 rc = zepErrorMapSystem(functionId, 40, SYSFN_CloseHandle, err, &level);
-            zepLogSysRC(nullptr, functionId, SYSFN_CloseHandle, err, rc, 40, level, 0);
+            systemRecord(functionId, 40, SYSFN_CloseHandle, err, &level, 0);
             f.traceError(40);
         }
     } else {

@@ -77,6 +77,10 @@ enum : Uint32 {
 // when no slot can be had. Never read a handle as a pointer: HandleOfKind gives the record.
 HANDLE HandleFor(HandleRecord* record);
 
+// HandleFor for a record that is useless without its handle: when no slot can be had, the
+// record's own close undoes it and the result is null with last error 8.
+HANDLE HandleOrClose(HandleRecord* record);
+
 // The record of an open handle of `kind`, or null (last error 6) for none, all ones, a handle
 // that was closed, a value that was never a handle, or another kind.
 HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind);

@@ -23,6 +23,8 @@
 
 namespace zepos {
 
+struct NamedObject;
+
 // Handle kinds of this family (beside those of zepos_file.h).
 enum : Uint32 {
     HANDLE_KIND_NAMED_MAPPING = 16,
@@ -36,8 +38,12 @@ HANDLE CreateNamedFileMappingA(void* securityAttributes, Uint32 protect, Uint32 
 bool IsNamedFileMapping(HANDLE mapping);
 void* MapNamedViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh,
                            Uint32 offsetLow, size_t bytes, void* baseAddress);
-// True if `baseAddress` was a named view (then *result is the call's result).
-bool UnmapNamedViewOfFile(const void* baseAddress, BOOL* result);
+// The view of both kinds, with the platform's checks (1132 for an offset off the page size, 5 for
+// a range beyond the object's `size`, 487 for a wished address off the page size or taken):
+// `bytes` (0: to the end) from `offset` of an object that starts at `fdOffset` in `fd`. A view of
+// a named `object` holds a reference on it until UnmapViewOfFile.
+void* MapView(int fd, Uint64 fdOffset, Uint64 size, Uint64 offset, size_t bytes, int prot,
+              int flags, void* baseAddress, NamedObject* object);
 
 HANDLE OpenFileMappingA(Uint32 desiredAccess, BOOL inheritHandle, const char* name);
 

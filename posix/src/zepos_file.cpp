@@ -59,10 +59,12 @@ struct MappingRecord {
     Uint64 size;
 };
 
-// Views by base address, for UnmapViewOfFile, which is given the address alone.
+// Views of both kinds of mapping by base address, for UnmapViewOfFile, which is given the
+// address alone; a view of a named block holds a reference on it.
 struct View {
     void* base;
     size_t length;
+    NamedObject* object;
     View* next;
 };
 pthread_mutex_t s_viewMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -288,6 +290,15 @@ HANDLE HandleFor(HandleRecord* record) {
     __atomic_store_n(&slot->generation, generation, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&s_tableMutex);
     return handleValue(index, generation);
+}
+
+HANDLE HandleOrClose(HandleRecord* record) {
+    HANDLE h = HandleFor(record);
+    if (h == nullptr) {
+        record->close(record);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    return h;
 }
 
 HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind) {
@@ -814,13 +825,8 @@ HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect,
     m->head.wait = nullptr;
     m->protect = protect;
     m->size = size;
-    HANDLE h = HandleFor(&m->head);
-    if (h == nullptr) {
-        closeMapping(&m->head);
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    SetLastError(ERROR_SUCCESS);
+    HANDLE h = HandleOrClose(&m->head);
+    if (h != nullptr) SetLastError(ERROR_SUCCESS);
     return h;
 }
 
@@ -854,15 +860,20 @@ void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, U
             return nullptr;
     }
     const Uint64 offset = (static_cast<Uint64>(offsetHigh) << 32) | offsetLow;
+    return MapView(m->fd, 0, m->size, offset, bytes, prot, flags, baseAddress, nullptr);
+}
+
+void* MapView(int fd, Uint64 fdOffset, Uint64 size, Uint64 offset, size_t bytes, int prot,
+              int flags, void* baseAddress, NamedObject* object) {
     if (offset % pageSize() != 0) {
         SetLastError(ERROR_MAPPED_ALIGNMENT);
         return nullptr;
     }
-    if (offset >= m->size || bytes > m->size - offset) {
+    if (offset >= size || bytes > size - offset) {
         SetLastError(ERROR_ACCESS_DENIED);
         return nullptr;
     }
-    const size_t length = bytes ? bytes : static_cast<size_t>(m->size - offset);
+    const size_t length = bytes ? bytes : static_cast<size_t>(size - offset);
     if (baseAddress != nullptr) {
         if (reinterpret_cast<uintptr_t>(baseAddress) % pageSize() != 0) {
             SetLastError(ERROR_INVALID_ADDRESS);
@@ -875,7 +886,7 @@ void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, U
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    void* at = mmap(baseAddress, length, prot, flags, m->fd, static_cast<off_t>(offset));
+    void* at = mmap(baseAddress, length, prot, flags, fd, static_cast<off_t>(fdOffset + offset));
     if (at == MAP_FAILED) {
         // EEXIST: something lives at the wished address.
         SetLastError(errno == EEXIST ? ERROR_INVALID_ADDRESS : TranslateErrno(errno));
@@ -889,8 +900,10 @@ void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, U
         SetLastError(ERROR_INVALID_ADDRESS);
         return nullptr;
     }
+    if (object != nullptr) NamedRetain(object);
     view->base = at;
     view->length = length;
+    view->object = object;
     pthread_mutex_lock(&s_viewMutex);
     view->next = s_views;
     s_views = view;
@@ -900,8 +913,6 @@ void* MapViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHigh, U
 }
 
 BOOL UnmapViewOfFile(const void* baseAddress) {
-    BOOL named;
-    if (UnmapNamedViewOfFile(baseAddress, &named)) return named;
     pthread_mutex_lock(&s_viewMutex);
     View** link = &s_views;
     while (*link != nullptr && (*link)->base != baseAddress) link = &(*link)->next;
@@ -911,6 +922,7 @@ BOOL UnmapViewOfFile(const void* baseAddress) {
     if (view == nullptr) return fail(ERROR_INVALID_ADDRESS);
     int rc = munmap(view->base, view->length);
     int err = errno;
+    if (view->object != nullptr) NamedClose(view->object);
     free(view);
     if (rc != 0) return fail(TranslateErrno(err));
     return 1;

@@ -13,7 +13,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <mutex>
 
 namespace zepos {
 
@@ -24,15 +23,6 @@ struct NamedMappingRecord {
     NamedObject* object;
     bool readOnly;  // opened with FILE_MAP_READ alone
 };
-
-struct NamedView {
-    void* base;
-    size_t length;
-    NamedObject* object;
-    NamedView* next;
-};
-std::mutex s_viewMutex;
-NamedView* s_views = nullptr;
 
 struct TokenRecord {
     HandleRecord head;
@@ -64,18 +54,10 @@ HANDLE handleOf(NamedObject* object, bool readOnly) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    m->head.magic = HANDLE_MAGIC;
-    m->head.kind = HANDLE_KIND_NAMED_MAPPING;
-    m->head.close = closeNamedMapping;
-    m->head.wait = nullptr;
+    m->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_NAMED_MAPPING, closeNamedMapping, nullptr};
     m->object = object;
     m->readOnly = readOnly;
-    HANDLE h = HandleFor(&m->head);
-    if (h == nullptr) {
-        closeNamedMapping(&m->head);
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    }
-    return h;
+    return HandleOrClose(&m->head);
 }
 
 }  // namespace
@@ -143,76 +125,9 @@ void* MapNamedViewOfFileEx(HANDLE mapping, Uint32 desiredAccess, Uint32 offsetHi
             SetLastError(ERROR_INVALID_PARAMETER);
             return nullptr;
     }
-    const Uint64 size = NamedBytes(m->object);
     const Uint64 offset = (static_cast<Uint64>(offsetHigh) << 32) | offsetLow;
-    if (offset % pageSize() != 0) {
-        SetLastError(ERROR_MAPPED_ALIGNMENT);
-        return nullptr;
-    }
-    if (offset >= size || bytes > size - offset) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
-    }
-    const size_t length = bytes ? bytes : static_cast<size_t>(size - offset);
-    int flags = MAP_SHARED;
-    if (baseAddress != nullptr) {
-        if (reinterpret_cast<uintptr_t>(baseAddress) % pageSize() != 0) {
-            SetLastError(ERROR_INVALID_ADDRESS);
-            return nullptr;
-        }
-        flags |= MAP_FIXED_NOREPLACE;
-    }
-    NamedView* view = static_cast<NamedView*>(malloc(sizeof(NamedView)));
-    if (view == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    void* at = mmap(baseAddress, length, prot, flags, NamedDescriptor(m->object),
-                    static_cast<off_t>(NamedBlockOffset(m->object) + offset));
-    if (at == MAP_FAILED) {
-        // EEXIST: something of this process lives in the range wanted.
-        SetLastError(errno == EEXIST ? ERROR_INVALID_ADDRESS : TranslateErrno(errno));
-        free(view);
-        return nullptr;
-    }
-    if (baseAddress != nullptr && at != baseAddress) {
-        // A kernel without MAP_FIXED_NOREPLACE takes the address as a hint only.
-        munmap(at, length);
-        free(view);
-        SetLastError(ERROR_INVALID_ADDRESS);
-        return nullptr;
-    }
-    NamedRetain(m->object);
-    view->base = at;
-    view->length = length;
-    view->object = m->object;
-    {
-        std::lock_guard<std::mutex> hold(s_viewMutex);
-        view->next = s_views;
-        s_views = view;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return at;
-}
-
-bool UnmapNamedViewOfFile(const void* baseAddress, BOOL* result) {
-    NamedView* view;
-    {
-        std::lock_guard<std::mutex> hold(s_viewMutex);
-        NamedView** link = &s_views;
-        while (*link != nullptr && (*link)->base != baseAddress) link = &(*link)->next;
-        view = *link;
-        if (view == nullptr) return false;
-        *link = view->next;
-    }
-    *result = 1;
-    if (munmap(view->base, view->length) != 0) {
-        SetLastErrorFromErrno();
-        *result = 0;
-    }
-    NamedClose(view->object);
-    free(view);
-    return true;
+    return MapView(NamedDescriptor(m->object), NamedBlockOffset(m->object), NamedBytes(m->object),
+                   offset, bytes, prot, MAP_SHARED, baseAddress, m->object);
 }
 
 // ---- the process and its memory
