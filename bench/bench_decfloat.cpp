@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "zepbench.h"
 #include "zepdecfloat.h"
 
 namespace {
@@ -171,42 +172,6 @@ const bool kChecked = [] {
     return true;
 }();
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
-            std::string name = r.run_name.str();
-            const size_t repeats = name.find("/repeats:");
-            if (repeats != std::string::npos) name.erase(repeats);
-            medians_[name] = r.GetAdjustedRealTime();
-            if (std::find(order_.begin(), order_.end(), name) == order_.end())
-                order_.push_back(name);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf("\nratios, zep / peer (median real time per operation; below 1: zep is faster)\n");
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (slash == std::string::npos || zep.compare(slash + 1, 3, "zep") != 0) continue;
-            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
-            for (const std::string& peer : order_) {
-                if (peer.rfind(peerPrefix, 0) != 0) continue;
-                const double a = medians_[zep], b = medians_[peer];
-                printf("  %-24s %8.1f ns  vs %-34s %8.1f ns  ratio %.2f\n", zep.c_str(), a,
-                       peer.substr(slash + 1).c_str(), b, a / b);
-            }
-        }
-    }
-
-private:
-    std::map<std::string, double> medians_;
-    std::vector<std::string> order_;
-};
-
 }  // namespace
 
 #define ZEP_BENCH_CASE(fn, name) BENCHMARK(fn)->Name(name)->Repetitions(5)->ReportAggregatesOnly()
@@ -223,7 +188,7 @@ ZEP_BENCH_CASE(ToText34Bid, "decfloat34_to_text/peer:__bid128_to_string");
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
+    ZepRatioReporter reporter(ZepRatioReporter::kWall);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

@@ -34,6 +34,7 @@
 
 #include "trace_format.h"
 #include "zep.h"
+#include "zepbench.h"
 
 #ifdef ZEP_BENCH_LTTNG
 #define TRACEPOINT_DEFINE
@@ -276,44 +277,6 @@ void registerAll() {
     })->Unit(benchmark::kMillisecond);
 }
 
-// Keeps the medians and prints each zep case beside its peers, with the items per second.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
-            std::string name = r.benchmark_name();
-            name.erase(name.rfind("/repeats:"));
-            ns_[name] =
-                r.GetAdjustedCPUTime() * (r.time_unit == benchmark::kMillisecond ? 1e6 : 1.0);
-            auto items = r.counters.find("items_per_second");
-            if (items != r.counters.end()) rate_[name] = items->second;
-            order_.push_back(name);
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf("\nratios, zep / peer (medians of 5, processor time; below 1: zep is faster)\n");
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (zep.compare(slash + 1, 4, "zep:") != 0) continue;
-            bool any = false;
-            for (const std::string& peer : order_) {
-                if (peer.rfind(zep.substr(0, slash) + "/peer:", 0) != 0) continue;
-                any = true;
-                printf("  %-44s %10.2f ns  vs %-32s %10.2f ns  ratio %.3f\n", zep.c_str(), ns_[zep],
-                       peer.substr(slash + 6).c_str(), ns_[peer], ns_[zep] / ns_[peer]);
-            }
-            if (!any) printf("  %-44s %10.0f per second\n", zep.c_str(), rate_[zep]);
-        }
-    }
-
-private:
-    std::map<std::string, double> ns_, rate_;
-    std::vector<std::string> order_;
-};
-
 // --renames zep|bare N: only the renames, for an instruction count.
 int renameLoop(const char* how, long n) {
     char tmpl[] = "/tmp/zepbenchXXXXXX";
@@ -341,7 +304,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     registerAll();
-    RatioReporter reporter;
+    ZepRatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     if (!g_dir.empty()) {

@@ -17,6 +17,7 @@
 #endif
 
 #include "zep.h"
+#include "zepbench.h"
 #include "zepipcmemory.h"
 
 namespace {
@@ -151,48 +152,12 @@ BENCHMARK(Attach_Boost)
     ->UseRealTime();
 #endif
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
-            const std::string name = r.run_name.function_name;
-            medians_[name] = r.GetAdjustedRealTime();
-            if (std::find(order_.begin(), order_.end(), name) == order_.end())
-                order_.push_back(name);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf(
-            "\nratios, zep / peer (medians of 5, wall-clock time per operation; below 1: zep "
-            "is faster)\n");
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (slash == std::string::npos || zep.compare(slash + 1, 4, "zep:") != 0) continue;
-            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
-            for (const std::string& peer : order_) {
-                if (peer.rfind(peerPrefix, 0) != 0) continue;
-                const double a = medians_[zep], b = medians_[peer];
-                printf("  %-28s %10.0f ns  vs %-44s %10.0f ns  ratio %.2f\n", zep.c_str(), a,
-                       peer.c_str(), b, a / b);
-            }
-        }
-    }
-
-private:
-    std::map<std::string, double> medians_;
-    std::vector<std::string> order_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
+    ZepRatioReporter reporter(ZepRatioReporter::kWall);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

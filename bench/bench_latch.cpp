@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "zep.h"
+#include "zepbench.h"
 
 namespace {
 
@@ -151,54 +152,7 @@ BENCHMARK(ContendedZep)
     ->UseRealTime()
     ->Repetitions(5);
 
-namespace {
-
-// Keeps the medians (or the single runs) and prints each zep case beside its peers.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-            std::string name = r.benchmark_name();
-            const std::string suffix = "_median";
-            if (name.size() > suffix.size() &&
-                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
-                name.erase(name.size() - suffix.size());
-            // Processor time for one thread, which the machine's other tenants disturb less;
-            // wall time where threads wait for each other.
-            medians_[name] = r.threads > 1 ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime();
-            if (std::find(order_.begin(), order_.end(), name) == order_.end())
-                order_.push_back(name);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf(
-            "\nratios, zep / peer (medians of 5; processor time per operation, wall time with "
-            "threads; below 1: zep is faster)\n");
-        // A case is the part of the name before the first '/'; every zep run of a case is shown
-        // beside every peer of the same case.
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (slash == std::string::npos || zep.compare(slash + 1, 3, "zep") != 0) continue;
-            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
-            for (const std::string& peer : order_) {
-                if (peer.rfind(peerPrefix, 0) != 0) continue;
-                const double a = medians_[zep], b = medians_[peer];
-                printf("  %-58s %9.2f ns  vs %-44s %9.2f ns  ratio %.2f\n", zep.c_str(), a,
-                       peer.substr(slash + 1).c_str(), b, a / b);
-            }
-        }
-    }
-
-private:
-    std::map<std::string, double> medians_;
-    std::vector<std::string> order_;
-};
-
-}  // namespace
+namespace {}  // namespace
 
 int main(int argc, char** argv) {
     // The C library runs a mutex without its locked instructions while the process has one
@@ -206,7 +160,7 @@ int main(int argc, char** argv) {
     std::thread([] {}).join();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
+    ZepRatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

@@ -29,6 +29,7 @@
 
 #include "rambo_consumer.h"
 #include "zep.h"
+#include "zepbench.h"
 
 #ifdef ZEP_BENCH_LTTNG
 #define TRACEPOINT_DEFINE
@@ -312,59 +313,15 @@ void registerAll() {
             ->Repetitions(5);
     }
 #endif
-    benchmark::RegisterBenchmark("parse_64MiB/forward", ParseForward)
+    benchmark::RegisterBenchmark("parse_64MiB/zep forward", ParseForward)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime()
         ->Repetitions(5);
-    benchmark::RegisterBenchmark("parse_64MiB/backward", ParseBackward)
+    benchmark::RegisterBenchmark("parse_64MiB/zep backward", ParseBackward)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime()
         ->Repetitions(5);
 }
-
-// Keeps the medians and prints each zep case beside its peers, and the reader's throughput.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
-            const std::string name = r.run_name.function_name;
-            const auto bytes = r.counters.find("bytes_per_second");
-            if (bytes != r.counters.end()) {
-                throughput_[name] = bytes->second.value;
-                continue;
-            }
-            nanos_[name] = r.GetAdjustedRealTime();
-            order_.push_back(name);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf("\nns per record, medians of 5 (wall time of one writer; below 1: zep is faster)\n");
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (zep.compare(slash + 1, 3, "zep") != 0) continue;
-            for (const std::string& peer : order_) {
-                if (peer.compare(0, slash + 1, zep, 0, slash + 1) != 0 ||
-                    peer.compare(slash + 1, 5, "peer:") != 0)
-                    continue;
-                printf("  %-42s %8.2f ns  vs %-28s %8.2f ns  ratio %.2f\n", zep.c_str(),
-                       nanos_[zep], peer.substr(slash + 1).c_str(), nanos_[peer],
-                       nanos_[zep] / nanos_[peer]);
-            }
-        }
-        printf("\nreader throughput, medians of 5\n");
-        for (const auto& [name, value] : throughput_)
-            printf("  %-42s %8.2f GB/s\n", name.c_str(), value / 1e9);
-    }
-
-private:
-    std::map<std::string, double> nanos_;
-    std::map<std::string, double> throughput_;
-    std::vector<std::string> order_;
-};
 
 }  // namespace
 
@@ -374,7 +331,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     registerAll();
-    RatioReporter reporter;
+    ZepRatioReporter reporter(ZepRatioReporter::kWall);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

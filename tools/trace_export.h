@@ -24,6 +24,7 @@
 
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -62,14 +63,31 @@ private:
     Uint64 next(Thread& t, Uint64 ns);
     Thread& thread(Uint32 pid, Uint64 tid);
     void close(Uint32 pid, Uint64 tid, Thread& t, Uint64 endNs);
+    // `name` and `args` are JSON text already (the name without its quotes).
     void instant(Uint32 pid, Uint64 tid, Thread& t, Uint64 ns, const std::string& name,
                  const char* category, const std::string& args);
     void emit(const std::string& event);
+    void begin();
+    void end();
+    void pidTid(Uint32 pid, Uint64 tid);
+    void flush();
+    // Function names and categories, codes and record types as escaped JSON text, made once.
+    struct Names {
+        std::string function, category;
+    };
+    const Names& names(Uint32 functionId);
+    const std::string& code(Uint32 code);
+    const std::string& type(Uint32 type);
 
     FILE* out_;
     ZEPTickConversionFactor factor_;
     std::map<std::pair<Uint32, Uint64>, Thread> threads_;
     std::map<Uint32, bool> processes_;
+    std::pair<Uint32, Uint64> lastKey_{};
+    Thread* last_ = nullptr;
+    std::unordered_map<Uint32, Names> names_;
+    std::unordered_map<Uint32, std::string> codes_, types_;
+    std::string buf_, name_, args_;  // the output not yet written; one event's name and arguments
     Uint64 events_ = 0;
     bool failed_ = false;
 };

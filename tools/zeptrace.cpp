@@ -921,6 +921,7 @@ int cmdShow(int argc, char** argv) {
             die(2, "show: unknown option '%s' (see 'zeptrace show --help')", a.c_str());
         }
     }
+    const bool flow = view == "flow";
     zeptrace::DumpInfo info;
     std::unique_ptr<zeptrace::Formatter> formatter;
     Uint64 shown = 0;
@@ -945,11 +946,11 @@ int cmdShow(int argc, char** argv) {
                                    r.recordType == GTRACE_TYPE_ERROR_TRANS ||
                                    (r.recordType == GTRACE_TYPE_EXIT && r.returnCode != 0);
                 if (errors && !error) return true;
-                text = view == "flow" ? formatter->flow(payload, size)
-                                      : formatter->record(payload, size, shown + 1);
+                text = flow ? formatter->flow(payload, size)
+                            : formatter->record(payload, size, shown + 1);
             }
             ++shown;
-            return fputs(text.c_str(), stdout) >= 0 && shown < limit;
+            return fwrite(text.data(), 1, text.size(), stdout) == text.size() && shown < limit;
         });
     if (rc != 0) die(1, "cannot read the dump '%s': %s", argv[0], codeText(rc).c_str());
     if (shown == limit)

@@ -25,6 +25,10 @@ void store32(char* at, Uint32 v) {
     memcpy(at, &v, sizeof v);
 }
 
+void store64(char* at, Uint64 v) {
+    memcpy(at, &v, sizeof v);
+}
+
 void storeWords(char* at, Uint32 a, Uint32 b, Uint32 c, Uint32 d) {
     const Uint32 words[4] = {a, b, c, d};
     memcpy(at, words, sizeof words);
@@ -105,23 +109,46 @@ inline const Site& siteOf(String file) {
     return s;
 }
 
-// ---- the hold on freed blocks
+// ---- the hold on freed blocks, and their reuse
 //
 // Each thread keeps its most recently freed blocks from the heap, so that a second free (by any
 // thread) still finds the freed block's marks and not memory the heap gave to somebody else or
 // unmapped. The ring is plain thread-local data; a key's destructor gives it back when the
 // thread ends, and frees that come later in the thread's end go to the heap at once.
+//
+// A block that leaves the ring need not go back to the heap at once either: an idle block is
+// kept for the thread's next idle allocation of the same rounded size, which then skips both
+// `free` and `malloc`. Each rounded size up to 1,024 bytes keeps at most kReusePerSize blocks
+// (at most about 280 KiB a thread when every size is full, the order of what the C library's
+// own per-thread cache may keep); a block beyond that, or larger, goes to the heap. A block
+// waiting for reuse still bears its freed marks, so a late second free is still found.
+
+constexpr Uint32 kReuseSizes = 128;  // rounded sizes 8, 16, ... 1,024, by rounded size / 8
+constexpr Uint32 kReusePerSize = 4;
+constexpr Uint32 kNoReuse = 0;  // the class of a block that goes back to the heap
+
+// The reuse class of an idle block of `size` bytes: its rounded size / 8, or kNoReuse.
+inline Uint32 reuseClass(Uint32 size) {
+    const Uint64 eighths = (Uint64{size} + 7) >> 3;
+    return eighths <= kReuseSizes ? static_cast<Uint32>(eighths) : kNoReuse;
+}
 
 struct Held {
     void* start;
     Uint32 bytes;
+    Uint32 reuse;  // its reuse class, kNoReuse for all but idle blocks
 };
+
+static_assert((ZEP_MEMDBG_QUARANTINE_BLOCKS & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)) == 0,
+              "the ring's index wraps by a mask");
 
 struct Quarantine {
     Held ring[ZEP_MEMDBG_QUARANTINE_BLOCKS];
     Uint32 oldest;
     Uint32 count;
     size_t bytes;
+    Uint8 reusable[kReuseSizes + 1];  // by class; class 0 is never filled
+    void* reuse[kReuseSizes + 1][kReusePerSize];
 };
 
 // The thread's ring, made at its first free; kClosed once the thread's end gave it back. The
@@ -132,17 +159,32 @@ __thread Quarantine* t_quarantine __attribute__((tls_model("initial-exec"))) = n
 pthread_key_t s_quarantineKey;
 pthread_once_t s_quarantineOnce = PTHREAD_ONCE_INIT;
 
+// A block leaves the ring: kept for reuse if its class has room, else given to the heap.
+inline void retire(Quarantine& q, void* start, Uint32 reuse) {
+    Uint8& n = q.reusable[reuse];
+    if (reuse != kNoReuse && n < kReusePerSize)
+        q.reuse[reuse][n++] = start;
+    else
+        free(start);
+}
+
 void releaseOldest(Quarantine& q) {
     Held& h = q.ring[q.oldest];
-    free(h.start);
+    retire(q, h.start, h.reuse);
     q.bytes -= h.bytes;
-    q.oldest = (q.oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+    q.oldest = (q.oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
     --q.count;
 }
 
 void closeQuarantine(void* p) {
     Quarantine* q = static_cast<Quarantine*>(p);
-    while (q->count > 0) releaseOldest(*q);
+    while (q->count > 0) {
+        free(q->ring[q->oldest].start);
+        q->oldest = (q->oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
+        --q->count;
+    }
+    for (Uint32 c = 0; c <= kReuseSizes; ++c)
+        for (Uint32 i = 0; i < q->reusable[c]; ++i) free(q->reuse[c][i]);
     free(q);
     t_quarantine = kClosed;
 }
@@ -160,7 +202,7 @@ Quarantine* openQuarantine() {
     return q;
 }
 
-__attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
+__attribute__((noinline)) void holdSlow(void* start, Uint32 bytes, Uint32 reuse) {
     Quarantine* q = t_quarantine;
     if (q == nullptr) q = openQuarantine();
     if (q == nullptr || q == kClosed) {
@@ -170,29 +212,40 @@ __attribute__((noinline)) void holdSlow(void* start, Uint32 bytes) {
     while (q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS ||
            (q->count > 0 && q->bytes + bytes > ZEP_MEMDBG_QUARANTINE_BYTES))
         releaseOldest(*q);
-    q->ring[(q->oldest + q->count) % ZEP_MEMDBG_QUARANTINE_BLOCKS] = Held{start, bytes};
+    q->ring[(q->oldest + q->count) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1)] =
+        Held{start, bytes, reuse};
     ++q->count;
     q->bytes += bytes;
 }
 
 // The steady state: a full ring whose bytes stay within the bound after the swap. The newest
-// takes the oldest's place, which then goes to the heap.
-inline void hold(void* start, Uint32 bytes) {
+// takes the oldest's place, which then leaves the ring.
+inline void hold(void* start, Uint32 bytes, Uint32 reuse) {
     Quarantine* q = t_quarantine;
     if (__builtin_expect(reinterpret_cast<uintptr_t>(q) > 1, 1) &&
         q->count == ZEP_MEMDBG_QUARANTINE_BLOCKS) {
         Held& oldest = q->ring[q->oldest];
         const size_t after = q->bytes - oldest.bytes + bytes;
         if (after <= ZEP_MEMDBG_QUARANTINE_BYTES) {
-            void* gone = oldest.start;
-            oldest = Held{start, bytes};
-            q->oldest = (q->oldest + 1) % ZEP_MEMDBG_QUARANTINE_BLOCKS;
+            const Held gone = oldest;
+            oldest = Held{start, bytes, reuse};
+            q->oldest = (q->oldest + 1) & (ZEP_MEMDBG_QUARANTINE_BLOCKS - 1);
             q->bytes = after;
-            free(gone);
+            retire(*q, gone.start, gone.reuse);
             return;
         }
     }
-    holdSlow(start, bytes);
+    holdSlow(start, bytes, reuse);
+}
+
+// A block of the given reuse class that left the ring, or null.
+inline char* reused(Uint32 reuse) {
+    Quarantine* q = t_quarantine;
+    if (reinterpret_cast<uintptr_t>(q) > 1) {
+        Uint8& n = q->reusable[reuse];
+        if (n != 0) return static_cast<char*>(q->reuse[reuse][--n]);
+    }
+    return nullptr;
 }
 
 // ---- the heap path
@@ -231,37 +284,8 @@ __attribute__((noinline)) Uint32 mallocFailed(void** result) {
 
 Uint32 heapAllocDebug(void** result, Uint32 size, Uint32 flags, String file, Uint32 line);
 
-// Idle mode, the common case: the pad record and the header, nothing else. It needs two of the
-// settings, the flags and the mode, which lie side by side and are read as one word: whatever a
-// change under way has stored so far, an idle block made now is one made before the change.
-// Anything else goes the whole way, with the snapshot of all four settings.
-typedef Uint64 __attribute__((may_alias)) SettingsPair;
-static_assert(offsetof(ZEPMemDebugCB, flags) == 0 && offsetof(ZEPMemDebugCB, mode) == 4,
-              "the flags and the mode make one word");
-
+// Everything but the common case goes the whole way, with the snapshot of all four settings.
 inline Uint32 heapAlloc(void** result, Uint32 size, Uint32 flags, String file, Uint32 line) {
-    if (__builtin_expect(!__atomic_load_n(&cb.allocated, __ATOMIC_RELAXED), 0))
-        __atomic_exchange_n(&cb.allocated, 1u, __ATOMIC_SEQ_CST);
-    const Uint64 pair =
-        __atomic_load_n(reinterpret_cast<const SettingsPair*>(&cb.flags), __ATOMIC_ACQUIRE);
-    const Uint32 mode = static_cast<Uint32>(pair >> 32), debugFlags = static_cast<Uint32>(pair);
-    if (__builtin_expect(mode == ZEP_MEMDBG_IDLE && !(debugFlags & ZEP_MEMDBG_FILL_NEW), 1)) {
-        const size_t rounded = (static_cast<size_t>(size) + 7) & ~static_cast<size_t>(7);
-        char* base = static_cast<char*>(malloc(rounded + kHeader + 16));
-        if (base == nullptr) return mallocFailed(result);
-        const Site& site = siteOf(file);
-        // The pad record {0, 0, size, mode} and the header {eye-catcher, size, hash, line} as
-        // four 8-byte words.
-        static_assert(sizeof(ZEPMemBlockHeader) == 16, "the header is four words");
-        const Uint64 eye = (flags & ZEP_MEM_MARK) ? ZEP_MEM_EYECATCHER_MARKED : ZEP_MEM_EYECATCHER;
-        const Uint64 words[4] = {0, (Uint64{ZEP_MEMDBG_IDLE} << 32) | size,
-                                 (Uint64{size} << 32) | eye, (Uint64{line} << 32) | site.hash};
-        memcpy(base, words, sizeof words);
-        char* user = base + 16 + kHeader;
-        if (flags & ZEP_MEM_ZERO) memset(user, 0, size);
-        *result = user;
-        return 0;
-    }
     return heapAllocDebug(result, size, flags, file, line);
 }
 
@@ -373,7 +397,7 @@ inline void heapFree(void** pointer, String file, Uint32 line) {
             store32(user - kHeader, ZEP_MEM_EYECATCHER_FREED);
             store32(user - kHeader - 4, ZEP_MEMDBG_FREED);
             *pointer = nullptr;
-            hold(user - kHeader - 16, head[0]);
+            hold(user - kHeader - 16, head[0], reuseClass(head[0]));
             return;
         }
     }
@@ -387,7 +411,7 @@ __attribute__((noinline)) void heapFreeChecked(void** pointer, String file, Uint
     if (modeZero)
         free(user - kHeader);
     else if (*pointer != nullptr)
-        hold(*pointer, size);
+        hold(*pointer, size, kNoReuse);
     *pointer = nullptr;
 }
 
@@ -501,13 +525,59 @@ inline void reportIfAsked() {
 
 }  // namespace
 
-Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String file,
-                    Uint32 line) {
+namespace {
+
+__attribute__((noinline)) Uint32 allocSlow(void** result, void* area, Uint32 size, Uint32 flags,
+                                           String file, Uint32 line) {
     if (result == nullptr || size == 0 || (flags & ~(ZEP_MEM_ZERO | ZEP_MEM_MARK)) != 0)
         return ECF_INVALID_PARAMETER;
     reportIfAsked();
     if (area != nullptr) return areaAlloc(result, static_cast<char*>(area), size, flags);
     return heapAlloc(result, size, flags, file, line);
+}
+
+// The flags and the mode lie side by side and are read as one word: whatever a change under way
+// has stored so far, an idle block made now is one made before the change.
+typedef Uint64 __attribute__((may_alias)) SettingsPair;
+static_assert(offsetof(ZEPMemDebugCB, flags) == 0 && offsetof(ZEPMemDebugCB, mode) == 4,
+              "the flags and the mode make one word");
+static_assert(sizeof(ZEPMemBlockHeader) == 16, "the header is two 8-byte words");
+
+}  // namespace
+
+// The common case takes one test: a heap block in idle mode (new blocks not filled), a valid
+// call that doesn't ask for zeroing, no report asked for, the allocated flag set long ago;
+// anything else goes the whole way.
+// Its block is the pad record {0, 0, size, mode} and the header {eye-catcher, size, hash, line},
+// stored as four 8-byte words. The hash is looked up before `malloc`, so that only the words and
+// the result live across it.
+Uint32 _zepMemAlloc(void** result, void* area, Uint32 size, Uint32 flags, String file,
+                    Uint32 line) {
+    const Uint64 pair =
+        __atomic_load_n(reinterpret_cast<const SettingsPair*>(&cb.flags), __ATOMIC_ACQUIRE);
+    if (__builtin_expect((pair >> 32) == ZEP_MEMDBG_IDLE && !(pair & ZEP_MEMDBG_FILL_NEW) &&
+                             area == nullptr && result != nullptr && size != 0 &&
+                             (flags & ~ZEP_MEM_MARK) == 0 &&
+                             !__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
+                             __atomic_load_n(&cb.allocated, __ATOMIC_RELAXED) != 0,
+                         1)) {
+        const Uint64 tail = (Uint64{line} << 32) | siteOf(file).hash;
+        const Uint64 sizeWord = (Uint64{ZEP_MEMDBG_IDLE} << 32) | size;
+        const Uint64 eyeWord = (Uint64{size} << 32) | (ZEP_MEM_EYECATCHER | (flags >> 1));
+        const Uint32 reuse = reuseClass(size);
+        char* base = reused(reuse);
+        if (base == nullptr) {
+            base = static_cast<char*>(malloc(((size_t{size} + 7) & ~size_t{7}) + 32));
+            if (__builtin_expect(base == nullptr, 0)) return mallocFailed(result);
+        }
+        store64(base, 0);
+        store64(base + 8, sizeWord);
+        store64(base + 16, eyeWord);
+        store64(base + 24, tail);
+        *result = base + 32;
+        return 0;
+    }
+    return allocSlow(result, area, size, flags, file, line);
 }
 
 namespace {
@@ -524,13 +594,47 @@ __attribute__((noinline, cold)) Uint32 freeOfNull(String file, Uint32 line) {
 
 }  // namespace
 
-Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
+namespace {
+
+__attribute__((noinline)) Uint32 freeSlow(void** pointer, void* area, Uint32 size, String file,
+                                          Uint32 line) {
     if (pointer == nullptr) return ECF_INVALID_PARAMETER;
     if (*pointer == nullptr) return freeOfNull(file, line);
     reportIfAsked();
     if (area != nullptr) return areaFree(static_cast<char*>(area), *pointer, size);
     heapFree(pointer, file, line);
     return 0;
+}
+
+}  // namespace
+
+// The common case: an intact idle block of the heap, no report asked for. Nothing in it could be
+// a finding, so it is marked freed and held back at once; anything else goes through the whole
+// check. (In mode 0 there is no pad record in front of the header to read.)
+Uint32 _zepMemFree(void** pointer, void* area, Uint32 size, String file, Uint32 line) {
+    if (__builtin_expect(pointer != nullptr && area == nullptr, 1)) {
+        char* user = static_cast<char*>(*pointer);
+        if (__builtin_expect(user != nullptr &&
+                                 !__atomic_load_n(&g_bDumpMemAllocListFlag, __ATOMIC_RELAXED) &&
+                                 __atomic_load_n(&cb.mode, __ATOMIC_RELAXED) != 0,
+                             1)) {
+            Uint64 sizeWord;  // the pad record's size and mode word
+            Uint32 eye;
+            memcpy(&sizeWord, user - 24, sizeof sizeWord);
+            memcpy(&eye, user - 16, sizeof eye);
+            if (__builtin_expect((sizeWord >> 32) == ZEP_MEMDBG_IDLE &&
+                                     (eye & ~ZEP_MEM_EYECATCHER_FLAGS) == ZEP_MEM_EYECATCHER,
+                                 1)) {
+                // The mode word and the eye-catcher side by side, as one store.
+                store64(user - 20, (Uint64{ZEP_MEM_EYECATCHER_FREED} << 32) | ZEP_MEMDBG_FREED);
+                *pointer = nullptr;
+                const Uint32 bytes = static_cast<Uint32>(sizeWord);
+                hold(user - 32, bytes, reuseClass(bytes));
+                return 0;
+            }
+        }
+    }
+    return freeSlow(pointer, area, size, file, line);
 }
 
 Uint32 zepMemAreaInit(void* area, Uint32 size) {

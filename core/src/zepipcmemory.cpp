@@ -58,8 +58,8 @@ Uint32 ZEPHIPCMemory::create(const ZEPIPCMemoryCreateParam* param) {
             // 183 maps to ECF_MEM_EXISTS: create never joins a block that is there.
             probe = mapping_ == nullptr ? 80 : 90;
             rc = systemRecord(f.functionId(), probe, SYSFN_CreateFileMapping, osError, &level,
-                              ZEP_LOG_ARGS(3), &high, 4u, ZEP_LOGDATA_UINT, &param->memorySize,
-                              4u, ZEP_LOGDATA_UINT);
+                              ZEP_LOG_ARGS(3), &high, 4u, ZEP_LOGDATA_UINT, &param->memorySize, 4u,
+                              ZEP_LOGDATA_UINT);
         } else {
             void* view = zepos::MapViewOfFileEx(mapping_, kMapReadWrite, 0, 0, 0, param->address);
             if (view == nullptr) {

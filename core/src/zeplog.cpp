@@ -211,11 +211,12 @@ bool writeToFile(const ZEPLogFacility* f, Writer& w) {
     if (file.seek(&seek, &size) == 0) {
         char* buf = w.data();
         const Uint32 length = w.length();
-        char field[32];
-        int n = zepSnprintf(field, sizeof field, "%c%llu%c%u", 'I',
-                            static_cast<unsigned long long>(size + 2), 'H', length - 2);
+        // "I<offset>H<length>", cut at the field's width.
+        char field[48];
+        ZepText t(field, sizeof field);
+        t.chars('I', 1).dec(size + 2).chars('H', 1).dec(length - 2);
         memcpy(buf + kLocationOffset, field,
-               static_cast<Uint32>(n) < kLocationWidth ? static_cast<Uint32>(n) : kLocationWidth);
+               t.length() < kLocationWidth ? t.length() : kLocationWidth);
         buf[kLocationOffset + kLocationWidth] = ' ';
         ZEPFileWriteParam write;
         write.buffer = buf;

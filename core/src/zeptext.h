@@ -21,32 +21,47 @@ public:
     char* cursor() { return buf_ + used_; }
     void advance(Uint32 n) { used_ += n; }
 
-    // Up to `max` characters of s (printf's "%.<max>s").
-    ZepText& str(const char* s, Uint32 max = 0xFFFFFFFFu) {
+    // Up to `max` characters of s (printf's "%.<max>s"). A literal's length is known where the
+    // call is compiled, and its bytes are copied without a search for the end.
+    __attribute__((always_inline)) ZepText& str(const char* s, Uint32 max = 0xFFFFFFFFu) {
+        if (__builtin_constant_p(__builtin_strlen(s)) && __builtin_constant_p(max) &&
+            __builtin_strlen(s) <= max)
+            return put(s, __builtin_strlen(s));
         const Uint32 room = space() - 1;
-        const size_t n = strnlen(s, max < room ? max : room);
+        return put(s, strnlen(s, max < room ? max : room));
+    }
+    // n bytes of s, cut at the room left.
+    __attribute__((always_inline)) ZepText& put(const char* s, size_t n) {
+        const Uint32 room = space() - 1;
+        if (n > room) n = room;
         memcpy(buf_ + used_, s, n);
         used_ += static_cast<Uint32>(n);
         buf_[used_] = 0;
         return *this;
     }
     ZepText& chars(char c, Uint32 n) {
-        while (n-- && used_ + 1 < size_) buf_[used_++] = c;
+        const Uint32 room = space() - 1;
+        if (n > room) n = room;
+        if (n > 8) {
+            memset(buf_ + used_, c, n);
+            used_ += n;
+        } else {
+            while (n--) buf_[used_++] = c;
+        }
         buf_[used_] = 0;
         return *this;
     }
     // Decimal, at least `digits` wide with leading zeros ("%0<digits>u", "%.<digits>u").
     ZepText& dec(Uint64 v, Uint32 digits = 1) {
         char tmp[24];
-        Uint32 n = 0;
+        char* p = tmp + sizeof tmp;
         do {
-            tmp[n++] = static_cast<char>('0' + v % 10);
+            *--p = static_cast<char>('0' + v % 10);
             v /= 10;
         } while (v);
-        while (n < digits) tmp[n++] = '0';
-        while (n && used_ + 1 < size_) buf_[used_++] = tmp[--n];
-        buf_[used_] = 0;
-        return *this;
+        if (digits > sizeof tmp) digits = sizeof tmp;
+        while (p > tmp + sizeof tmp - digits) *--p = '0';
+        return small(p, static_cast<Uint32>(tmp + sizeof tmp - p));
     }
     ZepText& sdec(Sint64 v) {
         if (v < 0) chars('-', 1);
@@ -56,14 +71,12 @@ public:
     ZepText& hex(Uint64 v) {
         static const char kDigits[] = "0123456789ABCDEF";
         char tmp[16];
-        Uint32 n = 0;
+        char* p = tmp + sizeof tmp;
         do {
-            tmp[n++] = kDigits[v & 0xF];
+            *--p = kDigits[v & 0xF];
             v >>= 4;
         } while (v);
-        while (n && used_ + 1 < size_) buf_[used_++] = tmp[--n];
-        buf_[used_] = 0;
-        return *this;
+        return small(p, static_cast<Uint32>(tmp + sizeof tmp - p));
     }
     // Blanks up to `width` characters since `from` ("%-<width>..."): nothing if already there.
     ZepText& padTo(Uint32 from, Uint32 width) {
@@ -72,6 +85,16 @@ public:
     }
 
 private:
+    // A few bytes, copied in place rather than by a call.
+    ZepText& small(const char* s, Uint32 n) {
+        const Uint32 room = space() - 1;
+        if (n > room) n = room;
+        for (Uint32 i = 0; i < n; ++i) buf_[used_ + i] = s[i];
+        used_ += n;
+        buf_[used_] = 0;
+        return *this;
+    }
+
     char* buf_;
     Uint32 size_;
     Uint32 used_ = 0;

@@ -13,7 +13,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-
 namespace zepos {
 
 namespace {

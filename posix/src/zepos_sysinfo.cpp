@@ -812,22 +812,27 @@ void copyCut(char* to, Uint32 size, const std::string& from) {
     to[n] = 0;
 }
 
+// statvfs of a path the caller names, failing as the platform's volume calls do: 87 for none, 2
+// or 3 for a path that isn't there.
+bool statVolume(const char* path, struct statvfs* v) {
+    if (path == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (statvfs(path, v) == 0) return true;
+    if (errno == ENOENT)
+        SetLastError(NotFoundError(path));
+    else
+        SetLastErrorFromErrno();
+    return false;
+}
+
 }  // namespace
 
 BOOL GetDiskFreeSpaceExA(const char* directory, Uint64* freeToCaller, Uint64* totalBytes,
                          Uint64* totalFree) {
     struct statvfs v;
-    if (directory == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    if (statvfs(directory, &v) != 0) {
-        if (errno == ENOENT)
-            SetLastError(NotFoundError(directory));
-        else
-            SetLastErrorFromErrno();
-        return 0;
-    }
+    if (!statVolume(directory, &v)) return 0;
     const Uint64 unit = v.f_frsize ? v.f_frsize : v.f_bsize;
     if (freeToCaller) *freeToCaller = static_cast<Uint64>(v.f_bavail) * unit;
     if (totalBytes) *totalBytes = static_cast<Uint64>(v.f_blocks) * unit;
@@ -840,17 +845,7 @@ BOOL GetVolumeInformationA(const char* root, char* volumeName, Uint32 volumeName
                            Uint32* fileSystemFlags, char* fileSystemName,
                            Uint32 fileSystemNameSize) {
     struct statvfs v;
-    if (root == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    if (statvfs(root, &v) != 0) {
-        if (errno == ENOENT)
-            SetLastError(NotFoundError(root));
-        else
-            SetLastErrorFromErrno();
-        return 0;
-    }
+    if (!statVolume(root, &v)) return 0;
     sysfiles::MountEntry m;
     if (!findMount(root, &m)) {
         SetLastError(ERROR_NOT_READY);

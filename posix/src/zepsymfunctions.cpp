@@ -23,6 +23,7 @@
 #include <atomic>
 
 #include "zeplatch.h"
+#include "zepdwarfline.h"
 #include "zepos.h"
 
 // The runtime's look-up of the call-frame description for an address (exported by the
@@ -474,30 +475,6 @@ Dwfl* s_dwfl = nullptr;
 const Dwfl_Callbacks s_dwflCallbacks = {dwfl_linux_proc_find_elf, dwfl_standard_find_debuginfo,
                                         nullptr, &s_debuginfoPath};
 
-// The source line of an address. Objects without an address-range table (clang's default) have
-// no unit that this release of libdw finds by the table; the units' own ranges find it.
-const char* sourceLine(Dwfl_Module* mod, Dwarf_Addr address, int* lineNo) {
-    Dwfl_Line* line = dwfl_module_getsrc(mod, address);
-    if (line != nullptr) return dwfl_lineinfo(line, nullptr, lineNo, nullptr, nullptr, nullptr);
-    Dwarf_Addr bias = 0;
-    Dwarf* dw = dwfl_module_getdwarf(mod, &bias);
-    if (dw == nullptr) return nullptr;
-    Dwarf_Off offset = 0, next = 0;
-    size_t headerSize = 0;
-    while (dwarf_nextcu(dw, offset, &next, &headerSize, nullptr, nullptr, nullptr) == 0) {
-        Dwarf_Die cu;
-        if (dwarf_offdie(dw, offset + headerSize, &cu) != nullptr &&
-            dwarf_haspc(&cu, address - bias) == 1) {
-            Dwarf_Line* l = dwarf_getsrc_die(&cu, address - bias);
-            if (l != nullptr && dwarf_lineno(l, lineNo) == 0)
-                return dwarf_linesrc(l, nullptr, nullptr);
-            return nullptr;
-        }
-        offset = next;
-    }
-    return nullptr;
-}
-
 bool reportProcess(bool add) {
     if (add)
         dwfl_report_begin_add(s_dwfl);
@@ -591,7 +568,7 @@ BOOL SymGetSymFromAddr64(HANDLE process, Uint64 address, Uint64* displacement,
     symbol->FileName[0] = 0;
     symbol->LineNumber = 0;
     int lineNo = 0;
-    const char* file = sourceLine(mod, address, &lineNo);
+    const char* file = zepDwarfSourceLine(mod, address, &lineNo);
     if (file != nullptr) {
         const size_t n = strnlen(file, sizeof symbol->FileName - 1);
         memcpy(symbol->FileName, file, n);
