@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -46,9 +47,10 @@ protected:
 // given to two holders.
 TEST_F(IdleReuse, ReusedBlocksFitAndAreNotShared) {
     std::vector<std::pair<char*, Uint32>> live;
-    Uint32 size = 1;
+    std::mt19937 rng(19);
+    std::uniform_int_distribution<Uint32> pick(1, 1100);  // inside and beyond the reused sizes
     for (int op = 0; op < 6000; ++op) {
-        size = (size * 37 + 11) % 1100 + 1;  // 1..1,100: inside and beyond the reused sizes
+        const Uint32 size = pick(rng);
         char* p = alloc(size);
         const size_t rounded = (size + 7) & ~size_t{7};
         ASSERT_GE(malloc_usable_size(p - 32), rounded + 32) << size;
