@@ -1,5 +1,6 @@
 // helper_memdbg <command> ...: processes for the memory tests.
-//   state              prints the debugger's settings as the start-up step left them
+//   state              prints the debugger's settings as the start-up step left them: the
+//                      block mode, the flags and pads if set up, the path, FFDC, the report
 //   leaks              leaks two blocks and overruns a third (run with ZEPEMEMDBG=<dir>,LEAKS);
 //                      prints "<pid> <tid> <line of the first leak> <line of the second>"
 //   terminate          one live block, zepTerminate called once here and once at process end
@@ -38,10 +39,10 @@ int state() {
     if (zepMemAlloc(&p, nullptr, 8, 0) != 0) return 3;
     const Uint32 mode = blockMode(p);
     zepMemFree(&p, nullptr, 0);
-    const ZEPMemDebugCB* cb = g_pMemDebugCB;
-    printf("mode=%08X cb=%s", mode, cb ? "set" : "null");
-    if (cb) printf(" flags=0x%X pads=%u,%u", cb->flags, cb->frontPads, cb->backPads);
-    printf(" path=[%s] ffdc=%d report=%d\n", g_szMemDebugLogPath, g_bIsMemoryFFDCEnabledFlag,
+    printf("%08X", mode);
+    if (const ZEPMemDebugCB* cb = g_pMemDebugCB)
+        printf(" 0x%X %u,%u", cb->flags, cb->frontPads, cb->backPads);
+    printf(" [%s] %d %d\n", g_szMemDebugLogPath, g_bIsMemoryFFDCEnabledFlag,
            zepMemIsMemFFDCAndZEPeMemDebugPathSet());
     return 0;
 }

@@ -1,16 +1,12 @@
 // helper_tick - the other process of the tick and start-up tests.
-//
-//   helper_tick startup        print "tune L C D R S register N": the spin tuning and the
-//                              tick-register flag that this process's start-up pass chose
-//   helper_tick factor FD      in the shared mapping FD: write this process's conversion factor,
-//                              then a tick read between two readings of CLOCK_REALTIME. Four
-//                              threads ask for the factor at once, the first time in this process;
-//                              exit 4 if they don't all get the same bytes
-//
-// This program defines the processor stand-ins of the OS layer itself, so that the library's
-// start-up pass meets the processor that the environment describes: ZEP_FAKE_PROCESSORS (the
-// processor count), ZEP_FAKE_LEVEL (wProcessorLevel) and ZEP_FAKE_EDX (the feature word of leaf 1).
-// What isn't set is taken from this machine.
+//   startup    print "tune L C D R S register N": the spin tuning and the tick-register flag that
+//              this process's start-up pass chose
+//   factor FD  four threads ask for the factor at once, the first time here (exit 4 unless they
+//              get the same bytes); then the factor and a tick read between two readings of
+//              CLOCK_REALTIME, into the shared mapping FD
+// The processor stand-ins of the OS layer are defined here, so that the start-up pass meets the
+// processor the environment describes: ZEP_FAKE_PROCESSORS (the count), ZEP_FAKE_LEVEL
+// (wProcessorLevel) and ZEP_FAKE_EDX (the feature word of leaf 1); the rest is this machine's.
 #include <cpuid.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -60,7 +56,6 @@ void Cpuid(Uint32 leaf, Uint32 regs[4]) {
 
 }  // namespace zepos
 
-// A tick read between two readings of the wall clock, in nanoseconds.
 struct TickShared {
     ZEPTickConversionFactor factor;
     Uint64 tick;
@@ -91,9 +86,8 @@ int main(int argc, char** argv) {
         std::vector<std::thread> threads;
         for (auto& f : seen) threads.emplace_back([&f] { f.initialize(); });
         for (auto& t : threads) t.join();
-        for (const auto& f : seen) {
+        for (const auto& f : seen)
             if (memcmp(&f, &seen[0], sizeof f) != 0) return 4;
-        }
         shared->factor.initialize();
         ZEPTick tick;
         shared->realtimeBefore = realtimeNs();

@@ -11,16 +11,15 @@
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "zep.h"
 #include "zeptest_stress.h"
+#include "zeptest_util.h"
 
 namespace {
 
@@ -78,10 +77,13 @@ struct Area {
     Uint32 size;
 };
 
-TEST(Alloc, Arguments) {
+TEST(Alloc, ArgumentsHashAndTheNullFree) {
     void* p = reinterpret_cast<void*>(1);
-    EXPECT_EQ(zepMemAlloc(&p, nullptr, 0, 0), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(zepMemAlloc(&p, nullptr, 8, 4), ECF_INVALID_PARAMETER);
+    Area area(100);
+    for (void* where : {static_cast<void*>(nullptr), area.base()}) {
+        EXPECT_EQ(zepMemAlloc(&p, where, 0, 0), ECF_INVALID_PARAMETER);
+        EXPECT_EQ(zepMemAlloc(&p, where, 8, 4), ECF_INVALID_PARAMETER);
+    }
     EXPECT_EQ(zepMemAlloc(&p, nullptr, 8, 0x80000000u), ECF_INVALID_PARAMETER);
     EXPECT_EQ(zepMemAlloc(nullptr, nullptr, 8, 0), ECF_INVALID_PARAMETER);
     EXPECT_EQ(zepMemFree(nullptr, nullptr, 0), ECF_INVALID_PARAMETER);
@@ -93,42 +95,22 @@ TEST(Alloc, Arguments) {
     EXPECT_EQ(zepMemFree(&p, nullptr, 0), 0u);
     EXPECT_EQ(p, nullptr);
 
-    Area area(100);
-    EXPECT_EQ(zepMemAlloc(&p, area.base(), 0, 0), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(zepMemAlloc(&p, area.base(), 12, 4), ECF_INVALID_PARAMETER);
-}
-
-TEST(Alloc, FileHashOfTheBaseName) {
-    struct {
-        const char* file;
-        Uint32 hash;
-    } cases[] = {
+    // The hash of the file's base name.
+    const std::pair<const char*, Uint32> hashes[] = {
         {"ab", 0x6162},          {"/x/y\\ab", 0x6162},           {"abcdef", 0x61620602},
-        {"abcdefg", 0x2DABC9E3}, {"a/zepalloc.cpp", 0x25E7E292}, {"", 0},
-    };
-    for (const auto& c : cases) {
-        void* p = nullptr;
-        ASSERT_EQ(_zepMemAlloc(&p, nullptr, 4, 0, c.file, 1), 0u);
-        Uint32 hash;
-        memcpy(&hash, static_cast<char*>(p) - 8, 4);
-        EXPECT_EQ(hash, c.hash) << c.file;
+        {"abcdefg", 0x2DABC9E3}, {"a/zepalloc.cpp", 0x25E7E292}, {"", 0}};
+    for (const auto& [file, hash] : hashes) {
+        ASSERT_EQ(_zepMemAlloc(&p, nullptr, 4, 0, file, 1), 0u);
+        Uint32 got;
+        memcpy(&got, static_cast<char*>(p) - 8, 4);
+        EXPECT_EQ(got, hash) << file;
         zepMemFree(&p, nullptr, 0);
     }
-}
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-TEST(Alloc, NullAddressIsLogged) {
-    char tmpl[] = "/tmp/zepallocXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string log = std::string(tmpl) + "/zep.log";
+    // A null address to free is logged with the caller's place.
+    zeptest::TempDir dir("zepalloc");
     ZEPLogFacilityParam param;
-    snprintf(param.path, sizeof param.path, "%s", log.c_str());
+    snprintf(param.path, sizeof param.path, "%s", (dir / "zep.log").c_str());
     snprintf(param.name, sizeof param.name, "alloc");
     param.level = ZEP_LOG_INFO;
     param.target = ZEP_LOG_TARGET_FILE;
@@ -136,10 +118,9 @@ TEST(Alloc, NullAddressIsLogged) {
     ASSERT_EQ(zepLogFacOpen(&param, nullptr), 0u);
     void* null = nullptr;
     EXPECT_EQ(_zepMemFree(&null, nullptr, 0, "some/where.cpp", 321), ECF_MEM_NULL_POINTER);
-    Area area(100);
     EXPECT_EQ(_zepMemFree(&null, area.base(), 12, "area.cpp", 9), ECF_MEM_NULL_POINTER);
     zepLogFacClose(nullptr);
-    std::string text = slurp(log);
+    const std::string text = zeptest::slurp(dir / "zep.log");
     const std::string message =
         "NULL pointer for memory allocation address found at: some/where.cpp, line 321";
     EXPECT_NE(text.find(" LEVEL: Error\r\n"), std::string::npos) << text;
@@ -150,17 +131,13 @@ TEST(Alloc, NullAddressIsLogged) {
               std::string::npos)
         << text;
     EXPECT_NE(text.find("found at: area.cpp, line 9"), std::string::npos);
-    std::string cmd = std::string("rm -rf '") + tmpl + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(Area, InitRoundingExactFitAndExhaustion) {
     Area a(100);
     const ZEPMemArea* head = static_cast<const ZEPMemArea*>(a.base());
-    EXPECT_EQ(head->lock, 0);
-    EXPECT_EQ(head->reserved, 0u);
-    EXPECT_EQ(head->usable, 84u);
-    EXPECT_EQ(head->head, 16u);
+    EXPECT_EQ(std::vector<Uint32>({Uint32(head->lock), head->reserved, head->usable, head->head}),
+              (std::vector<Uint32>{0, 0, 84, 16}));
     EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 84}}));
 
     // 13 bytes take 24: the rest starts 24 bytes further.
@@ -177,33 +154,20 @@ TEST(Area, InitRoundingExactFitAndExhaustion) {
     a.release(p, 13);
     a.release(q, 60);
     EXPECT_EQ(a.list(), (std::vector<Piece>{{16, 84}}));
-
-    // 16 + 12n bytes: one block of 12n bytes, then nothing.
-    Area b(16 + 12 * 50);
-    void* all = b.alloc(600);
-    EXPECT_EQ(zepMemAlloc(&r, b.base(), 1, 0), ECF_NO_MEMORY);
-    EXPECT_EQ(zepMemAlloc(&r, b.base(), 601, 0), ECF_NO_MEMORY);
-    b.release(all, 600);
-    EXPECT_EQ(zepMemAlloc(&r, b.base(), 601, 0), ECF_NO_MEMORY);
-    EXPECT_EQ(b.list(), (std::vector<Piece>{{16, 600}}));
+    EXPECT_EQ(zepMemAlloc(&r, a.base(), 85, 0), ECF_NO_MEMORY);
 
     // Sizes that aren't a multiple of 12 lose the rest; the lowest size with a node is 28.
-    Area c(27);
+    Area c(27), d(28);
     EXPECT_EQ(static_cast<const ZEPMemArea*>(c.base())->usable, 0u);
-    EXPECT_EQ(static_cast<const ZEPMemArea*>(c.base())->head, 0u);
-    Area d(28);
+    EXPECT_EQ(c.list(), std::vector<Piece>{});
     EXPECT_EQ(d.list(), (std::vector<Piece>{{16, 12}}));
 }
 
 TEST(Area, BestFitTakesTheOlderOfEqualPieces) {
     // Six blocks fill the area: A 24, B 12, C 24, D 12, E 36, F 12.
     Area a(16 + 120);
-    void* A = a.alloc(24);
-    void* B = a.alloc(12);
-    void* C = a.alloc(24);
-    void* D = a.alloc(12);
-    void* E = a.alloc(36);
-    void* F = a.alloc(12);
+    void *A = a.alloc(24), *B = a.alloc(12), *C = a.alloc(24), *D = a.alloc(12), *E = a.alloc(36),
+         *F = a.alloc(12);
     EXPECT_EQ(a.list(), std::vector<Piece>{});
     memset(E, 0x5A, 36);
     a.release(A, 24);
@@ -327,21 +291,11 @@ TEST(Area, TwoProcessesShareOneAreaInSharedMemory) {
     ASSERT_NE(base, MAP_FAILED);
     ASSERT_EQ(zepMemAreaInit(base, size), 0u);
 
-    const std::string helper = std::string(ZEP_TEST_BIN_DIR) + "/helper_memdbg";
     pid_t children[2];
-    for (int i = 0; i < 2; ++i) {
-        children[i] = fork();
-        if (children[i] == 0) {
-            std::string seed = std::to_string(i + 1);
-            execl(helper.c_str(), helper.c_str(), "area", name, "200000", seed.c_str(), nullptr);
-            _exit(127);
-        }
-    }
-    for (pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+    for (int i = 0; i < 2; ++i)
+        children[i] =
+            zeptest::spawnHelper("helper_memdbg", {"area", name, "200000", std::to_string(i + 1)});
+    for (pid_t child : children) EXPECT_EQ(zeptest::waitExit(child), 0);
     // Everything came back: one node of the usable size.
     EXPECT_EQ(freeList(base), (std::vector<Piece>{{16, 12 * 1000}}));
     EXPECT_EQ(static_cast<const ZEPMemArea*>(base)->lock, 0);

@@ -14,7 +14,7 @@
 #include <sstream>
 
 #include "zeptest_capture.h"
-#include "zeptest_paths.h"
+#include "zeptest_sys.h"
 
 namespace {
 

@@ -1,25 +1,16 @@
 // Path-level operations as callers rely on them: the names they compute byte for byte, the codes
 // and log records of their failures, and what they change (or leave) on disk.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "zepos.h"
-#include "zeptest_capture.h"
-#include "zeptest_paths.h"
+#include "zeptest_sys.h"
 
 namespace {
 
 using namespace zeptest;
 
 int logCount() {
-    int n = 0;
-    for (const Call& c : calls) n += c.what.compare(0, 3, "log") == 0;
-    return n;
+    return static_cast<int>(logs().size());
 }
 
 using File = CaptureTest;
@@ -140,10 +131,9 @@ TEST_F(File, InfoOfFilesDirectoriesAndOthers) {
         calls.clear();
         p.path = missing.c_str();
         EXPECT_EQ(zepFileGetInfoV9(&p, &info), ECF_FILE_DOESNT_EXIST) << missing;
-        const Call& m = theLog(ZEPFN_zepGetFileInfo, 30, ECF_FILE_DOESNT_EXIST);
-        EXPECT_EQ(m.called, SYSFN__stat);
-        EXPECT_EQ(m.err, 2u);
-        EXPECT_EQ(m.items[0].bytes, missing);
+        EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_zepGetFileInfo, 30, ECF_FILE_DOESNT_EXIST,
+                                      ZEP_LOG_INFO, SYSFN__stat, 2)});
+        EXPECT_EQ(aLog().items.at(0).bytes, missing);
     }
 
     calls.clear();
@@ -213,14 +203,11 @@ TEST_F(File, PathTestAnswersAndFailures) {
         p.tests = tests;
         EXPECT_EQ(zepPathTest(&p), ECF_UNKNOWN);
         ASSERT_EQ(calls.size(), 2u);
-        EXPECT_EQ(calls[0].what, "logsys");
-        EXPECT_EQ(calls[0].probe, 40u);
-        EXPECT_EQ(calls[0].called, SYSFN_access);
-        EXPECT_EQ(calls[0].level, static_cast<Uint32>(ZEP_LOG_ERROR));
+        EXPECT_EQ(logs(), (Strings{rec("logsys", ZEPFN_zepPathTest, 40, ECF_UNKNOWN, ZEP_LOG_ERROR,
+                                       SYSFN_access, 1921),
+                                   rec("log", ZEPFN_zepPathTest, 60, ECF_UNKNOWN, ZEP_LOG_ERROR)}));
         EXPECT_EQ(calls[0].items[0].bytes, loop);
         EXPECT_EQ(valueOf<Sint32>(calls[0].items[1]), mode) << tests;
-        EXPECT_EQ(calls[1].what, "log");
-        EXPECT_EQ(calls[1].probe, 60u);
         EXPECT_EQ(valueOf<Uint32>(calls[1].items[0]), tests);
         EXPECT_EQ(valueOf<Uint32>(calls[1].items[1]), 77u);
     }
@@ -295,10 +282,9 @@ TEST_F(File, PermissionsOwnershipAndDriveMap) {
     calls.clear();
     std::string missing = path("none/f");
     EXPECT_EQ(zepFileSetPermissions(missing.c_str(), 0644), ECF_FILE_PATH_DOESNT_EXIST);
-    const Call& c = theLog(ZEPFN_zepFileSetPermissions, 20, ECF_FILE_PATH_DOESNT_EXIST);
-    EXPECT_EQ(c.called, SYSFN_chmod);
-    EXPECT_EQ(c.err, 3u);
-    EXPECT_EQ(valueOf<Uint32>(c.items[1]), 0644u);
+    EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_zepFileSetPermissions, 20,
+                                  ECF_FILE_PATH_DOESNT_EXIST, ZEP_LOG_INFO, SYSFN_chmod, 3)});
+    EXPECT_EQ(valueOf<Uint32>(aLog().items.at(1)), 0644u);
 
     calls.clear();
     EXPECT_EQ(zepFileSetOwnership(f.c_str(), 1, 1), 0u);
@@ -383,12 +369,10 @@ TEST_F(File, CopyAFile) {
         EXPECT_EQ(zepFileCopy(r.from.c_str(), to.c_str()), r.rc) << r.from;
         EXPECT_FALSE(exists(to)) << r.from;
         ASSERT_EQ(calls.size(), 2u);  // zep_copy's record, then the copy's
-        EXPECT_EQ(calls[0].fid, ZEPFN_zep_copy);
-        EXPECT_EQ(calls[0].called, SYSFN_CopyFile);
-        EXPECT_EQ(calls[0].count, 0);
-        EXPECT_EQ(calls[1].what, "logrc");
-        EXPECT_EQ(calls[1].probe, 30u);
-        EXPECT_EQ(calls[1].called, ZEPFN_zep_copy);
+        EXPECT_EQ(std::make_tuple(calls[0].fid, calls[0].called, calls[0].count, calls[1].what,
+                                  calls[1].probe, calls[1].called),
+                  std::make_tuple(ZEPFN_zep_copy, SYSFN_CopyFile, 0, std::string("logrc"), 30u,
+                                  ZEPFN_zep_copy));
         EXPECT_EQ(calls[1].items[1].bytes, to);
     }
 }

@@ -5,11 +5,8 @@
 // while a recording is on, each sleep is noted instead of slept, and a chosen one releases the
 // lock the caller waits for.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,13 +14,12 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "zep.h"
 #include "zeptest_util.h"
 #include "zepos.h"
-
-extern char** environ;
 
 namespace {
 
@@ -86,129 +82,94 @@ std::vector<Uint32> sleepsUntilReleased(const ZEPSpinTune& tune, size_t releaseA
     return g_sleeps;
 }
 
-std::string lockText(Uint8 byte, Uint32* rc, Uint32 size = 64) {
-    ZEPLock lock = byte;
-    char buf[64];
-    memset(buf, '#', sizeof buf);
-    *rc = zepLockToString(&lock, buf, size);
-    EXPECT_EQ(lock, byte);
-    return std::string(buf);
-}
-
 // What helper_tick's start-up pass chose on the processor the environment describes.
-std::string startupWith(std::vector<std::string> env) {
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    pid_t pid = spawnHelper("helper_tick", {"startup"}, env, fds[1]);
-    close(fds[1]);
-    char buf[256] = {};
-    ssize_t n = 0, got;
-    while ((got = read(fds[0], buf + n, sizeof buf - 1 - n)) > 0) n += got;
-    close(fds[0]);
-    EXPECT_EQ(waitExit(pid), 0);
-    return std::string(buf);
+std::string startupWith(const std::vector<std::string>& env) {
+    int status = 0;
+    const std::string out = zeptest::runHelper("helper_tick", {"startup"}, env, &status);
+    EXPECT_EQ(status, 0);
+    return out;
 }
 
 }  // namespace
 
-TEST(Latch, Texts) {
-    Uint32 rc = 1;
-    EXPECT_EQ(lockText(0x00, &rc), "{ 0x00 [ unlocked ] }");
-    EXPECT_EQ(rc, 0u);
-    EXPECT_EQ(lockText(0x80, &rc), "{ 0x80 [ locked ] }");
-    EXPECT_EQ(rc, 0u);
-    EXPECT_EQ(lockText(0xC0, &rc), "{ 0xC0 [ locked;waiting ] }");
-    EXPECT_EQ(rc, 0u);
-    EXPECT_EQ(lockText(0x41, &rc), "{ 0x41 [ corrupt ] }");
-    EXPECT_EQ(rc, ECF_ZEPLOCK_CORRUPT);
-    // Read sign-extended, shown by its low eight bits.
-    EXPECT_EQ(lockText(0xFF, &rc), "{ 0xFF [ corrupt ] }");
-    EXPECT_EQ(rc, ECF_ZEPLOCK_CORRUPT);
-    EXPECT_EQ(lockText(0x81, &rc), "{ 0x81 [ corrupt ] }");
-    // A short buffer keeps a NUL-ended beginning.
-    EXPECT_EQ(lockText(0x80, &rc, 6), "{ 0x8");
-    EXPECT_EQ(rc, 0u);
-
-    // A null buffer classifies all the same.
-    ZEPLock lock = 0x41;
-    EXPECT_EQ(zepLockToString(&lock, nullptr, 0), ECF_ZEPLOCK_CORRUPT);
-    lock = 0xC0;
-    EXPECT_EQ(zepLockToString(&lock, nullptr, 0), 0u);
-}
-
-TEST(Latch, Verify) {
+TEST(Latch, TextsAndVerdicts) {
+    // The byte's text and result (the byte read sign-extended, shown by its low eight bits), and
+    // zepLockVerify's verdict on it for each expectation: any, free, held, other.
     const Uint32 C = ECF_ZEPLOCK_CORRUPT;
-    struct Row {
+    struct {
         Uint8 byte;
-        Uint32 any, free, held, other;
+        const char* text;
+        Uint32 rc, any, free, held, other;
     } rows[] = {
-        {0x00, 0, 0, C, 0}, {0x80, 0, C, 0, 0},
-        {0xC0, 0, C, 0, 0},  // held with waiters still counts as held
-        {0x41, C, C, C, C}, {0x40, C, C, C, C},
+        {0x00, "{ 0x00 [ unlocked ] }", 0, 0, 0, C, 0},
+        {0x80, "{ 0x80 [ locked ] }", 0, 0, C, 0, 0},
+        {0xC0, "{ 0xC0 [ locked;waiting ] }", 0, 0, C, 0, 0},  // held with waiters is held
+        {0x41, "{ 0x41 [ corrupt ] }", C, C, C, C, C},
+        {0x40, "{ 0x40 [ corrupt ] }", C, C, C, C, C},
+        {0xFF, "{ 0xFF [ corrupt ] }", C, C, C, C, C},
+        {0x81, "{ 0x81 [ corrupt ] }", C, C, C, C, C},
     };
-    for (const Row& r : rows) {
+    for (const auto& r : rows) {
         ZEPLock lock = r.byte;
-        EXPECT_EQ(zepLockVerify(&lock, 0), r.any) << int(r.byte);
-        EXPECT_EQ(zepLockVerify(&lock, 1), r.free) << int(r.byte);
-        EXPECT_EQ(zepLockVerify(&lock, 2), r.held) << int(r.byte);
-        EXPECT_EQ(zepLockVerify(&lock, 3), r.other) << int(r.byte);
+        char buf[64];
+        EXPECT_EQ(zepLockToString(&lock, buf, sizeof buf), r.rc) << r.text;
+        EXPECT_STREQ(buf, r.text);
+        // A null buffer classifies all the same.
+        EXPECT_EQ(zepLockToString(&lock, nullptr, 0), r.rc) << r.text;
+        EXPECT_EQ(std::vector<Uint32>({zepLockVerify(&lock, 0), zepLockVerify(&lock, 1),
+                                       zepLockVerify(&lock, 2), zepLockVerify(&lock, 3)}),
+                  std::vector<Uint32>({r.any, r.free, r.held, r.other}))
+            << r.text;
         EXPECT_EQ(lock, r.byte);
     }
+    // A short buffer keeps a NUL-ended beginning.
+    ZEPLock lock = 0x80;
+    char buf[8];
+    EXPECT_EQ(zepLockToString(&lock, buf, 6), 0u);
+    EXPECT_STREQ(buf, "{ 0x8");
 }
 
 TEST(Latch, BareAndVersionedLatch) {
+    // A call's result and the lock byte after it.
+    using R = std::pair<Uint32, int>;
     ZEPLock lock = 0;
-    EXPECT_TRUE(zepLockTestGet(&lock));
-    EXPECT_EQ(lock, 0x80);
-    EXPECT_FALSE(zepLockTestGet(&lock));
+    auto bare = [&](Uint32 rc) { return R(rc, lock); };
+    EXPECT_EQ(bare(zepLockTestGet(&lock)), R(1, 0x80));
+    EXPECT_EQ(bare(zepLockTestGet(&lock)), R(0, 0x80));
     zepLockRelease(&lock);
     EXPECT_EQ(lock, 0);
     // The exchange is unconditional: a corrupt byte is not taken, and becomes a held lock.
     lock = 0x41;
-    EXPECT_FALSE(zepLockTestGet(&lock));
-    EXPECT_EQ(lock, 0x80);
+    EXPECT_EQ(bare(zepLockTestGet(&lock)), R(0, 0x80));
 
     // A bad version word: refused, and the lock byte is left as it was, release included.
+    ZEPVLatch v;
+    auto versioned = [&](Uint32 rc) { return R(rc, v.lock); };
     for (Uint32 stamp : {0u, 20040701u}) {
-        ZEPVLatch v = {stamp, 0x80};
-        EXPECT_EQ(zepVLatchGet(&v), ECF_INVALID_VERSION);
-        EXPECT_EQ(zepVLatchTestGet(&v), ECF_INVALID_VERSION);
-        EXPECT_EQ(zepVLatchRelease(&v), ECF_INVALID_VERSION);
-        EXPECT_EQ(v.lock, 0x80);
+        v = {stamp, 0x80};
+        EXPECT_EQ(versioned(zepVLatchGet(&v)), R(ECF_INVALID_VERSION, 0x80));
+        EXPECT_EQ(versioned(zepVLatchTestGet(&v)), R(ECF_INVALID_VERSION, 0x80));
+        EXPECT_EQ(versioned(zepVLatchRelease(&v)), R(ECF_INVALID_VERSION, 0x80));
         v.lock = 0;
-        EXPECT_EQ(zepVLatchTestGet(&v), ECF_INVALID_VERSION);
-        EXPECT_EQ(v.lock, 0);
+        EXPECT_EQ(versioned(zepVLatchTestGet(&v)), R(ECF_INVALID_VERSION, 0));
     }
-
     // init writes a free lock whatever was there, and no flag keeps it.
-    ZEPVLatch v = {0, 0x80};
+    v = {0, 0x80};
     zepVLatchInit(&v, 0x2);
-    EXPECT_EQ(v.version, 0x09010007u);
-    EXPECT_EQ(v.lock, 0);
-    EXPECT_EQ(zepVLatchTestGet(&v), 0u);
-    EXPECT_EQ(v.lock, 0x80);
-    EXPECT_EQ(zepVLatchTestGet(&v), ECF_FAILED);
-    EXPECT_EQ(v.lock, 0x80);
-    EXPECT_EQ(zepVLatchRelease(&v), 0u);
-    EXPECT_EQ(v.lock, 0);
-    EXPECT_EQ(zepVLatchRelease(&v), 0u);
-    EXPECT_EQ(zepVLatchGet(&v), 0u);
-    EXPECT_EQ(v.lock, 0x80);
-    v.version = 20040702u;
-    EXPECT_EQ(zepVLatchRelease(&v), 0u);
-    EXPECT_EQ(v.lock, 0);
+    EXPECT_EQ(R(v.version, v.lock), R(0x09010007u, 0));
+    EXPECT_EQ(versioned(zepVLatchTestGet(&v)), R(0, 0x80));
+    EXPECT_EQ(versioned(zepVLatchTestGet(&v)), R(ECF_FAILED, 0x80));
+    EXPECT_EQ(versioned(zepVLatchRelease(&v)), R(0, 0));
+    EXPECT_EQ(versioned(zepVLatchRelease(&v)), R(0, 0));
+    EXPECT_EQ(versioned(zepVLatchGet(&v)), R(0, 0x80));
+    v.version = 20040702u;  // the oldest stamp that counts
+    EXPECT_EQ(versioned(zepVLatchRelease(&v)), R(0, 0));
 }
 
 TEST(Latch, WasteTimeAndYield) {
-    EXPECT_EQ(zepWasteTime(0), 77);
-    EXPECT_EQ(zepWasteTime(1), 77);
-    EXPECT_EQ(zepWasteTime(2), 79);
-    EXPECT_EQ(zepWasteTime(3), 86);
     // 77 + n * (1 + 2 + ... + (n-1)), wrapping at 32 bits.
-    for (Uint32 n : {350u, 5000u}) {
-        const Uint32 expect = 77u + n * (n * (n - 1) / 2);
-        EXPECT_EQ(static_cast<Uint32>(zepWasteTime(n)), expect) << n;
-    }
+    for (Uint32 n : {0u, 1u, 2u, 3u, 350u, 5000u})
+        EXPECT_EQ(Uint32(zepWasteTime(n)), 77u + n * (n * (n - 1) / 2)) << n;
 
     g_sleeps.clear();
     g_recording = true;
@@ -231,15 +192,6 @@ TEST(Latch, SlowPathSleeps) {
               (std::vector<Uint32>{1, 1, 1, 4, 7, 10}));
     // A lock that is released during the first sleep is taken by the attempt after it.
     EXPECT_EQ(sleepsUntilReleased({0, 0, 0, 0, 0}, 1), (std::vector<Uint32>{1}));
-}
-
-TEST(Latch, TuningRoundTrip) {
-    ZEPSpinTune saved, t = {1, 2, 3, 4, 5}, back;
-    ZEPLatch::getSpinCounts(saved);
-    ZEPLatch::updateSpinCounts(t);
-    ZEPLatch::getSpinCounts(back);
-    EXPECT_EQ(memcmp(&t, &back, sizeof t), 0);
-    ZEPLatch::updateSpinCounts(saved);
 }
 
 TEST(Latch, ContentionAcrossThreads) {
@@ -311,23 +263,24 @@ TEST(Latch, ContentionAcrossProcesses) {
 
 TEST(Latch, StartupPassTuningAndTickRegister) {
     // The spin tuning by processor count.
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=1"}).substr(0, 15), "tune 0 0 0 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=2"}).substr(0, 17), "tune 2 10 50 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=3"}).substr(0, 17), "tune 5 20 50 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=4"}).substr(0, 17), "tune 5 20 50 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=5"}).substr(0, 17), "tune 5 30 50 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=256"}).substr(0, 17), "tune 5 30 50 0 0 ");
-    EXPECT_EQ(startupWith({"ZEP_FAKE_PROCESSORS=0"}).substr(0, 15), "tune 0 0 0 0 0 ");
-
+    const std::pair<const char*, const char*> tunings[] = {
+        {"1", "tune 0 0 0 0 0 "},   {"2", "tune 2 10 50 0 0 "}, {"3", "tune 5 20 50 0 0 "},
+        {"4", "tune 5 20 50 0 0 "}, {"5", "tune 5 30 50 0 0 "}, {"256", "tune 5 30 50 0 0 "},
+        {"0", "tune 0 0 0 0 0 "}};
+    for (auto [count, tune] : tunings) {
+        const std::string out = startupWith({std::string("ZEP_FAKE_PROCESSORS=") + count});
+        EXPECT_EQ(out.substr(0, strlen(tune)), tune) << count;
+    }
     // The tick register: level 5 or more and the feature bit 4 of EDX.
-    auto reg = [](const char* level, const char* edx) {
-        std::string out = startupWith(
+    const std::tuple<const char*, const char*, const char*> registers[] = {
+        {"6", "0x10", "register 1\n"},
+        {"5", "0x10", "register 1\n"},
+        {"4", "0x10", "register 0\n"},
+        {"6", "0xFFFFFFEF", "register 0\n"},
+        {"26", "0", "register 0\n"}};
+    for (auto [level, edx, want] : registers) {
+        const std::string out = startupWith(
             {std::string("ZEP_FAKE_LEVEL=") + level, std::string("ZEP_FAKE_EDX=") + edx});
-        return out.substr(out.find("register"));
-    };
-    EXPECT_EQ(reg("6", "0x10"), "register 1\n");
-    EXPECT_EQ(reg("5", "0x10"), "register 1\n");
-    EXPECT_EQ(reg("4", "0x10"), "register 0\n");
-    EXPECT_EQ(reg("6", "0xFFFFFFEF"), "register 0\n");
-    EXPECT_EQ(reg("26", "0"), "register 0\n");
+        EXPECT_EQ(out.substr(out.find("register")), want) << level << " " << edx;
+    }
 }

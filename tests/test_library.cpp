@@ -2,13 +2,9 @@
 // look-up's partial result, unload, the load refusals with the platform's numbers (126, 193, 127,
 // 5) and their log records, the load flags that have a counterpart, and silence on the terminal.
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <fstream>
 
 #include "zepos.h"
-#include "zeptest_capture.h"
+#include "zeptest_sys.h"
 
 namespace {
 
@@ -23,12 +19,6 @@ int callAdd(ZEPLibFunction f, int a, int b) {
     return reinterpret_cast<AddFn>(f)(a, b);
 }
 
-std::vector<const Call*> logs() {
-    std::vector<const Call*> out;
-    for (const Call& c : calls)
-        if (c.what.compare(0, 3, "log") == 0) out.push_back(&c);
-    return out;
-}
 std::vector<Uint32> errorProbes() {
     std::vector<Uint32> out;
     for (const Call& c : calls)
@@ -39,6 +29,7 @@ std::vector<Uint32> errorProbes() {
 class Library : public CaptureTest {};
 
 TEST_F(Library, LoadProbeLookUpUnload) {
+    const Uint32 NOT_FOUND = ECF_LIB_FUNC_NOT_FOUND;
     ZEPHLibrary lib;
     ASSERT_EQ(lib.load(kLib, 0), 0u);
     EXPECT_TRUE(lib.isLoaded());
@@ -56,7 +47,7 @@ TEST_F(Library, LoadProbeLookUpUnload) {
     info.address = add;
     EXPECT_EQ(lib.getFuncAddress(&probe, &info), ECF_LIB_FUNC_NOT_FOUND);
     EXPECT_EQ(info.address, nullptr);
-    EXPECT_TRUE(logs().empty());
+    EXPECT_EQ(logs(), Strings{});
     EXPECT_EQ(errorProbes(), std::vector<Uint32>{30});
     ASSERT_GE(calls.size(), 2u);
     EXPECT_EQ(calls[1].probe, 10u);  // the parameter object and the name
@@ -68,20 +59,14 @@ TEST_F(Library, LoadProbeLookUpUnload) {
     ZEPLibFunction untouched = add;
     EXPECT_EQ(lib.getFuncAddress("proclibMissing", &untouched), ECF_LIB_FUNC_NOT_FOUND);
     EXPECT_EQ(untouched, add);
-    std::vector<const Call*> l = logs();
-    ASSERT_EQ(l.size(), 2u);
-    EXPECT_EQ(l[0]->what, "logsys");
-    EXPECT_EQ(l[0]->called, SYSFN_GetProcAddress);
-    EXPECT_EQ(l[0]->err, 127u);
-    EXPECT_EQ(l[0]->code, ECF_LIB_FUNC_NOT_FOUND);
-    EXPECT_EQ(l[0]->probe, 30u);
-    EXPECT_EQ(static_cast<Uint32>(l[0]->count), 0x80000001u);
-    ASSERT_EQ(l[0]->items.size(), 1u);
-    EXPECT_EQ(valueOf<void*>(l[0]->items[0]), lib.handle());
-    EXPECT_EQ(l[1]->what, "log");
-    EXPECT_EQ(l[1]->code, ECF_LIB_FUNC_NOT_FOUND);
-    EXPECT_EQ(l[1]->probe, 30u);
-    EXPECT_EQ(l[1]->level, Uint32{ZEP_LOG_INFO});
+    const Strings missing = {rec("logsys", ZEPFN_ZEPHLibrary_getFuncAddress, 30, NOT_FOUND,
+                                 ZEP_LOG_INFO, SYSFN_GetProcAddress, 127),
+                             rec("log", ZEPFN_ZEPHLibrary_getFuncAddress, 30, NOT_FOUND)};
+    EXPECT_EQ(logs(), missing);
+    const Call& sys =
+        *std::find_if(calls.begin(), calls.end(), [](const Call& k) { return k.what == "logsys"; });
+    EXPECT_EQ(static_cast<Uint32>(sys.count), 0x80000001u);
+    EXPECT_EQ(valueOf<void*>(sys.items.at(0)), lib.handle());
 
     // In bulk with one name missing: a partial result, null for the missing one.
     calls.clear();
@@ -95,13 +80,16 @@ TEST_F(Library, LoadProbeLookUpUnload) {
     EXPECT_EQ(got[1], nullptr);
     ASSERT_NE(got[2], nullptr);
     EXPECT_STREQ(reinterpret_cast<const char* (*)()>(got[2])(), "proclib");
-    l = logs();
-    ASSERT_EQ(l.size(), 3u);  // the look-up's two, then the bulk call's own with the name
-    EXPECT_EQ(l[2]->fid, ZEPFN_ZEPHLibrary_getFunctionAddresses);
-    EXPECT_EQ(l[2]->probe, 40u);
-    ASSERT_EQ(l[2]->items.size(), 1u);
-    EXPECT_EQ(l[2]->items[0].type, ZEP_LOGDATA_STRING);
-    EXPECT_EQ(l[2]->items[0].bytes, "proclibMissing");
+    // The look-up's two records, then the bulk call's own with the name.
+    Strings bulkLogs = missing;
+    bulkLogs.push_back(
+        rec("log", ZEPFN_ZEPHLibrary_getFunctionAddresses, 40, ECF_LIB_FUNC_NOT_FOUND));
+    EXPECT_EQ(logs(), bulkLogs);
+    const Call& own =
+        *std::find_if(calls.rbegin(), calls.rend(), [](const Call& k) { return k.what == "log"; });
+    ASSERT_EQ(own.items.size(), 1u);
+    EXPECT_EQ(own.items[0].type, ZEP_LOGDATA_STRING);
+    EXPECT_EQ(own.items[0].bytes, "proclibMissing");
     EXPECT_EQ(errorProbes(), (std::vector<Uint32>{30, 40}));
     EXPECT_EQ(calls.back().what, "exit");
     EXPECT_EQ(calls.back().rc, ECF_PARTIAL_INFO);
@@ -126,11 +114,9 @@ TEST_F(Library, LoadProbeLookUpUnload) {
     ZEPLibFunction before[3] = {add, add, add};
     EXPECT_EQ(lib.getFunctionAddresses(&bulk, before), ECF_LIB_NOT_LOADED);
     for (ZEPLibFunction f : before) EXPECT_EQ(f, add);
-    l = logs();
-    ASSERT_EQ(l.size(), 2u);
-    EXPECT_EQ(l[1]->fid, ZEPFN_ZEPHLibrary_getFunctionAddresses);
-    EXPECT_EQ(l[1]->probe, 50u);
-    EXPECT_EQ(l[1]->code, ECF_LIB_NOT_LOADED);
+    ASSERT_EQ(logs().size(), 2u);
+    EXPECT_EQ(logs()[1],
+              rec("log", ZEPFN_ZEPHLibrary_getFunctionAddresses, 50, ECF_LIB_NOT_LOADED));
 
     // The bulk call's parameter checks.
     calls.clear();
@@ -173,12 +159,12 @@ TEST_F(Library, LoadRefusalsAndFlags) {
         EXPECT_FALSE(lib.isLoaded());
         EXPECT_EQ(errorProbes(), std::vector<Uint32>{30});
         if (c.level == 0) {
-            EXPECT_TRUE(logs().empty());
+            EXPECT_EQ(logs(), Strings{});
             continue;
         }
-        const Call& log = theLog(ZEPFN_ZEPHLibrary_load, 30, c.rc, c.level);
-        EXPECT_EQ(log.called, SYSFN_LoadLibrary);
-        EXPECT_EQ(log.err, c.osError);
+        EXPECT_EQ(logs(), Strings{rec("logsys", ZEPFN_ZEPHLibrary_load, 30, c.rc, c.level,
+                                      SYSFN_LoadLibrary, c.osError)});
+        const Call& log = aLog();
         EXPECT_EQ(static_cast<Uint32>(log.count), 0x80000003u);
         ASSERT_EQ(log.items.size(), 2u);
         EXPECT_EQ(log.items[0].bytes, c.name);
@@ -221,10 +207,9 @@ TEST_F(Library, LoadRefusalsAndFlags) {
         EXPECT_EQ(lib.load(missing.c_str(), flags), ECF_LIB_ALREADY_LOADED);
         trace(false);
         EXPECT_EQ(errorProbes(), std::vector<Uint32>{20});
-        if (flags == 0)
-            theLog(ZEPFN_ZEPHLibrary_load, 20, ECF_LIB_ALREADY_LOADED);
-        else
-            EXPECT_TRUE(logs().empty());
+        EXPECT_EQ(logs(),
+                  flags ? Strings{}
+                        : Strings{rec("log", ZEPFN_ZEPHLibrary_load, 20, ECF_LIB_ALREADY_LOADED)});
         EXPECT_EQ(lib.handle(), held);
     }
     ASSERT_EQ(lib.getFuncAddress("proclibAdd", &add), 0u);

@@ -2,18 +2,13 @@
 // codes and signals in the status, the flag rules, the log records of a program that can't be
 // started, the environment block, descriptors, detached children that outlive their parent,
 // and no zombie or descriptor left behind by any way through create().
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <set>
-#include <sstream>
 
 #include "zepos.h"
-#include "zeptest_capture.h"
+#include "zeptest_sys.h"
 
 namespace {
 
@@ -27,18 +22,11 @@ std::string block(const std::vector<std::string>& words) {
     return b + '\0';
 }
 
-std::vector<std::string> readWords(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    std::vector<std::string> words;
-    std::string all = ss.str(), w;
-    for (char c : all) {
-        if (c == 0)
-            words.push_back(w), w.clear();
-        else
-            w += c;
-    }
+Strings readWords(const std::string& path) {
+    Strings words;
+    std::string w;
+    for (char c : exists(path) ? slurp(path) : "")
+        c ? void(w += c) : (words.push_back(w), w.clear());
     return words;
 }
 
@@ -238,34 +226,17 @@ TEST_F(Process, ProgramsThatCannotStartFailInsideTheCall) {
             trace(false);
             EXPECT_EQ(pid, 0xFFFFFFFFu);
             // The platform's failure in createProcess, then create's own record, both at 40.
-            std::vector<const Call*> logs;
-            for (const Call& k : calls)
-                if (k.what.compare(0, 3, "log") == 0) logs.push_back(&k);
-            ASSERT_EQ(logs.size(), 2u);
-            const Call& sys = *logs[0];
-            EXPECT_EQ(sys.what, "logsys");
-            EXPECT_EQ(sys.fid, ZEPFN_ZEPHProcess_createProcess);
-            EXPECT_EQ(sys.called, SYSFN_CreateProcess);
-            EXPECT_EQ(sys.err, c.osError);
-            EXPECT_EQ(sys.code, c.rc);
-            EXPECT_EQ(sys.probe, 40u);
-            EXPECT_EQ(sys.level, c.level);
+            EXPECT_EQ(logs(), (Strings{rec("logsys", ZEPFN_ZEPHProcess_createProcess, 40, c.rc,
+                                           c.level, SYSFN_CreateProcess, c.osError),
+                                       rec("log", ZEPFN_ZEPHProcess_create, 40, c.rc)}));
+            EXPECT_EQ(errorRecords(), (Strings{at(ZEPFN_ZEPHProcess_createProcess, 40),
+                                               at(ZEPFN_ZEPHProcess_create, 40)}));
+            const Call& sys = aLog(false);
             EXPECT_EQ(static_cast<Uint32>(sys.count), 0x80000030u);
             ASSERT_EQ(sys.items.size(), 2u);
             EXPECT_EQ(sys.items[0].type, ZEP_LOGDATA_BOOL);
             EXPECT_EQ(sys.items[0].bytes, std::string(1, '\0'));
             EXPECT_EQ(valueOf<Uint32>(sys.items[1]), flags == ZEP_PROCESS_WAIT ? 0x20u : 0x28u);
-            const Call& own = *logs[1];
-            EXPECT_EQ(own.fid, ZEPFN_ZEPHProcess_create);
-            EXPECT_EQ(own.code, c.rc);
-            EXPECT_EQ(own.probe, 40u);
-            EXPECT_EQ(own.level, Uint32{ZEP_LOG_INFO});
-            std::vector<std::pair<Uint32, Uint32>> errors;
-            for (const Call& k : calls)
-                if (k.what == "error") errors.push_back({k.fid, k.probe});
-            EXPECT_EQ(errors,
-                      (std::vector<std::pair<Uint32, Uint32>>{{ZEPFN_ZEPHProcess_createProcess, 40},
-                                                              {ZEPFN_ZEPHProcess_create, 40}}));
         }
     }
 }
@@ -359,15 +330,9 @@ TEST_F(Process, AWaitWithoutAnExitCodeLeavesNothingBehind) {
     sigaction(SIGCHLD, &old, nullptr);
     EXPECT_EQ(rc, ECF_UNKNOWN);
     EXPECT_EQ(pid, 0xFFFFFFFFu);
-    std::vector<const Call*> logs;
-    for (const Call& k : calls)
-        if (k.what.compare(0, 3, "log") == 0) logs.push_back(&k);
-    ASSERT_EQ(logs.size(), 2u);
-    EXPECT_EQ(logs[0]->fid, ZEPFN_ZEPHProcess_wait);
-    EXPECT_EQ(logs[0]->called, SYSFN_GetExitCodeProcess);
-    EXPECT_EQ(logs[0]->probe, 70u);
-    EXPECT_EQ(logs[1]->fid, ZEPFN_ZEPHProcess_create);
-    EXPECT_EQ(logs[1]->probe, 40u);
+    EXPECT_EQ(logs(), (Strings{rec("logsys", ZEPFN_ZEPHProcess_wait, 70, ECF_UNKNOWN, ZEP_LOG_ERROR,
+                                   SYSFN_GetExitCodeProcess, 128),
+                               rec("log", ZEPFN_ZEPHProcess_create, 40, ECF_UNKNOWN)}));
     EXPECT_EQ(openDescriptors(), fdsBefore);
     EXPECT_TRUE(children().empty());
 }

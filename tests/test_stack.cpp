@@ -1,25 +1,24 @@
 // The symbol engine's lock table, the frame-pointer walk, the walk from a saved context, names,
 // source lines and module records of the running process.
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <stdio.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_util.h"
 #include "zepos.h"
 
 namespace {
 
-std::string nameOf(uintptr_t address) {
+std::string nameOf(uintptr_t address, uintptr_t* disp = nullptr, Uint32 size = 300) {
     char buffer[300];
-    zepSymbolNameForAddress(address, buffer, sizeof buffer, nullptr);
+    zepSymbolNameForAddress(address, buffer, size, disp);
     return buffer;
 }
 
@@ -28,30 +27,10 @@ std::string callerName(uintptr_t returnAddress) {
     return nameOf(returnAddress - 1);
 }
 
-// Runs helper_crash with the arguments; its standard output, which begins with its pid.
-std::string runHelper(std::vector<std::string> args) {
-    int pipefd[2];
-    if (pipe(pipefd) != 0) return "";
-    const pid_t child = fork();
-    if (child == 0) {
-        close(pipefd[0]);
-        dup2(pipefd[1], 1);
-        const std::string helper = std::string(ZEP_TEST_BIN_DIR) + "/helper_crash";
-        std::vector<char*> argv = {const_cast<char*>("helper_crash")};
-        for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(helper.c_str(), argv.data());
-        _exit(127);
-    }
-    close(pipefd[1]);
-    std::string out = std::to_string(child) + "\n";
-    char buf[256];
-    ssize_t n;
-    while ((n = read(pipefd[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-    close(pipefd[0]);
+std::string runHelper(const std::string& mode, const std::string& arg) {
     int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) out += "helper failed";
+    std::string out = zeptest::runHelper("helper_crash", {mode, arg}, {}, &status);
+    EXPECT_EQ(status, 0) << out;
     return out;
 }
 
@@ -62,6 +41,10 @@ void prepareEngine() {
 
 std::string mutexName(const char* table) {
     return std::string(table) + "-" + std::to_string(getpid());
+}
+
+Uint32 handlesOf(const char* table) {
+    return zepos::sym::MutexHandleCount(mutexName(table).c_str());
 }
 
 const char* const kTable[] = {"SymFunctionTableAccess",
@@ -124,7 +107,7 @@ __attribute__((noinline)) int contextOuter(ZEPStackFrame64* frames, int capacity
 }
 }
 
-TEST(StackWalk, FramePointerChainInOrder) {
+TEST(StackWalk, FramePointerChain) {
     prepareEngine();
     uintptr_t out[8];
     int line = 0;
@@ -132,9 +115,7 @@ TEST(StackWalk, FramePointerChainInOrder) {
     EXPECT_EQ(callerName(out[0]), "chainInner");
     EXPECT_EQ(callerName(out[1]), "chainMiddle");
     EXPECT_EQ(callerName(out[2]), "chainOuter");
-    EXPECT_NE(callerName(out[3]).find("FramePointerChainInOrder"), std::string::npos)
-        << callerName(out[3]);
-
+    EXPECT_NE(callerName(out[3]).find("FramePointerChain"), std::string::npos);
     // Skipping drops the innermost entries and shifts the rest.
     uintptr_t skipped[8];
     chainOuter(2, skipped, 8, &line);
@@ -151,30 +132,21 @@ TEST(StackWalk, FramePointerChainInOrder) {
     EXPECT_EQ(sym[0].Address + disp, out[0] - 1);
     EXPECT_NE(std::string(sym[0].FileName).find("test_stack.cpp"), std::string::npos);
     EXPECT_EQ(sym[0].LineNumber, static_cast<Uint32>(line));
-}
 
-TEST(StackWalk, ChainBoundaries) {
-    // Capacity 0 leaves the array alone.
+    // Capacity 0 leaves the array alone; more frames to skip than there are gives all 0.
     uintptr_t untouched[4] = {7, 7, 7, 7};
-    int line;
     chainOuter(0, untouched, 0, &line);
     for (uintptr_t a : untouched) EXPECT_EQ(a, 7u);
-
-    // More frames to skip than the stack is deep: all 0.
     std::vector<uintptr_t> deep(16, 9);
     chainOuter(100000, deep.data(), 16, &line);
-    for (uintptr_t a : deep) EXPECT_EQ(a, 0u);
-
-    // A chain that ends (the thread's first frame pointer is 0): the rest stays 0, and nothing
-    // after the first 0 is filled again.
+    EXPECT_EQ(deep, std::vector<uintptr_t>(16, 0));
+    // A chain that ends (a thread's first frame pointer is 0): the rest stays 0.
     std::vector<uintptr_t> all(4096, 9);
-    std::thread t([&] { chainOuter(0, all.data(), 4096, &line); });
-    t.join();
-    size_t firstZero = 0;
-    while (firstZero < all.size() && all[firstZero] != 0) firstZero++;
+    std::thread([&] { chainOuter(0, all.data(), 4096, &line); }).join();
+    const size_t firstZero = std::find(all.begin(), all.end(), 0u) - all.begin();
     ASSERT_GT(firstZero, 3u);
     ASSERT_LT(firstZero, all.size());
-    for (size_t i = firstZero; i < all.size(); i++) ASSERT_EQ(all[i], 0u) << i;
+    EXPECT_EQ(std::count(all.begin() + firstZero, all.end(), 0u), long(all.size() - firstZero));
 }
 
 TEST(StackWalk, FromSavedContextToTheEnd) {
@@ -201,67 +173,62 @@ TEST(StackWalk, FromSavedContextToTheEnd) {
 
 TEST(SymbolNames, AddressesWithAndWithoutSymbols) {
     prepareEngine();
-    char buffer[64];
     uintptr_t disp = 77;
-    zepSymbolNameForAddress(0, buffer, sizeof buffer, &disp);
-    EXPECT_STREQ(buffer, "?unknown");
+    EXPECT_EQ(nameOf(0, &disp), "?unknown");
     EXPECT_EQ(disp, 0u);
-
-    // Cut to the buffer.
-    zepSymbolNameForAddress(0, buffer, 4, nullptr);
-    EXPECT_STREQ(buffer, "?un");
-
+    EXPECT_EQ(nameOf(0, nullptr, 4), "?un");  // cut to the buffer
     const uintptr_t f = reinterpret_cast<uintptr_t>(&chainMiddle);
-    zepSymbolNameForAddress(f + 5, buffer, sizeof buffer, &disp);
-    EXPECT_STREQ(buffer, "chainMiddle");
+    EXPECT_EQ(nameOf(f + 5, &disp), "chainMiddle");
     EXPECT_EQ(disp, 5u);
-    zepSymbolNameForAddress(f, buffer, sizeof buffer, nullptr);  // no displacement wanted
-    EXPECT_STREQ(buffer, "chainMiddle");
+    EXPECT_EQ(nameOf(f), "chainMiddle");
+    // C++ names come undecorated.
+    EXPECT_NE(nameOf(reinterpret_cast<uintptr_t>(&mutexName)).find("(anonymous namespace)::"),
+              std::string::npos);
 
     // Memory that belongs to no module: the address itself.
     void* anon = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(anon, MAP_FAILED);
     const uintptr_t a = reinterpret_cast<uintptr_t>(anon) + 0x10;
-    disp = 77;
-    zepSymbolNameForAddress(a, buffer, sizeof buffer, &disp);
     char expected[32];
     snprintf(expected, sizeof expected, "0x%016lX", static_cast<unsigned long>(a));
-    EXPECT_STREQ(buffer, expected);
-    EXPECT_EQ(strlen(buffer), 18u);
+    disp = 77;
+    EXPECT_EQ(nameOf(a, &disp), expected);
     EXPECT_EQ(disp, 0u);
     munmap(anon, 4096);
-
-    // C++ names come undecorated.
-    zepSymbolNameForAddress(reinterpret_cast<uintptr_t>(&nameOf), buffer, sizeof buffer, nullptr);
-    EXPECT_NE(std::string(buffer).find("(anonymous namespace)::nameOf"), std::string::npos)
-        << buffer;
 }
 
-// In a fresh process: only the first initialization reaches the engine; the second returns 0
-// without touching the last error, and the engine outlives the clean-up.
-TEST(SymbolEngine, CountedInitialisationAndCleanup) {
-    const std::string out = runHelper({"countedinit", "-"});
-    EXPECT_NE(out.find("first=1 second=0 error=4242 cleanup=0 name=crashLevel2"), std::string::npos)
-        << out;
+// In fresh processes: only the first initialization reaches the engine, the second returns 0
+// without touching the last error, and the engine outlives the clean-up; the mutexes' names carry
+// the process id and the registry is the process's own.
+TEST(SymbolEngine, PerProcessInitialisationAndMutexes) {
+    EXPECT_EQ(runHelper("countedinit", "-"),
+              "first=1 second=0 error=4242 cleanup=0 name=validateRecord\n");
+    zepLoadSymDLL();
+    const std::string parent = mutexName("StackWalk");
+    ASSERT_EQ(handlesOf("StackWalk"), 1u);
+    const std::string out = runHelper("mutexnames", parent);
+    int child = 0;
+    unsigned own = 0;
+    ASSERT_EQ(sscanf(out.c_str(), "own StackWalk-%d %u", &child, &own), 2) << out;
+    EXPECT_NE(child, getpid());
+    EXPECT_EQ(own, 1u);
+    EXPECT_NE(out.find("\nparent " + parent + " 0\n"), std::string::npos) << out;
 }
 
 TEST(SymbolEngine, MutexTableLoadsOnceAndFreesEachHandleOnce) {
     zepLoadSymDLL();
     zepLoadSymDLL();
-    for (const char* t : kTable)
-        EXPECT_EQ(zepos::sym::MutexHandleCount(mutexName(t).c_str()), 1u) << t;
+    for (const char* t : kTable) EXPECT_EQ(handlesOf(t), 1u) << t;
     // The clean-up slot shares the initializer's mutex: there is no mutex of its own name.
-    EXPECT_EQ(zepos::sym::MutexHandleCount(mutexName("SymCleanup").c_str()), 0u);
+    EXPECT_EQ(handlesOf("SymCleanup"), 0u);
     zepFreeSymDLL();
-    for (const char* t : kTable)
-        EXPECT_EQ(zepos::sym::MutexHandleCount(mutexName(t).c_str()), 0u) << t;
+    for (const char* t : kTable) EXPECT_EQ(handlesOf(t), 0u) << t;
     zepFreeSymDLL();  // nothing loaded: nothing happens
     // Unloaded, the wrappers still work, unguarded.
     EXPECT_NE(zepSymGetModuleBase(ZEP_CURRENT_PROCESS, reinterpret_cast<uintptr_t>(&chainOuter)),
               0u);
     zepLoadSymDLL();
-    for (const char* t : kTable)
-        EXPECT_EQ(zepos::sym::MutexHandleCount(mutexName(t).c_str()), 1u) << t;
+    for (const char* t : kTable) EXPECT_EQ(handlesOf(t), 1u) << t;
 }
 
 TEST(SymbolEngine, WrappersKeepTheEntrysError) {
@@ -299,7 +266,7 @@ TEST(SymbolEngine, RegistryMutexIsRecursiveAndExcludesOtherThreads) {
     zepos::HANDLE again = zepos::sym::CreateMutexA(nullptr, 0, name.c_str());
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(zepos::GetLastError(), static_cast<Uint32>(zepos::ERROR_ALREADY_EXISTS));
-    EXPECT_EQ(zepos::sym::MutexHandleCount(name.c_str()), 2u);
+    EXPECT_EQ(handlesOf("TestMutex"), 2u);
 
     EXPECT_EQ(zepos::WaitForSingleObject(m, zepos::INFINITE), zepos::WAIT_OBJECT_0);
     EXPECT_EQ(zepos::WaitForSingleObject(again, 0), zepos::WAIT_OBJECT_0);  // recursive
@@ -313,7 +280,6 @@ TEST(SymbolEngine, RegistryMutexIsRecursiveAndExcludesOtherThreads) {
     EXPECT_TRUE(zepos::sym::ReleaseMutex(m));
     EXPECT_FALSE(zepos::sym::ReleaseMutex(m));
 
-    // Exclusion under contention.
     long counter = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++)
@@ -330,27 +296,14 @@ TEST(SymbolEngine, RegistryMutexIsRecursiveAndExcludesOtherThreads) {
     EXPECT_EQ(counter, 80000);
 
     EXPECT_TRUE(zepos::CloseHandle(again));
-    EXPECT_EQ(zepos::sym::MutexHandleCount(name.c_str()), 1u);
+    EXPECT_EQ(handlesOf("TestMutex"), 1u);
     EXPECT_TRUE(zepos::CloseHandle(m));
-    EXPECT_EQ(zepos::sym::MutexHandleCount(name.c_str()), 0u);
-}
-
-// The mutexes' names carry the process id, and the registry is the process's own: a child
-// process computes other names and finds none of its parent's.
-TEST(SymbolEngine, MutexNamesArePerProcess) {
-    zepLoadSymDLL();
-    const std::string parentName = mutexName("StackWalk");
-    ASSERT_EQ(zepos::sym::MutexHandleCount(parentName.c_str()), 1u);
-    const std::string out = runHelper({"mutexnames", parentName});
-    const pid_t child = static_cast<pid_t>(atoi(out.c_str()));
-    const std::string own = "StackWalk-" + std::to_string(child);
-    EXPECT_NE(out.find("own " + own + " 1"), std::string::npos) << out;
-    EXPECT_NE(out.find("parent " + parentName + " 0"), std::string::npos) << out;
+    EXPECT_EQ(handlesOf("TestMutex"), 0u);
 }
 
 TEST(SymbolEngine, ModulesOfTheProcess) {
     zepLoadSymDLL();
-    Uint32 count = 0;
+    Uint32 count = 0, seen = 0;
     ASSERT_TRUE(zepEnumerateLoadedModules(ZEP_CURRENT_PROCESS, nullptr, nullptr));
     const ZEPModuleListNode* node = zepModuleList(&count);
     ASSERT_GT(count, 3u);
@@ -358,18 +311,13 @@ TEST(SymbolEngine, ModulesOfTheProcess) {
     const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     ASSERT_GT(n, 0);
     exe[n] = 0;
-    const ZEPTrapModuleRecord* first = static_cast<const ZEPTrapModuleRecord*>(node->record);
-    EXPECT_STREQ(first->name, exe);
+    EXPECT_STREQ(static_cast<const ZEPTrapModuleRecord*>(node->record)->name, exe);
     const ZEPTrapModuleRecord* zep = nullptr;
-    Uint32 seen = 0;
     for (; node != nullptr; node = node->next, seen++) {
         const ZEPTrapModuleRecord* r = static_cast<const ZEPTrapModuleRecord*>(node->record);
         EXPECT_LT(r->base, r->end) << r->name;
-        if (strstr(r->name, "libzep.so") != nullptr) {
-            zep = r;
-        } else if (strstr(r->name, "libc.so") != nullptr) {
-            EXPECT_EQ(r->markerAddress, 0u);
-        }
+        if (strstr(r->name, "libzep.so") != nullptr) zep = r;
+        EXPECT_TRUE(!strstr(r->name, "libc.so") || r->markerAddress == 0) << r->name;
     }
     EXPECT_EQ(seen, count);
     ASSERT_NE(zep, nullptr);
@@ -400,19 +348,16 @@ TEST(SymbolEngine, ModulesOfTheProcess) {
 TEST(SymbolEngine, ModuleLoadedByFileAndUnloaded) {
     prepareEngine();
     const std::string image = std::string(ZEP_TEST_BIN_DIR) + "/helper_crash";
-    const Uint64 base = 0x300000000000ull;
     const Uint64 got =
-        zepSymLoadModule(ZEP_CURRENT_PROCESS, nullptr, image.c_str(), "helper", base, 0);
+        zepSymLoadModule(ZEP_CURRENT_PROCESS, nullptr, image.c_str(), "helper", 0x300000000000, 0);
     ASSERT_NE(got, 0u);
     // Its symbols are found at the address it was given.
     ZEPSymbol64 sym[2];
     memset(sym, 0, sizeof sym);
     sym[0].MaxNameLength = sizeof sym[0].Name + sizeof sym[1];
     bool any = false;
-    for (Uint64 a = got; a < got + 0x10000 && !any; a += 16) {
-        Uint64 d;
+    for (Uint64 a = got, d; a < got + 0x10000 && !any; a += 16)
         any = zepSymGetSymFromAddr(ZEP_CURRENT_PROCESS, a, &d, &sym[0]) != 0;
-    }
     EXPECT_TRUE(any);
     EXPECT_TRUE(zepSymUnloadModule(ZEP_CURRENT_PROCESS, got));
     EXPECT_FALSE(zepSymUnloadModule(ZEP_CURRENT_PROCESS, got));
@@ -422,12 +367,11 @@ TEST(SymbolEngine, ModuleLoadedByFileAndUnloaded) {
 TEST(SymbolEngine, ReadMemoryCallbackReadsThroughTheKernel) {
     zepLoadSymDLL();
     ASSERT_TRUE(zepSymRegisterStackWalkCallback(ZEP_CURRENT_PROCESS));
-    // The registered callback is what the walker reads with; drive it the way the walker does.
-    Uint64 context = 0;
+    // The registered callback is what the walker reads with; driven the way the walker does.
+    Uint64 context = 0, into = 0;
     ZEPSymCallback cb = zepos::sym::RegisteredCallback(&context);
     ASSERT_NE(cb, nullptr);
     const Uint64 word = 0x1122334455667788ull;
-    Uint64 into = 0;
     Uint32 got = 0;
     ZEPReadMemoryRequest r = {reinterpret_cast<uintptr_t>(&word), &into, 8, &got};
     EXPECT_TRUE(cb(ZEP_CURRENT_PROCESS, ZEP_CBA_READMEMORY, reinterpret_cast<uintptr_t>(&r), 0));

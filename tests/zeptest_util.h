@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -44,6 +45,21 @@ struct TempDir {
     ~TempDir() { EXPECT_EQ(system(("rm -rf '" + path + "'").c_str()), 0); }
     std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
+
+// This thread's file of findings in `dir` (or another file of the thread by its `suffix`).
+inline std::string threadFile(const std::string& dir, const std::string& suffix = ".mem") {
+    return dir + "/p" + std::to_string(getpid()) + "t" + std::to_string(gettid()) + suffix;
+}
+
+// The names in a directory, one a line, sorted.
+inline std::string listing(const std::string& dir) {
+    std::string names;
+    FILE* ls = popen(("ls -A '" + dir + "'").c_str(), "r");
+    char name[256];
+    while (fgets(name, sizeof name, ls)) names += name;
+    pclose(ls);
+    return names;
+}
 
 // Starts tests/<name> with `args`, extra environment entries first, standard output on
 // `stdoutFd` and the working directory `cwd` if given; its pid.

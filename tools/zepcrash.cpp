@@ -1,6 +1,6 @@
 // zepcrash - an example crash handler: how a product captures its crashes in trap files.
 //
-//   zepcrash [--memory] [null|abort|fpe|ill|bus|overflow] [TRAPFILE]
+//   zepcrash [--memory] [null|abort|fpe|ill|bus|overflow|malloc] [TRAPFILE]
 //
 // At start-up it prepares the symbol engine (the one-time work a handler must not do), gives
 // every thread that may crash an alternate signal stack, and installs one handler for SIGSEGV,
@@ -8,8 +8,12 @@
 // handler writes a trap file with every section (the memory section with --memory), says where,
 // and returns: the handler was installed with SA_RESETHAND, so the signal's default action ends
 // the process as it would have without the handler, with a core dump where those are enabled.
-// Read the file with zeptrap.
+// Read the file with zeptrap. "malloc" faults inside the C library while it holds its allocator's
+// lock: the handler must neither allocate nor take that lock.
+//
+// The crash tests' helper builds this file too, with ZEPCRASH_MAIN naming its entry point.
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -76,6 +80,12 @@ int* volatile g_null = nullptr;
 volatile int g_zero = 0;
 volatile int g_deepest = 1 << 30;
 
+// malloc_stats writes to stderr while it holds the main arena's lock: this is that write.
+__attribute__((noinline, no_sanitize("null"))) ssize_t crashingWrite(void*, const char*, size_t) {
+    *g_null = 2;
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -90,6 +100,12 @@ __attribute__((noinline, no_sanitize("null"))) int crashHere(const char* how) {
         return a;
     }
     if (strcmp(how, "ill") == 0) __builtin_trap();
+    if (strcmp(how, "malloc") == 0) {
+        cookie_io_functions_t io = {nullptr, crashingWrite, nullptr, nullptr};
+        stderr = fopencookie(nullptr, "w", io);
+        setvbuf(stderr, nullptr, _IONBF, 0);
+        malloc_stats();
+    }
     if (strcmp(how, "bus") == 0) {
         // A page of a file mapping beyond the file's end.
         char path[] = "/tmp/zepcrashXXXXXX";
@@ -125,14 +141,18 @@ void* overflowingThread(void*) {
 }
 }  // namespace
 
-int main(int argc, char** argv) {
+#ifndef ZEPCRASH_MAIN
+#define ZEPCRASH_MAIN main
+#endif
+
+int ZEPCRASH_MAIN(int argc, char** argv) {
     std::string how = "null";
     const char* path = nullptr;
     for (int i = 1; i < argc; i++) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             printf(
-                "usage: zepcrash [--memory] [null|abort|fpe|ill|bus|overflow] [TRAPFILE]\n"
+                "usage: zepcrash [--memory] [null|abort|fpe|ill|bus|overflow|malloc] [TRAPFILE]\n"
                 "Crashes on purpose, three calls deep, and leaves a trap file (default\n"
                 "zepcrash-PID.trap) for zeptrap to read. --memory adds the memory section.\n");
             return 0;
@@ -140,7 +160,7 @@ int main(int argc, char** argv) {
         if (a == "--memory")
             g_mask |= ZEP_TRAP_MEMORY;
         else if (a == "null" || a == "abort" || a == "fpe" || a == "ill" || a == "bus" ||
-                 a == "overflow")
+                 a == "overflow" || a == "malloc")
             how = a;
         else if (a[0] != '-' && path == nullptr)
             path = argv[i];
