@@ -1,10 +1,13 @@
 // make_seeds <corpus dir> <zepdemo's log>: writes the fuzz targets' seeds, made by the library:
 // ring dumps of a ring that wrapped and of one drained by chunks, trace dumps of both kinds in the
-// short forms the targets take, masks steps, and texts. scripts/fuzz.sh --seeds runs it.
+// short forms the targets take, masks steps, texts, a log and a trap file. scripts/fuzz.sh --seeds
+// runs it.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <ucontext.h>
 
 #include <string>
 #include <vector>
@@ -184,6 +187,35 @@ void logSeeds(const char* log) {
     put("logwalk", "damaged", text.substr(0, text.size() / 2) + text + text.substr(0, 700));
 }
 
+// A trap file of this process, with a short environment of its own (the seeds are committed), and
+// one cut inside its stack section.
+void trapSeeds() {
+    clearenv();
+    setenv("ZEP_SEED", "trap", 1);
+    const std::string path = dir + "/trap.tmp";
+    ucontext_t uc;
+    getcontext(&uc);
+    siginfo_t si;
+    memset(&si, 0, sizeof si);
+    si.si_signo = SIGSEGV;
+    {
+        ZEPTrapFile t;
+        if (t.open(path.c_str(), ZEP_PRIMFILE_CREATE) != 0) abort();
+        t.initialize(0, &si, &uc, nullptr);
+        t.dump(ZEP_TRAP_ALL_BUT_MEMORY, 0, &si, &uc);
+        t.close();
+    }
+    FILE* f = fopen(path.c_str(), "rb");
+    if (!f) abort();
+    std::string bytes;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) bytes.append(buf, n);
+    fclose(f);
+    remove(path.c_str());
+    put("trapfile", "crash", bytes);
+    put("trapfile", "cut", bytes.substr(0, bytes.size() * 3 / 4));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -198,5 +230,6 @@ int main(int argc, char** argv) {
     maskSeeds();
     textSeeds();
     logSeeds(argv[2]);
+    trapSeeds();
     return 0;
 }
