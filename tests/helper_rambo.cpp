@@ -1,88 +1,34 @@
-// helper_rambo - the processes of the ring's stress tests, around one ring in a shared mapping.
-//
-//   helper_rambo write FD ID RECORDS PAUSE
-//                                      two threads, writers 2*ID and 2*ID+1, write RECORDS records
-//                                      each (a stopping ring: until a record overflows), sleeping
-//                                      PAUSE microseconds after each record if PAUSE isn't 0
-//   helper_rambo copy FD PATH          until told to stop: copies the ring into the instantaneous
-//                                      dump PATH and walks it forward and backward
-//   helper_rambo consume FD PATH       until told to stop: drains the chunked ring into the auto
-//                                      dump PATH; then writes the rest and clears auto dump
-//
-// The mapping holds StressShared at offset 0 and the ring at kRingOffset; FD is inherited. All
-// start when `go` is set. A record is 1 to 40 slots; its payload is: writer, the writer's record
-// counter, a checksum, and filler derived from the writer and the counter, to the last byte.
-#include <pthread.h>
+// helper_rambo - the processes of the ring's stress tests, around one ring in a shared mapping
+// (zeptest_rambo.h: the counters at its head, the ring at kRingOffset, the records).
+//   helper_rambo write FD ID RECORDS PAUSE  two threads, writers 2*ID and 2*ID+1, write RECORDS
+//       records of 1 to 40 slots each (a stopping ring: until a record overflows), sleeping PAUSE
+//       microseconds after each if PAUSE isn't 0
+//   helper_rambo copy FD PATH     until told to stop: copies the ring into the instantaneous dump
+//       PATH and walks it forward and backward
+//   helper_rambo consume FD PATH  until told to stop: drains the chunked ring into the auto dump
+//       PATH; then writes the rest and clears auto dump
+// FD is inherited; all start when `go` is set.
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <thread>
-#include <vector>
 
 #include "rambo_consumer.h"
-#include "zep.h"
+#include "zeptest_rambo.h"
 #include "zeptest_stress.h"
 
 namespace {
 
-constexpr Uint32 kWriters = 8;
-constexpr size_t kRingOffset = 4096;
-
-struct StressShared {
-    Uint32 go;
-    Uint32 stop;
-    Uint32 landed[kWriters];             // records of each writer that went into the ring
-    Uint32 overflowCalls[kWriters / 2];  // overflow callbacks, per writing process
-    Uint32 dumps;                        // instantaneous dumps made and walked
-    Uint32 badRecords;                   // delivered with a wrong checksum, size or writer
-    Uint32 orderErrors;                  // a writer's records out of claim order
-    Uint32 directionMismatches;          // forward and backward delivered different counts
-    Uint64 recordsChecked;
-    Uint32 consumerRc;
-    Uint32 consumerChunks;
-    Uint32 inFlight[kWriters];  // wrapping ring: lowest sequence a writer may be writing, or kIdle
-};
+using namespace zeptest;
 
 constexpr Uint32 kIdle = 0xFFFFFFFF;
 
 RamboCB* s_ring = nullptr;
 StressShared* s_shared = nullptr;
 Uint32 s_process = 0;
-
-Uint32 fnv(const Uint8* p, Uint32 size, Uint32 h) {
-    for (Uint32 i = 0; i < size; ++i) h = (h ^ p[i]) * 16777619u;
-    return h;
-}
-
-// The payload of record `counter` of `writer`: filler from a generator seeded by both, then the
-// checksum over all but its own word.
-void fillPayload(Uint8* p, Uint32 size, Uint32 writer, Uint32 counter) {
-    memcpy(p, &writer, 4);
-    memcpy(p + 4, &counter, 4);
-    Uint64 x = (static_cast<Uint64>(writer) << 32 | counter) * 0x9E3779B97F4A7C15ull + 1;
-    for (Uint32 i = 12; i < size; i += 4) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        const Uint32 word = static_cast<Uint32>(x);
-        memcpy(p + i, &word, size - i < 4 ? size - i : 4);
-    }
-    const Uint32 sum = fnv(p + 12, size - 12, fnv(p, 8, 2166136261u));
-    memcpy(p + 8, &sum, 4);
-}
-
-bool payloadValid(const Uint8* p, Uint32 size, Uint32* writer, Uint32* counter) {
-    if (size < 52 || (size + 12) % 64 != 0) return false;
-    Uint32 sum;
-    memcpy(writer, p, 4);
-    memcpy(counter, p + 4, 4);
-    memcpy(&sum, p + 8, 4);
-    return *writer < kWriters && sum == fnv(p + 12, size - 12, fnv(p, 8, 2166136261u));
-}
 
 void onOverflow() {
     __atomic_fetch_add(&s_shared->overflowCalls[s_process], 1, __ATOMIC_RELAXED);
@@ -96,12 +42,9 @@ bool stopAsked() {
     return __atomic_load_n(&s_shared->stop, __ATOMIC_ACQUIRE) != 0;
 }
 
-// Without chunks nothing keeps a fast writer from lapping a slow one that the scheduler holds up
-// in the middle of a record: the two records' stores interleave, and one of them may be torn
-// behind stamps that still agree. The design leaves that to chance, and on a loaded machine it
-// happens. So the writers of a wrapping ring keep a rule among themselves: each announces a lower
-// bound of its claim before it claims, and after claiming waits until no other writer is still
-// writing the previous lap's records under its slots. The ring itself knows nothing of this.
+// Without chunks a fast writer may lap a slow one held up mid-record and tear it behind agreeing
+// stamps; on a loaded machine it happens. So the writers of a wrapping ring announce a lower bound
+// of their claims and wait until no other writer still writes the previous lap under their slots.
 void announce(Uint32 writer, Uint32 sequence) {
     __atomic_store_n(&s_shared->inFlight[writer], sequence, __ATOMIC_SEQ_CST);
 }
@@ -117,10 +60,8 @@ void waitUntilLapFree(Uint32 writer, Uint32 limit) {
     }
 }
 
-// The writers of a chunked ring are ordered by the consumer, which lives in another process, where
-// the thread sanitizer can't follow it: to it, the two threads of a writing process would seem to
-// write the same slots a lap apart unordered. Their ring accesses are kept from it here; the
-// protocol itself is checked between threads of one process (test_rambo_stress).
+// The consumer that orders the writers of a chunked ring lives in another process, where the
+// thread sanitizer can't follow it; the protocol is checked between threads in test_rambo_stress.
 #if defined(__SANITIZE_THREAD__)
 #define ZEP_TEST_TSAN 1
 #elif defined(__has_feature)
@@ -168,8 +109,7 @@ void writeRecords(Uint32 writer, Uint32 records, Uint32 pause) {
             announce(writer, r.sequence);
             waitUntilLapFree(writer, r.sequence + slots - cb->slotCount);
         }
-        // A stopping ring sends this and every later claim past its end. All such writers share
-        // the overflow area; nobody reads it, so the payload is left out there.
+        // Past a stopping ring's end all writers share the overflow area, which nobody reads.
         const bool overflowed = r.slot == overflowArea;
         if (!overflowed) fillPayload(payload, size, writer, k);
         ramboSync(cb, &r);
@@ -180,9 +120,7 @@ void writeRecords(Uint32 writer, Uint32 records, Uint32 pause) {
         if (pause != 0) usleep(pause);
     }
     __atomic_store_n(&s_shared->landed[writer], landed, __ATOMIC_RELEASE);
-    // A no-op claim: a writer of this process that laps the ring after this thread has gone
-    // orders its stores after this thread's last record (the thread sanitizer sees the rest of
-    // the ring's protocol, not that a record is finished before it is lapped).
+    // A no-op claim orders a later lap by this process's other writer after this last record.
     __atomic_fetch_add(&cb->nextSequence, 0, __ATOMIC_SEQ_CST);
 }
 
@@ -194,38 +132,6 @@ int writers(Uint32 id, Uint32 records, Uint32 pause) {
     writeRecords(2 * id, records, pause);
     other.join();
     return 0;
-}
-
-// Walks the dump at `path` in one direction and checks every record; the count delivered.
-Uint64 walk(const char* path, bool forward) {
-    ZEPFileOpenParam open;
-    open.path = path;
-    open.creation = ZEP_FILE_OPEN_EXISTING;
-    open.access = ZEP_FILE_ACCESS_READ;
-    ZEPHFile file;
-    if (file.open(&open) != 0) return 0;
-    RamboDumpParser parser;
-    Uint64 delivered = 0;
-    if (ramboOpenDumpFileParser(&file, &parser, forward) == 0) {
-        std::vector<Uint8> payload(RAMBO_CHUNK_SIZE);
-        std::vector<Sint64> last(kWriters, forward ? -1 : INT64_MAX);
-        Uint32 size;
-        while ((size = ramboParseDumpFile(&file, &parser, nullptr, payload.data(),
-                                          static_cast<Uint32>(payload.size()))) != 0) {
-            ++delivered;
-            Uint32 writer, counter;
-            if (!payloadValid(payload.data(), size, &writer, &counter)) {
-                __atomic_fetch_add(&s_shared->badRecords, 1, __ATOMIC_RELAXED);
-                continue;
-            }
-            if (forward ? counter <= last[writer] : counter >= last[writer])
-                __atomic_fetch_add(&s_shared->orderErrors, 1, __ATOMIC_RELAXED);
-            last[writer] = counter;
-        }
-        ramboCloseDumpFileParser(&parser);
-    }
-    file.close();
-    return delivered;
 }
 
 // The dumping program's way: header, then the slots as they are this instant, then the tail.
@@ -246,11 +152,14 @@ int copy(const char* path) {
         FILE* f = fopen(path, "wb");
         if (f == nullptr || fwrite(image.data(), 1, image.size(), f) != image.size()) return 4;
         fclose(f);
-        const Uint64 forward = walk(path, true), backward = walk(path, false);
-        if (forward != backward)
-            __atomic_fetch_add(&s_shared->directionMismatches, 1, __ATOMIC_RELAXED);
-        __atomic_fetch_add(&s_shared->recordsChecked, forward + backward, __ATOMIC_RELAXED);
-        __atomic_fetch_add(&s_shared->dumps, 1, __ATOMIC_RELAXED);
+        // Only the copier writes these.
+        const Walked forward = walkDump(path, true), backward = walkDump(path, false);
+        s_shared->directionMismatches += forward.total != backward.total;
+        s_shared->badRecords += forward.bad + backward.bad;
+        s_shared->orderErrors += !forward.ordered(true) || !backward.ordered(false) ||
+                                 forward.rc != 0 || backward.rc != 0;
+        s_shared->recordsChecked += forward.total + backward.total;
+        __atomic_fetch_add(&s_shared->dumps, 1, __ATOMIC_RELEASE);
     } while (!stopAsked());
     return 0;
 }

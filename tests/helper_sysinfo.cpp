@@ -55,15 +55,14 @@ int main(int argc, char** argv) {
     const Uint32 rcCpu = zepGetCPUInfo(&cpu);
     const Uint32 rcMem = zepGetPhysMemInfo(&mem);
     const Uint32 rcSwap = zepGetPhysSwapInfo(&swap);
-    printf("rc-cpu=%08X\nrc-mem=%08X\nrc-swap=%08X\n", rcCpu, rcMem, rcSwap);
-    printf("processorsTotal=%u\nprocessorsConfigured=%u\nprocessorsOnline=%u\n",
-           cpu.processorsTotal.value, cpu.processorsConfigured.value, cpu.processorsOnline.value);
-    printf("threadsPerCore=%u\ncoresPerPackage=%u\n", cpu.threadsPerCore.value,
-           cpu.coresPerPackage.value);
-    printf("physTotal=%d\nphysFree=%d\nphysAllocatable=%d\naddressSpaceTotal=%d\n",
-           mem.physTotal.value, mem.physFree.value, mem.physAllocatable.value,
-           mem.addressSpaceTotal.value);
-    printf("swapTotal=%d\nswapFree=%d\n", swap.swapTotal.value, swap.swapFree.value);
+    printf(
+        "rc-cpu=%08X\nrc-mem=%08X\nrc-swap=%08X\nprocessorsTotal=%u\nprocessorsConfigured=%u\n"
+        "processorsOnline=%u\nthreadsPerCore=%u\ncoresPerPackage=%u\nphysTotal=%d\nphysFree=%d\n"
+        "physAllocatable=%d\naddressSpaceTotal=%d\nswapTotal=%d\nswapFree=%d\n",
+        rcCpu, rcMem, rcSwap, cpu.processorsTotal.value, cpu.processorsConfigured.value,
+        cpu.processorsOnline.value, cpu.threadsPerCore.value, cpu.coresPerPackage.value,
+        mem.physTotal.value, mem.physFree.value, mem.physAllocatable.value,
+        mem.addressSpaceTotal.value, swap.swapTotal.value, swap.swapFree.value);
     printf("affinity-after=%llx\n", affinityMask());
     return 0;
 }

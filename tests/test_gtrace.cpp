@@ -11,7 +11,7 @@
 
 #include "zepos.h"
 #include "zeptest_stress.h"
-#include "zeptest_util.h"
+#include "zeptest_trace.h"
 
 namespace {
 
@@ -89,7 +89,6 @@ protected:
     }
     void TearDown() override {
         gtraceDetach();
-        zepLogFacClose(nullptr);
         free(mem_);
     }
     static GTCBOptions options(Uint32 modeBits, Uint32 flags = 0) {
@@ -145,45 +144,15 @@ protected:
     // The records of the block, read back from a dump. The trace is off while the file is read,
     // or the reading would leave records of its own.
     std::vector<Rec> records(bool forward = true) {
-        const std::string path = dir_ / "trace.dump";
-        auto header = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
-        void* store = nullptr;
-        Uint32 size = 0;
-        RamboDumpTail tail;
-        EXPECT_EQ(gtraceGetDumpHeaderBuffer(1, reinterpret_cast<GTDumpHeader*>(header.get()),
-                                            &store, &size),
-                  0u);
-        EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
-        std::ofstream(path, std::ios::binary) << str(header.get(), sizeof(GTDumpHeader))
-                                              << str(store, size) << str(&tail, sizeof tail);
+        zeptest::writeTraceDump(dir_ / "trace.dump");
         const Uint32 enabled = cb_->enabled;
         cb_->enabled = 0;
-        ZEPHFile file;
-        ZEPFileOpenParam op;
-        op.path = path.c_str();
-        op.creation = ZEP_FILE_OPEN_EXISTING;
-        op.access = ZEP_FILE_ACCESS_READ;
         std::vector<Rec> out;
-        EXPECT_EQ(file.open(&op), 0u);
-        EXPECT_EQ(gtraceValidateDumpFile(&file, 0), 0u);
-        GTDumpParser parser;
-        EXPECT_EQ(gtraceOpenDumpFileParser(&file, &parser, forward ? 1 : 0), 0u);
-        std::vector<Uint8> buffer(0x20000);
-        for (Uint32 n; (n = gtraceParseRecords(&file, &parser, nullptr, buffer.data(),
-                                               static_cast<Uint32>(buffer.size()))) != 0;)
-            out.emplace_back(std::vector<Uint8>(buffer.begin(), buffer.begin() + n));
-        EXPECT_EQ(gtraceCloseDumpFileParser(&parser), 0u);
-        file.close();
+        for (auto& bytes : zeptest::readTraceDump(dir_ / "trace.dump", forward, true))
+            out.emplace_back(std::move(bytes));
         cb_->enabled = enabled;
         return out;
     }
-    // Runs helper_gtrace with `args` and waits for it.
-    void helper(std::vector<std::string> args) {
-        args.insert(args.begin() + 1, area_);
-        const pid_t child = zeptest::spawnHelper("helper_gtrace", args);
-        EXPECT_EQ(zeptest::waitExit(child), 0);
-    }
-
     zeptest::TempDir dir_{"zepgtrace"};
     std::string area_ = dir_ / "area";
     std::pair<void*, size_t> shared_{nullptr, 0};
@@ -859,59 +828,7 @@ TEST_F(Trace, DelayingMode) {
     EXPECT_GT(expected, 0u);
 }
 
-// ---------------------------------------------------------------- the frame, processes
-
-TEST_F(Trace, FailingRenameLeavesItsRecordsAndItsLogRecord) {
-    ring();
-    gtraceSetProcessID(kPid);
-    ZEPLogFacilityParam lp;
-    snprintf(lp.path, sizeof lp.path, "%s", (dir_ / "zep.log").c_str());
-    snprintf(lp.name, sizeof lp.name, "zeptrace");
-    lp.level = ZEP_LOG_INFO;
-    lp.target = ZEP_LOG_TARGET_FILE;
-    lp.permissions = 0644;
-    ASSERT_EQ(zepLogFacOpen(&lp, nullptr), 0u);
-    const std::string from = dir_ / "missing", to = dir_ / "target";
-    EXPECT_EQ(zepFileRename(from.c_str(), to.c_str()), ECF_FILE_DOESNT_EXIST);
-    zepLogFacClose(nullptr);
-
-    std::vector<Rec> r;
-    bool logInBetween = false;
-    for (const Rec& x : records()) {
-        if (x.h.functionID == F)
-            r.push_back(x);
-        else if (r.size() == 2)
-            logInBetween = true;  // the log's own file operations, between data and error
-    }
-    EXPECT_TRUE(logInBetween);
-    EXPECT_EQ(types(r), "1 3 4 2");
-    for (const Rec& x : r) {
-        EXPECT_EQ(x.h.threadID, zepos::GetCurrentThreadId());
-        EXPECT_EQ(x.h.processID, kPid);
-    }
-    ASSERT_EQ(r.size(), 4u);
-    EXPECT_EQ(r[1].h.probe, 10);
-    auto items = r[1].items();
-    ASSERT_EQ(items.size(), 2u);
-    EXPECT_EQ(items[0].data + "|" + items[1].data, from + "|" + to);
-    EXPECT_EQ(r[1].h.dataLength, 16 + from.size() + to.size());
-    EXPECT_EQ(r[2].h.probe, 30);
-    items = r[2].items();
-    const Uint32 code = ECF_FILE_DOESNT_EXIST;
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].kind, 0u);
-    EXPECT_EQ(items[0].data, str(&code, 4));
-    EXPECT_EQ(r[3].h.returnCode, code);
-    const std::string log = zeptest::slurp(dir_ / "zep.log");
-    EXPECT_NE(log.find("FUNCTION: VRN Common, ZEPe, zepFileRename, probe:30"), std::string::npos);
-    EXPECT_NE(log.find(from), std::string::npos);
-
-    // Off again: the same failure leaves no record.
-    gtraceDisable();
-    const Uint32 before = claimed();
-    EXPECT_EQ(zepFileRename(from.c_str(), to.c_str()), ECF_FILE_DOESNT_EXIST);
-    EXPECT_EQ(claimed(), before);
-}
+// ---------------------------------------------------------------- processes
 
 TEST_F(Trace, TwoProcessesOneBlock) {
     // The block lies in a shared file mapping; a helper process attaches to it as well.
@@ -928,7 +845,9 @@ TEST_F(Trace, TwoProcessesOneBlock) {
     ASSERT_NE(sharedArea(o, me), nullptr);
     const std::string missing = dir_ / "missing", target = dir_ / "target", mine = dir_ / "mine";
     EXPECT_EQ(zepFileRename(missing.c_str(), target.c_str()), ECF_FILE_DOESNT_EXIST);
-    helper({"twoprocesses", dir_.path});
+    EXPECT_EQ(zeptest::waitExit(
+                  zeptest::spawnHelper("helper_gtrace", {"twoprocesses", area_, dir_.path})),
+              0);
     std::ofstream(mine) << "x";
     EXPECT_EQ(zepFileRename(mine.c_str(), target.c_str()), 0u);
 

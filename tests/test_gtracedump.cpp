@@ -1,19 +1,10 @@
 // Tests of reading trace dumps back: validation, both parsers, the scan of auto dumps, and the
 // formatter of the tools on dumps made here.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <functional>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "trace_format.h"
-#include "zep.h"
+#include "zeptest_trace.h"
 
 namespace {
 
@@ -22,19 +13,13 @@ constexpr Uint32 F = ZEPFN_zepFileRename, G = ZEPFN_zepFileDelete;
 
 class Dump : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/zepgtdumpXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        path_ = dir_ + "/t.dump";
-    }
     void TearDown() override {
         gtraceDetach();
         free(mem_);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
     }
     void build(Uint32 modeBits, Uint32 flags = 0, Uint32 scan = 0) {
+        gtraceDetach();
+        free(mem_);
         GTCBOptions o;
         o.bufferSize = kRing;
         o.modeBits = modeBits;
@@ -45,72 +30,49 @@ protected:
         ASSERT_EQ(gtraceAttach(reinterpret_cast<GTCB*>(mem_), 10, nullptr, nullptr), 0u);
         ASSERT_EQ(gtraceEnable(), 0u);
     }
-    // Header buffer, store and (for an instantaneous ring dump) tail, behind `lead` bytes.
     void write(Uint8 instantaneous = 1, size_t lead = 0, size_t cut = 0) {
         gtraceDisable();
-        auto raw = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
-        void* store = nullptr;
-        Uint32 size = 0;
-        ASSERT_EQ(gtraceGetDumpHeaderBuffer(
-                      instantaneous, reinterpret_cast<GTDumpHeader*>(raw.get()), &store, &size),
-                  0u);
-        RamboDumpTail tail;
-        ASSERT_EQ(gtraceGetDumpTail(&tail), 0u);
-        std::string bytes(lead, 'x');
-        bytes.append(reinterpret_cast<char*>(raw.get()), sizeof(GTDumpHeader));
-        bytes.append(static_cast<char*>(store), size);
-        if (instantaneous && !(reinterpret_cast<GTCB*>(mem_)->options.modeBits & 8))
-            bytes.append(reinterpret_cast<char*>(&tail), sizeof tail);
-        put(bytes.substr(0, bytes.size() - cut));
+        zeptest::writeTraceDump(path_, instantaneous, lead, cut);
         gtraceEnable();
     }
-    void put(const std::string& bytes) {
-        FILE* f = fopen(path_.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        fwrite(bytes.data(), 1, bytes.size(), f);
-        fclose(f);
-    }
+    void put(const std::string& bytes) { std::ofstream(path_, std::ios::binary) << bytes; }
     void openFile(ZEPHFile& file) {
-        ZEPFileOpenParam op;
-        op.path = path_.c_str();
-        op.creation = ZEP_FILE_OPEN_EXISTING;
-        op.access = ZEP_FILE_ACCESS_READ;
-        ASSERT_EQ(file.open(&op), 0u);
+        file.close();
+        zeptest::openToRead(file, path_);
     }
-    Uint64 position(ZEPHFile& file) {
-        ZEPFileSeekParam s;
-        s.origin = ZEP_FILE_SEEK_CURRENT;
-        Uint64 at = 0;
-        EXPECT_EQ(file.seek(&s, &at), 0u);
-        return at;
-    }
-    // Function identifiers of the records (ring) or the used entries (counting), in walk order.
-    std::vector<GTCountEntry> walk(bool forward, Uint8* wrapped = nullptr) {
+    // Validation of the file from `at`: its code, and where the file stands afterwards.
+    std::pair<Uint32, Uint64> validate(Uint8 kind, Uint64 at = 0) {
         ZEPHFile file;
         openFile(file);
-        GTDumpParser p;
+        ZEPFileSeekParam s;
+        s.offset = static_cast<Sint64>(at);
+        EXPECT_EQ(file.seek(&s), 0u);
+        const Uint32 rc = gtraceValidateDumpFile(&file, kind);
+        s.origin = ZEP_FILE_SEEK_CURRENT;
+        s.offset = 0;
+        EXPECT_EQ(file.seek(&s, &at), 0u);
+        return {rc, at};
+    }
+    // The records' function identifiers (ring) or the used entries (counting), in walk order.
+    std::vector<GTCountEntry> walk(bool forward, Uint8* wrapped = nullptr) {
         std::vector<GTCountEntry> out;
-        EXPECT_EQ(gtraceOpenDumpFileParser(&file, &p, forward), 0u);
-        if (wrapped) {
-            EXPECT_EQ(ramboDidBufferWrap(&p.rambo, wrapped), 0u);
-        }
-        std::vector<Uint8> buf(0x20000);
-        for (Uint32 n; (n = gtraceParseRecords(&file, &p, nullptr, buf.data(), 0x20000)) != 0;) {
-            GTRecord r;
-            memcpy(&r, buf.data(), sizeof r);
+        for (const auto& r : zeptest::readTraceDump(path_, forward, false, wrapped)) {
+            const bool counting = r.size() == sizeof(GTCountEntry);  // a ring record is larger
             GTCountEntry e{};
-            if (p.kind == GTRACE_DUMP_KIND_COUNTING)
-                memcpy(&e, buf.data(), sizeof e);
-            else
-                e.functionID = r.functionID;
+            memcpy(counting ? static_cast<void*>(&e) : &e.functionID,
+                   r.data() + (counting ? 0 : offsetof(GTRecord, functionID)),
+                   counting ? sizeof e : 4);
             out.push_back(e);
         }
-        EXPECT_EQ(gtraceCloseDumpFileParser(&p), 0u);
-        EXPECT_EQ(gtraceCloseDumpFileParser(&p), ECF_INVALID_PARAMETER);
-        file.close();
         return out;
     }
-    std::string dir_, path_;
+    std::vector<Uint32> ids(bool forward) {
+        std::vector<Uint32> out;
+        for (const GTCountEntry& e : walk(forward)) out.push_back(e.functionID);
+        return out;
+    }
+    zeptest::TempDir dir_{"zepgtdump"};
+    std::string path_ = dir_ / "t.dump";
     Uint8* mem_ = nullptr;
 };
 
@@ -118,43 +80,27 @@ TEST_F(Dump, Validation) {
     build(GTRACE_MODE_WRAP);
     _gtraceEntry(1, F);
     write(1, 100);
-    ZEPHFile file;
-    openFile(file);
-    ZEPFileSeekParam s;
-    s.offset = 100;
-    ASSERT_EQ(file.seek(&s), 0u);
     // Any kind or the ring kind goes on to the ring's checks; the position stays.
-    EXPECT_EQ(gtraceValidateDumpFile(&file, 0), 0u);
-    EXPECT_EQ(gtraceValidateDumpFile(&file, GTRACE_DUMP_KIND_RAMBO), 0u);
-    EXPECT_EQ(position(file), 100u);
-    EXPECT_EQ(gtraceValidateDumpFile(&file, GTRACE_DUMP_KIND_COUNTING), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(position(file), 100u);
+    using V = std::pair<Uint32, Uint64>;
+    EXPECT_EQ(validate(0, 100), V(0, 100));
+    EXPECT_EQ(validate(GTRACE_DUMP_KIND_RAMBO, 100), V(0, 100));
+    EXPECT_EQ(validate(GTRACE_DUMP_KIND_COUNTING, 100), V(ECF_INVALID_PARAMETER, 100));
     EXPECT_EQ(gtraceValidateDumpFile(nullptr, 0), ECF_INVALID_PARAMETER);
-    file.close();
-
     // The ring's own checks: an instantaneous dump without its whole tail.
     write(1, 0, 1);
-    openFile(file);
-    EXPECT_EQ(gtraceValidateDumpFile(&file, 0), ECF_RAMBO_INSTANT_DUMP_TRUNCATED);
-    EXPECT_EQ(position(file), 0u);
-    file.close();
-
+    EXPECT_EQ(validate(0), V(ECF_RAMBO_INSTANT_DUMP_TRUNCATED, 0));
     // The trace header: one byte short, a wrong eye-catcher.
     std::string bytes(GTRACE_DUMP_TRACE_HEADER_SIZE - 1, '\0');
     memcpy(bytes.data(), "GTDUMP1", 8);
     put(bytes);
-    openFile(file);
-    EXPECT_EQ(gtraceValidateDumpFile(&file, 0), ECF_GTRACE_DUMP_HEADER_TRUNCATED);
-    file.close();
+    EXPECT_EQ(validate(0).first, ECF_GTRACE_DUMP_HEADER_TRUNCATED);
     bytes.append(100, '\0');
     bytes[6] = '2';
     put(bytes);
-    openFile(file);
-    EXPECT_EQ(gtraceValidateDumpFile(&file, 0), ECF_GTRACE_INVALID_DUMP_EYE_CATCHER);
-    EXPECT_EQ(position(file), 0u);
+    EXPECT_EQ(validate(0), V(ECF_GTRACE_INVALID_DUMP_EYE_CATCHER, 0));
     // Opening doesn't check the eye-catcher; a short header fails with the read's code.
-    file.close();
     put(bytes.substr(0, 1000));
+    ZEPHFile file;
     openFile(file);
     GTDumpParser p;
     EXPECT_EQ(gtraceOpenDumpFileParser(&file, &p, 1), ECF_FILE_EOF);
@@ -167,26 +113,17 @@ TEST_F(Dump, DirectionAndScan) {
     build(GTRACE_MODE_WRAP);
     for (Uint32 i = 1; i <= 5; ++i) _gtraceEntry(1, i);
     write();
-    std::vector<Uint32> ids;
-    for (auto& e : walk(true)) ids.push_back(e.functionID);
-    EXPECT_EQ(ids, (std::vector<Uint32>{1, 2, 3, 4, 5}));
-    ids.clear();
-    for (auto& e : walk(false)) ids.push_back(e.functionID);
-    EXPECT_EQ(ids, (std::vector<Uint32>{5, 4, 3, 2, 1}));
-
+    EXPECT_EQ(ids(true), (std::vector<Uint32>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(ids(false), (std::vector<Uint32>{5, 4, 3, 2, 1}));
     // An auto dump whose first record isn't the trace's first: only a scan can tell, and the
     // options ask for one.
     for (Uint32 scan : {0u, 1u}) {
-        SCOPED_TRACE(scan);
-        gtraceDetach();
-        free(mem_);
         build(GTRACE_MODE_WRAP, 0, scan);
         ASSERT_EQ(gtraceClear(), 0u);
         _gtraceEntry(1, F);
         write(0);
         Uint8 wrapped = 9;
-        auto recs = walk(true, &wrapped);
-        ASSERT_EQ(recs.size(), 1u);
+        EXPECT_EQ(walk(true, &wrapped).size(), 1u);
         EXPECT_EQ(wrapped, scan);
     }
 }
@@ -261,45 +198,34 @@ TEST_F(Dump, FormatterViews) {
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text, &n),
               0u);
     EXPECT_EQ(n, 7u);
-    const std::string renamed = "0x081A0016 VRN Common, ZEPe, zepFileRename";
-    EXPECT_EQ(text,
-              "#1 ENTRY  pid 10  tid 7  time 0.000000000\n"
-              "    " +
-                  renamed +
-                  "\n"
-                  "#2 DATA  pid 10  tid 7  time 0.000000000\n"
-                  "    " +
-                  renamed +
-                  "  probe 10\n"
-                  "    item 1  kind 0  3 bytes\n"
-                  "      0000  6162 63                                    abc\n"
-                  "    item 2  kind 0  0 bytes\n"
-                  "#3 ENTRY  pid 10  tid 8  time 0.000000000\n"
-                  "    0x081A0013 VRN Common, ZEPe, zepFileDelete\n"
-                  "#4 ERROR  pid 10  tid 7  time 0.000000000\n"
-                  "    " +
-                  renamed +
-                  "  probe 30\n"
-                  "    words 0x00000000 0x00000000\n"
-                  "    item 1  kind 0  4 bytes\n"
-                  "      0000  1A00 0090                                  ....\n"
-                  "#5 EXIT  pid 10  tid 7  time 0.000000000\n"
-                  "    " +
-                  renamed +
-                  "\n"
-                  "    rc 0x9000001A ECF_FILE_DOESNT_EXIST\n"
-                  "    words 0x00000000 0x00000000\n"
-                  "#6 EXIT  pid 10  tid 8  time 0.000000000\n"
-                  "    0x081A0013 VRN Common, ZEPe, zepFileDelete\n"
-                  "    rc 0x00000000 OK\n"
-                  "    words 0x00000000 0x00000000\n"
-                  "#7 ERROR_OP  pid 10  tid 7  time 0.000000000\n"
-                  "    " +
-                  renamed +
-                  "  probe 40\n"
-                  "    words 0x00000001 0x00000002\n"
-                  "    item 1  kind 0  1 bytes\n"
-                  "      0000  7A                                         z\n");
+    const std::string R = "    0x081A0016 VRN Common, ZEPe, zepFileRename";
+    const std::string D = "    0x081A0013 VRN Common, ZEPe, zepFileDelete\n";
+    EXPECT_EQ(text, "#1 ENTRY  pid 10  tid 7  time 0.000000000\n" + R +
+                        "\n#2 DATA  pid 10  tid 7  time 0.000000000\n" + R +
+                        "  probe 10\n"
+                        "    item 1  kind 0  3 bytes\n"
+                        "      0000  6162 63                                    abc\n"
+                        "    item 2  kind 0  0 bytes\n"
+                        "#3 ENTRY  pid 10  tid 8  time 0.000000000\n" +
+                        D + "#4 ERROR  pid 10  tid 7  time 0.000000000\n" + R +
+                        "  probe 30\n"
+                        "    words 0x00000000 0x00000000\n"
+                        "    item 1  kind 0  4 bytes\n"
+                        "      0000  1A00 0090                                  ....\n"
+                        "#5 EXIT  pid 10  tid 7  time 0.000000000\n" +
+                        R +
+                        "\n    rc 0x9000001A ECF_FILE_DOESNT_EXIST\n"
+                        "    words 0x00000000 0x00000000\n"
+                        "#6 EXIT  pid 10  tid 8  time 0.000000000\n" +
+                        D +
+                        "    rc 0x00000000 OK\n"
+                        "    words 0x00000000 0x00000000\n"
+                        "#7 ERROR_OP  pid 10  tid 7  time 0.000000000\n" +
+                        R +
+                        "  probe 40\n"
+                        "    words 0x00000001 0x00000002\n"
+                        "    item 1  kind 0  1 bytes\n"
+                        "      0000  7A                                         z\n");
 
     text.clear();
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Flow, true, &text), 0u);
@@ -319,15 +245,13 @@ TEST_F(Dump, FormatterViews) {
     EXPECT_EQ(f.time(1234567890123ull), "1234.567890123");
 
     // A counting dump: one line per function in use.
-    gtraceDetach();
-    free(mem_);
     build(GTRACE_MODE_COUNTING);
     _gtraceEntry(1, F);
     _gtraceEntry(1, F);
     write();
     text.clear();
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text), 0u);
-    EXPECT_EQ(text, "         2  0.000000000  " + renamed + "\n");
+    EXPECT_EQ(text, "         2  0.000000000  " + R.substr(4) + "\n");
 }
 
 }  // namespace

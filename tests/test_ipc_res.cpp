@@ -1,10 +1,8 @@
 // Resource identifiers, security attributes and the user queries: the names as two processes
 // must derive them, the attributes every creation uses, the records of each failure.
-#include <fcntl.h>
 #include <pwd.h>
-#include <unistd.h>
 
-#include "zeptest_capture.h"
+#include "zeptest_ipc.h"
 
 using namespace zeptest;
 
@@ -34,6 +32,7 @@ std::string derive(const char* path, Sint32 seed, Uint32 stamp = ZEP_VERSION_WOR
 
 TEST_F(IpcRes, NamesDerived) {
     const std::string longPath(300, 'p');
+    const Uint32 now = ZEP_VERSION_WORD;
     struct Row {
         const char* path;
         Sint32 seed;
@@ -41,23 +40,21 @@ TEST_F(IpcRes, NamesDerived) {
         Uint32 stamp;
         std::string name;
     } rows[] = {
-        {"C:\\data\\inst1", 5, false, false, ZEP_VERSION_WORD, "ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, false, ZEP_VERSION_WORD, "Global\\ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, true, ZEP_VERSION_WORD, "ZEPEIPC5Cdatainst1"},
-        {"/db/inst1:x", 0, false, false, ZEP_VERSION_WORD, "ZEPEIPC0/db/inst1x"},  // '/' stays
-        {nullptr, 7, true, false, ZEP_VERSION_WORD, ""},
-        {"", 7, false, false, ZEP_VERSION_WORD, "ZEPEIPC7"},
-        {":\\::\\", 7, false, false, ZEP_VERSION_WORD, "ZEPEIPC7"},
-        {"Ab", -1, false, false, ZEP_VERSION_WORD, "ZEPEIPC-1Ab"},
-        {"Ab", -2147483647 - 1, false, false, ZEP_VERSION_WORD, "ZEPEIPC-2147483648Ab"},
+        {"C:\\data\\inst1", 5, false, false, now, "ZEPEIPC5Cdatainst1"},
+        {"C:\\data\\inst1", 5, true, false, now, "Global\\ZEPEIPC5Cdatainst1"},
+        {"C:\\data\\inst1", 5, true, true, now, "ZEPEIPC5Cdatainst1"},
+        {"/db/inst1:x", 0, false, false, now, "ZEPEIPC0/db/inst1x"},  // '/' stays
+        {nullptr, 7, true, false, now, ""},
+        {"", 7, false, false, now, "ZEPEIPC7"},
+        {":\\::\\", 7, false, false, now, "ZEPEIPC7"},
+        {"Ab", -1, false, false, now, "ZEPEIPC-1Ab"},
+        {"Ab", -2147483647 - 1, false, false, now, "ZEPEIPC-2147483648Ab"},
         // An output stamped before local scope existed ignores the request.
         {"x", 1, true, true, 20040702, "Global\\ZEPEIPC1x"},
         {"x", 1, true, true, 0x09010002, "Global\\ZEPEIPC1x"},
         {"x", 1, true, true, 0x09010003, "ZEPEIPC1x"},
-        {longPath.c_str(), 12, false, false, ZEP_VERSION_WORD,
-         "ZEPEIPC12" + std::string(261 - 9, 'p')},
-        {longPath.c_str(), 12, true, false, ZEP_VERSION_WORD,
-         "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
+        {longPath.c_str(), 12, false, false, now, "ZEPEIPC12" + std::string(261 - 9, 'p')},
+        {longPath.c_str(), 12, true, false, now, "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
     };
     for (const Row& r : rows) {
         g_bRunningTerminalServiceRemoteAdminMode = r.remoteAdmin;
@@ -85,16 +82,15 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     ZEPIPCResIDParam p;
     p.path = "D:\\q", p.seed = 10, p.localScope = 1;
     ZEPIPCQueResID q;
-    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
-    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
-    EXPECT_STREQ(q.receiveSemaphore.name, "ZEPEIPC11Dq");
-    EXPECT_STREQ(q.sendSemaphore.name, "ZEPEIPC12Dq");
     // The semaphores' derivations don't carry local scope along.
-    g_bRunningTerminalServiceRemoteAdminMode = 1;
-    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
-    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
-    EXPECT_STREQ(q.receiveSemaphore.name, "Global\\ZEPEIPC11Dq");
-    EXPECT_STREQ(q.sendSemaphore.name, "Global\\ZEPEIPC12Dq");
+    for (int remote : {0, 1}) {
+        g_bRunningTerminalServiceRemoteAdminMode = remote;
+        const std::string global = remote ? "Global\\" : "";
+        ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
+        EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
+        EXPECT_EQ(q.receiveSemaphore.name, global + "ZEPEIPC11Dq");
+        EXPECT_EQ(q.sendSemaphore.name, global + "ZEPEIPC12Dq");
+    }
     g_bRunningTerminalServiceRemoteAdminMode = 0;
 
     // An inner identifier of an old stamp stops the operation at its derivation's probe.
@@ -107,57 +103,28 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
         EXPECT_EQ(zepIPCGetQueResID(&p, &bad), ECF_INVALID_VERSION);
         trace(false);
         theLog(ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
-        const Call* err = nullptr;
-        for (const Call& c : calls)
-            if (c.what == "error") err = &c;
-        ASSERT_NE(err, nullptr);
-        EXPECT_EQ(err->fid, ZEPFN_zepIPCGetQueResID);
-        EXPECT_EQ(err->probe, 20u + 10u * which);
+        EXPECT_EQ(errorProbes(ZEPFN_zepIPCGetQueResID), std::vector<Uint32>{20u + 10u * which});
     }
 
-    struct {
-        Uint32 (*call)();
-        Uint32 fid, probe, rc;
-    } refusals[] = {
-        {[] { return zepIPCGetResID(nullptr, nullptr); }, ZEPFN_zepIPCGetResID, 1111,
-         ECF_INVALID_PARAMETER},
-        {[] {
-             ZEPIPCResIDParam in;
-             ZEPIPCResID out;
-             out.version = 20040701;
-             return zepIPCGetResID(&in, &out);
-         },
-         ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION},
-        {[] {
-             ZEPIPCResIDParam in;
-             ZEPIPCQueResID out;
-             return zepIPCGetQueResID(&in, nullptr) + 0 * out.version;
-         },
-         ZEPFN_zepIPCGetQueResID, 1111, ECF_INVALID_PARAMETER},
-        {[] {
-             ZEPCurrentUserParam in;
-             in.version = 5;
-             char b[8];
-             return zepGetCurrentUserName(&in, b);
-         },
-         ZEPFN_zepGetCurrentUserName, 1112, ECF_INVALID_VERSION},
-        {[] { return zepGetCurrentUserDisplay(nullptr, nullptr); }, ZEPFN_zepGetCurrentUserDisplay,
-         1111, ECF_INVALID_PARAMETER},
-    };
-    for (const auto& r : refusals) {
-        calls.clear();
-        EXPECT_EQ(r.call(), r.rc);
-        theLog(r.fid, r.probe, r.rc, ZEP_LOG_ERROR);
-    }
+    calls.clear();
+    ZEPIPCResID id;
+    id.version = 20040701;
+    refused(zepIPCGetResID(nullptr, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetResID, 1111);
+    refused(zepIPCGetResID(&p, &id), ECF_INVALID_VERSION, ZEPFN_zepIPCGetResID, 1112);
+    refused(zepIPCGetQueResID(&p, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetQueResID, 1111);
+    ZEPCurrentUserParam user;
+    user.version = 5;
+    refused(zepGetCurrentUserName(&user, id.name), ECF_INVALID_VERSION, ZEPFN_zepGetCurrentUserName,
+            1112);
+    refused(zepGetCurrentUserDisplay(nullptr, nullptr), ECF_INVALID_PARAMETER,
+            ZEPFN_zepGetCurrentUserDisplay, 1111);
     // The input's stamp is not looked at.
     ZEPIPCResIDParam old;
-    old.version = 0;
-    old.path = "a";
-    ZEPIPCResID id;
+    old.version = 0, old.path = "a";
+    id.version = ZEP_VERSION_WORD;
     EXPECT_EQ(zepIPCGetResID(&old, &id), 0u);
     EXPECT_STREQ(id.name, "ZEPEIPC0a");
 
-    calls.clear();
     trace(true);
     EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
     EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
@@ -190,16 +157,14 @@ TEST_F(IpcRes, SecurityAttributesDefaultAndOverride) {
     mine.Mode = 0600;
     SECURITY_ATTRIBUTES override{sizeof override, &mine, 0};
     zepSetSecurityAttributesForZEP(&override);
-    SECURITY_DESCRIPTOR unused;
-    memset(&unused, 0xEE, sizeof unused);
-    ASSERT_EQ(zepInitSecurityAttributes(&unused, &sa), 0u);
+    memset(&sd, 0xEE, sizeof sd);
+    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
     EXPECT_EQ(sa.lpSecurityDescriptor, &mine);
     EXPECT_EQ(sa.bInheritHandle, 0);
-    EXPECT_EQ(unused.Revision, 0xEE);  // the caller's buffer stays untouched
+    EXPECT_EQ(sd.Revision, 0xEE);  // the caller's buffer stays untouched
     zepSetSecurityAttributesForZEP(nullptr);
-    ASSERT_EQ(zepInitSecurityAttributes(&unused, &sa), 0u);
-    EXPECT_EQ(sa.lpSecurityDescriptor, &unused);
-    EXPECT_TRUE(calls.size() > 0);
+    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
+    EXPECT_EQ(sa.lpSecurityDescriptor, &sd);
 }
 
 TEST_F(IpcRes, CurrentUser) {

@@ -1,5 +1,5 @@
-// zeptest_ipc.h - a helper_ipc process driven line by line, and the look at /dev/shm that tells
-// what the IPC tests left behind.
+// zeptest_ipc.h - the helper_ipc process (one command a line in, answers a line out), the log
+// records of a failure in one line, and the look at /dev/shm that tells what a test left behind.
 #ifndef ZEPTEST_IPC_H
 #define ZEPTEST_IPC_H
 
@@ -7,97 +7,164 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
-#include <string>
-#include <vector>
+#include "zeptest_capture.h"
+#include "zeptest_util.h"
+#include "zepos.h"
 
 namespace zeptest {
 
-// A helper_ipc process: each command is one line in, one line out. Its descriptors beyond the
-// two pipes are closed at exec unless `inherit` asks to keep those that may be inherited, as a
-// process started with inheritance asked would get them.
+// Descriptors beyond the two pipes are closed at exec unless `inherit` keeps the inheritable
+// ones, as a process started with inheritance asked would get them.
 class IpcProc {
 public:
     explicit IpcProc(bool inherit = false) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
+        if ((pid_ = fork()) == 0) {
             dup2(in[0], 0);
             dup2(out[1], 1);
-            if (!inherit) closefrom_cloexec();
+            for (int fd = 3; !inherit && fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
             execl(ZEP_TEST_BIN_DIR "/helper_ipc", "helper_ipc", static_cast<char*>(nullptr));
             _exit(127);
         }
-        close(in[0]);
-        close(out[1]);
-        to_ = in[1];
-        from_ = out[0];
+        close(in[0]), close(out[1]);
+        to_ = in[1], from_ = out[0];
     }
     ~IpcProc() { kill(SIGKILL); }
     IpcProc(const IpcProc&) = delete;
     IpcProc& operator=(const IpcProc&) = delete;
 
-    // Sends a command and returns its answer ("" if none came within the time).
-    std::string run(const std::string& command, int timeoutMs = 20000) {
-        std::string line = command + "\n";
-        if (write(to_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return "";
-        std::string answer;
-        for (;;) {
+    void send(const std::string& command) {
+        const std::string l = command + "\n";
+        EXPECT_EQ(write(to_, l.data(), l.size()), static_cast<ssize_t>(l.size()));
+    }
+    // The next answer, "" if none came within the time.
+    std::string line(int timeoutMs = 120000) {
+        size_t nl;
+        while ((nl = buf_.find('\n')) == std::string::npos) {
             pollfd p{from_, POLLIN, 0};
-            char c;
-            if (poll(&p, 1, timeoutMs) <= 0 || read(from_, &c, 1) != 1) return answer;
-            if (c == '\n') return answer;
-            answer += c;
+            char b[256];
+            const ssize_t n = poll(&p, 1, timeoutMs) > 0 ? read(from_, b, sizeof b) : 0;
+            if (n <= 0) return "";
+            buf_.append(b, static_cast<size_t>(n));
         }
+        std::string l = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return l;
     }
+    std::string run(const std::string& command) { return send(command), line(); }
     void kill(int signal) {
-        if (pid_ <= 0) return;
-        ::kill(pid_, signal);
-        reap();
+        if (pid_ > 0) ::kill(pid_, signal);
+        finish();
     }
-    // Ends the helper by closing its input and returns its exit status.
+    // Ends the helper by closing its input; its exit status.
     int finish() {
-        if (to_ >= 0) close(to_), to_ = -1;
-        return reap();
-    }
-    pid_t pid() const { return pid_; }
-
-private:
-    static void closefrom_cloexec() {
-        for (int fd = 3; fd < 1024; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
-    }
-    int reap() {
         int status = -1;
-        if (pid_ > 0) waitpid(pid_, &status, 0);
-        pid_ = -1;
         if (to_ >= 0) close(to_), to_ = -1;
+        if (pid_ > 0) waitpid(pid_, &status, 0), pid_ = -1;
         if (from_ >= 0) close(from_), from_ = -1;
         return status;
     }
+
+private:
     pid_t pid_ = -1;
     int to_ = -1, from_ = -1;
+    std::string buf_;
 };
 
-// The entries of /dev/shm whose names contain `tag`.
-inline std::vector<std::string> shmEntries(const std::string& tag) {
-    std::vector<std::string> found;
-    DIR* d = opendir("/dev/shm");
-    if (d == nullptr) return found;
-    while (dirent* e = readdir(d))
-        if (strstr(e->d_name, tag.c_str()) != nullptr) found.push_back(e->d_name);
-    closedir(d);
-    return found;
+// The "none" handle of the IPC classes.
+inline void* const kNoHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
+
+inline double nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
 }
 
-// A tag that keeps the names of this test process apart from any other's.
-inline std::string ipcTag() {
-    return "zt" + std::to_string(getpid()) + "x";
+// A platform call's result, as a truth value, and the last error it left: "0 6", "1 183".
+template <class T>
+std::string withError(T result) {
+    return std::to_string(result != T{}) + " " + std::to_string(zepos::GetLastError());
 }
+
+// The log records captured, as "KIND PROBE[/ERROR]..." ("logsys 90/183 log 90": the platform's
+// error or the called function's result), each checked to carry `code` unless that is kAnyCode;
+// the capture emptied for the next step.
+constexpr Uint32 kAnyCode = ~0u;
+inline std::string logShape(Uint32 code) {
+    std::string out;
+    for (const Call& c : calls)
+        if (c.what.compare(0, 3, "log") == 0) {
+            EXPECT_TRUE(code == kAnyCode || c.code == code) << c.what << " " << c.probe;
+            out += (out.empty() ? "" : " ") + c.what + " " + std::to_string(c.probe) +
+                   (c.what == "log" ? "" : "/" + std::to_string(c.err));
+        }
+    calls.clear();
+    return out;
+}
+
+// The probes of the error records (of `fid`, if given) captured.
+inline std::vector<Uint32> errorProbes(Uint32 fid = 0) {
+    std::vector<Uint32> out;
+    for (const Call& c : calls)
+        if (c.what == "error" && (fid == 0 || c.fid == fid)) out.push_back(c.probe);
+    return out;
+}
+
+// A call refused with `code` and its one log record of `fid` at `probe`; the capture emptied.
+inline void refused(Uint32 rc, Uint32 code, Uint32 fid, Uint32 probe,
+                    Uint32 level = ZEP_LOG_ERROR) {
+    EXPECT_EQ(rc, code);
+    theLog(fid, probe, code, level);
+    calls.clear();
+}
+
+// Whether a write through `p` in a forked child ends it with SIGSEGV.
+inline bool writeFaults(volatile char* p) {
+    const pid_t child = fork();
+    if (child == 0) *p = 1, _exit(0);
+    return waitExit(child) == 128 + SIGSEGV;
+}
+
+// A file of `bytes` zeroes mapped shared: the block other processes map by its path.
+inline Uint8* mapFile(const std::string& file, size_t bytes) {
+    const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(bytes)), 0);
+    void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return static_cast<Uint8*>(m);
+}
+
+// A test whose IPC names carry `tag_` (this process's own): none may be left in /dev/shm.
+class IpcTest : public CaptureTest {
+protected:
+    void TearDown() override {
+        std::vector<std::string> left;
+        if (DIR* d = opendir("/dev/shm")) {
+            while (dirent* e = readdir(d))
+                if (strstr(e->d_name, tag_.c_str()) != nullptr) left.push_back(e->d_name);
+            closedir(d);
+        }
+        EXPECT_EQ(left, std::vector<std::string>{});
+        CaptureTest::TearDown();
+    }
+    static ZEPIPCResID idOf(const std::string& path, Sint32 seed = 1) {
+        ZEPIPCResIDParam p;
+        p.path = path.c_str(), p.seed = seed;
+        ZEPIPCResID id;
+        EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
+        return id;
+    }
+    // An identifier named `tag_` + `what` as it stands, not derived.
+    ZEPIPCResID nameOf(const std::string& what) const {
+        ZEPIPCResID id;
+        snprintf(id.name, sizeof id.name, "%s%s", tag_.c_str(), what.c_str());
+        return id;
+    }
+    const std::string tag_ = "zt" + std::to_string(getpid()) + "x";
+};
 
 }  // namespace zeptest
 
