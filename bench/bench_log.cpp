@@ -12,7 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "zep.h"
 
@@ -51,7 +54,7 @@ void BM_ZepFileTarget(benchmark::State& state) {
     for (auto _ : state) logOne();
     zepLogFacClose(nullptr);
 }
-BENCHMARK(BM_ZepFileTarget);
+BENCHMARK(BM_ZepFileTarget)->Name("File/zep:file-target")->Repetitions(5);
 
 // What the file target costs at least: the same system calls with a record of the same size,
 // formatted by snprintf.
@@ -82,7 +85,7 @@ void BM_BareSyscalls(benchmark::State& state) {
         close(fd);
     }
 }
-BENCHMARK(BM_BareSyscalls);
+BENCHMARK(BM_BareSyscalls)->Name("File/peer:bare-syscalls")->Repetitions(5);
 
 void BM_ZepStderrTarget(benchmark::State& state) {
     // Standard error goes to /dev/null for the measurement.
@@ -114,7 +117,7 @@ void BM_SpdlogBasicFileSink(benchmark::State& state) {
     logger->flush();
     spdlog::drop("bench");
 }
-BENCHMARK(BM_SpdlogBasicFileSink);
+BENCHMARK(BM_SpdlogBasicFileSink)->Name("File/peer:spdlog-basic-file-sink")->Repetitions(5);
 
 // Two processes appending to one file at once: records per second of both together.
 void BM_ZepFileTargetTwoProcesses(benchmark::State& state) {
@@ -139,6 +142,49 @@ void BM_ZepFileTargetTwoProcesses(benchmark::State& state) {
 }
 BENCHMARK(BM_ZepFileTargetTwoProcesses)->Unit(benchmark::kMillisecond)->Iterations(5);
 
+// Prints each zep case beside its peers (cases named "<case>/zep:<variant>" and
+// "<case>/peer:<name>"), the ratio of the medians last.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
+            const std::string name = r.run_name.function_name;
+            medians_[name] = r.GetAdjustedCPUTime();
+            if (std::find(order_.begin(), order_.end(), name) == order_.end())
+                order_.push_back(name);
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        printf("\nratios, zep / peer (medians of 5, processor time per record)\n");
+        for (const std::string& zep : order_) {
+            const size_t slash = zep.find('/');
+            if (slash == std::string::npos || zep.compare(slash + 1, 4, "zep:") != 0) continue;
+            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
+            for (const std::string& peer : order_) {
+                if (peer.rfind(peerPrefix, 0) != 0) continue;
+                const double a = medians_[zep], b = medians_[peer];
+                printf("  %-22s %9.0f ns  vs %-34s %9.0f ns  ratio %.2f\n", zep.c_str(), a,
+                       peer.c_str(), b, a / b);
+            }
+        }
+    }
+
+private:
+    std::map<std::string, double> medians_;
+    std::vector<std::string> order_;
+};
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

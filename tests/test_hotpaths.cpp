@@ -1,16 +1,22 @@
 // The shortcuts of the two hot paths, where a caller would feel them: idle heap blocks reused
 // from a thread's freed ones, and the log's file target answering the existence test from its
 // open.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "zep.h"
+#include "zeptest_util.h"
 
 namespace {
 
@@ -41,9 +47,10 @@ protected:
 // given to two holders.
 TEST_F(IdleReuse, ReusedBlocksFitAndAreNotShared) {
     std::vector<std::pair<char*, Uint32>> live;
-    Uint32 size = 1;
+    std::mt19937 rng(19);
+    std::uniform_int_distribution<Uint32> pick(1, 1100);  // inside and beyond the reused sizes
     for (int op = 0; op < 6000; ++op) {
-        size = (size * 37 + 11) % 1100 + 1;  // 1..1,100: inside and beyond the reused sizes
+        const Uint32 size = pick(rng);
         char* p = alloc(size);
         const size_t rounded = (size + 7) & ~size_t{7};
         ASSERT_GE(malloc_usable_size(p - 32), rounded + 32) << size;
@@ -99,6 +106,57 @@ TEST_F(IdleReuse, ThreadEndGivesBlocksBack) {
         release(alloc(100));
     }).join();
     EXPECT_TRUE(g_findings.empty());
+}
+
+// The log's open or create asks nobody whether the file is there: a file that vanishes, is
+// renamed away or appears between two records is met as it is at the second record's open.
+TEST(LogFile, FileChangesBetweenRecords) {
+    char tmpl[] = "/tmp/zephotXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl, path = dir + "/zep.log", moved = dir + "/zep.log.1";
+    ZEPLogFacilityParam p;
+    snprintf(p.path, sizeof p.path, "%s", path.c_str());
+    snprintf(p.name, sizeof p.name, "hot");
+    p.level = ZEP_LOG_INFO;
+    p.target = ZEP_LOG_TARGET_FILE;
+    p.permissions = 0600;
+    ASSERT_EQ(zepLogFacOpen(&p, nullptr), 0u);
+    auto record = [] {
+        EXPECT_EQ(zepLog(nullptr, ZEPFN_zepFileRename, ECF_FAILED, 10, ZEP_LOG_INFO, 0), 0u);
+    };
+    // The location field of the record that starts (at its CR LF) at `at`.
+    auto field = [](const std::string& text, size_t at) {
+        std::string f = text.substr(at + 33, 17);
+        return f.substr(0, f.find(' '));
+    };
+
+    record();
+    const std::string first = zeptest::slurp(path);
+    ASSERT_GT(first.size(), 52u);
+    EXPECT_EQ(field(first, 0), "I2H" + std::to_string(first.size() - 2));
+
+    ASSERT_EQ(rename(path.c_str(), moved.c_str()), 0);  // rotated away: a new file begins
+    record();
+    EXPECT_EQ(zeptest::slurp(moved), first);
+    const std::string second = zeptest::slurp(path);
+    EXPECT_EQ(field(second, 0), "I2H" + std::to_string(second.size() - 2));
+
+    ASSERT_EQ(unlink(path.c_str()), 0);  // gone, then made by another writer with 3 bytes
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "abc", 3), 3);
+    close(fd);
+    record();
+    const std::string third = zeptest::slurp(path);
+    ASSERT_EQ(third.substr(0, 3), "abc");
+    EXPECT_EQ(field(third, 3), "I5H" + std::to_string(third.size() - 5));
+
+    ASSERT_EQ(unlink(path.c_str()), 0);  // gone for good: the next record makes it again
+    record();
+    EXPECT_EQ(zeptest::slurp(path).size(), second.size());
+
+    zepLogFacClose(nullptr);
+    ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
 }
 
 }  // namespace

@@ -260,19 +260,6 @@ TEST_F(MemDbg, DoubleFreeInEveryMode) {
     }
 }
 
-TEST_F(MemDbg, FindingsGoToTheThreadFile) {
-    zepSetAssertionCallback(nullptr);
-    mode(ZEP_MEMDBG_FULL);
-    char* p = alloc(13);
-    p[13] = 1;
-    ASSERT_EQ(_zepMemFree(reinterpret_cast<void**>(&p), nullptr, 0, "dir/caller.cpp", 1234), 0u);
-    std::string text = slurp(zeptest::threadFile(dir_));
-    EXPECT_EQ(text.compare(0, 29, "NON-FATAL ASSERTION FAILED!!!"), 0) << text;
-    EXPECT_NE(text.find("Expr       = Back Uint8 memory pad corruption found at:\r\n"),
-              std::string::npos);
-    EXPECT_NE(text.find("File       = dir/caller.cpp\r\nLine       = 1234\r\n"), std::string::npos);
-}
-
 TEST_F(MemDbg, ToggleAfterAllocation) {
     char* p = alloc(4);  // the allocated flag is set in this process from here on at the latest
     EXPECT_EQ(zepMemSetDebug(ZEP_MEMDBG_FILL_NEW, 0, 0, 0),

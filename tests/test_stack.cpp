@@ -132,7 +132,11 @@ TEST(StackWalk, FramePointerChain) {
     EXPECT_EQ(sym[0].Address + disp, out[0] - 1);
     EXPECT_NE(std::string(sym[0].FileName).find("test_stack.cpp"), std::string::npos);
     EXPECT_EQ(sym[0].LineNumber, static_cast<Uint32>(line));
+}
 
+// In a process whose engine was never loaded.
+TEST(StackWalk, ChainBoundaries) {
+    int line;
     // Capacity 0 leaves the array alone; more frames to skip than there are gives all 0.
     uintptr_t untouched[4] = {7, 7, 7, 7};
     chainOuter(0, untouched, 0, &line);

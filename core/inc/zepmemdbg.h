@@ -44,12 +44,13 @@
 // Second frees. A freed block keeps its eye-catcher 0xDEADD7EE and the mode word
 // ZEP_MEMDBG_FREED, and in every mode but 0 it is not given back to the heap at once: each
 // thread holds its last ZEP_MEMDBG_QUARANTINE_BLOCKS freed blocks back (while they add up to no
-// more than ZEP_MEMDBG_QUARANTINE_BYTES; the newest is always held, whatever its size) and
-// frees the oldest when a new one comes, and all of them when the thread ends. A second free of a
-// block that is still held back, by any thread, is found without reading memory that the heap has
-// reused or unmapped, and passes nothing to the heap. A second free after that reads memory that
-// is no longer the block's, as on any heap; in mode 0 nothing is held back and a second free is
-// the heap's.
+// more than ZEP_MEMDBG_QUARANTINE_BYTES; the newest is always held, whatever its size) and lets
+// the oldest go when a new one comes (an idle block of up to 1,024 bytes may then wait, still
+// marked freed, for the thread's next idle block of its rounded size), and all of them when the
+// thread ends. A second free of a block that is still held back (or waits), by any thread, is
+// found without reading memory that the heap has reused or unmapped, and passes nothing to the
+// heap. A second free after that reads memory that is no longer the block's, as on any heap; in
+// mode 0 nothing is held back and a second free is the heap's.
 //
 // The live list and the reports. In full mode every live block's record is on a list, youngest
 // first. zepMemAllocList walks it under the control block's lock, checks each block, and writes

@@ -84,15 +84,20 @@ Uint32 ZEPHFile::open(const ZEPFileOpenParam* param) {
     }
 
     // The common refusals are decided here, so that they have these codes whatever the
-    // platform would say.
-    const bool exists = zepos::GetFileAttributesA(param->path) != zepos::INVALID_FILE_ATTRIBUTES;
-    if (exists && param->creation == ZEP_FILE_CREATE_NEW) {
-        f.fail(ECF_FILE_EXISTS, 260, ZEP_LOG_INFO, ZepLogStr(param->path));
-        return f.exit();
-    }
-    if (!exists && param->creation == ZEP_FILE_OPEN_EXISTING) {
-        f.fail(ECF_FILE_DOESNT_EXIST, 270, ZEP_LOG_INFO, ZepLogStr(param->path));
-        return f.exit();
+    // platform would say. Only these two creations refuse on the answer; for the others the open
+    // itself tells whether the file was there (last error 183), and the log, which opens or
+    // creates its file for every record, is spared a call.
+    if (param->creation == ZEP_FILE_CREATE_NEW || param->creation == ZEP_FILE_OPEN_EXISTING) {
+        const bool exists =
+            zepos::GetFileAttributesA(param->path) != zepos::INVALID_FILE_ATTRIBUTES;
+        if (exists && param->creation == ZEP_FILE_CREATE_NEW) {
+            f.fail(ECF_FILE_EXISTS, 260, ZEP_LOG_INFO, ZepLogStr(param->path));
+            return f.exit();
+        }
+        if (!exists && param->creation == ZEP_FILE_OPEN_EXISTING) {
+            f.fail(ECF_FILE_DOESNT_EXIST, 270, ZEP_LOG_INFO, ZepLogStr(param->path));
+            return f.exit();
+        }
     }
 
     Uint32 attributes = zepos::FILE_ATTRIBUTE_NORMAL;

@@ -180,9 +180,10 @@ void formatRecord(Writer& w, const Record& r, Sint32 countOrMask, va_list ap) {
     if (r.kind == Kind::Plain) {
         for (Sint32 i = 0; i < countOrMask; ++i) item("DATA #", static_cast<Uint32>(i + 1));
     } else {
-        const Uint32 mask = static_cast<Uint32>(countOrMask);
-        for (Uint32 arg = 1; arg <= 31; ++arg)
-            if (mask & (1u << (arg - 1))) item("ARG  #", arg);
+        // Bits 0 to 30 name the arguments, lowest first.
+        for (Uint32 mask = static_cast<Uint32>(countOrMask) & 0x7FFFFFFFu; mask != 0;
+             mask &= mask - 1)
+            item("ARG  #", static_cast<Uint32>(__builtin_ctz(mask)) + 1);
     }
 }
 
