@@ -164,21 +164,22 @@ TEST_F(Waitpost, FailureRows) {
     EXPECT_EQ(w.event, kNoHandle);
 }
 
-// A reader in another process polls the data block at full speed while this one posts blocks
-// filled with one byte value each: every copy it gets is whole.
+// A reader in another process, woken by the first post, polls the data block at full speed while
+// this one posts blocks filled with one byte value each: every copy it gets is whole.
 TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
     const std::string file = path("block");
     Uint8* base = mapFile(file, 8192);
     const ZEPIPCResID id = nameOf("block");
     ZEPIPCWaitpostCreateParam c;
     c.area = reinterpret_cast<ZEPIPCWaitpostArea*>(base);
-    c.postData = base + 64, c.postDataSize = 1024, c.resID = &id;
+    c.postData = base + 64, c.postDataSize = 1024, c.resID = &id, c.kind = 1;
     ZEPHIPCWaitpost w;
     ASSERT_EQ(w.create(&c), 0u);
     IpcProc reader;
     ASSERT_EQ(reader.run("wpread " + file + " " + id.name + " " +
                          std::to_string(20000 * zeptestStress())),
               "ready");
+    usleep(100000);  // and asleep on the automatic event, to be woken by the first post
     Uint8 pattern[1024];
     std::string result;
     for (unsigned i = 0; result.empty(); ++i) {

@@ -32,7 +32,14 @@ public:
         close(in[0]), close(out[1]);
         to_ = in[1], from_ = out[0];
     }
-    ~IpcProc() { kill(SIGKILL); }
+    // Its input closed, a helper has five seconds to end on its own (and write out what it
+    // must, profiles included) before SIGKILL.
+    ~IpcProc() {
+        if (to_ >= 0) close(to_), to_ = -1;
+        for (int i = 0; pid_ > 0 && i < 500; ++i, usleep(10000))
+            if (waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+        kill(SIGKILL);
+    }
     IpcProc(const IpcProc&) = delete;
     IpcProc& operator=(const IpcProc&) = delete;
 
