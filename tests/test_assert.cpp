@@ -43,7 +43,8 @@ std::string blankTimes(std::string text) {
         const size_t end = text.find('\n', at);
         EXPECT_EQ(end - at, 24u) << text.substr(at, end - at);
         EXPECT_EQ(text.substr(at + 3, 1) + text[at + 13] + text[at + 16], " ::");
-        text.replace(at, end - at, "*");
+        text.erase(at, end - at);
+        text.insert(at, 1, '*');
     }
     return text;
 }

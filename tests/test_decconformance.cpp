@@ -122,7 +122,8 @@ std::string engineeringText(const ZEPDecValue& v) {
         out += digits;
     } else if (pre > 0) {
         out += digits.substr(0, size_t(std::min(pre, n)));
-        out += pre < n ? "." + digits.substr(size_t(pre)) : std::string(size_t(pre - n), '0');
+        out += pre < n ? std::string(".").append(digits, size_t(pre))
+                       : std::string(size_t(pre - n), '0');
     } else {
         out += "0." + std::string(size_t(-pre), '0') + digits;
     }

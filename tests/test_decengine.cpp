@@ -151,7 +151,7 @@ TEST(DecEngine, ScientificTextAllShapes) {
                 if (e == 0) {
                     want += d;
                 } else if (e > 0 || pre < -5) {
-                    want += d.substr(0, 1) + (n > 1 ? "." + d.substr(1) : "") + "E" +
+                    want += d.substr(0, 1) + (n > 1 ? std::string(".").append(d, 1) : "") + "E" +
                             (e + n - 1 < 0 ? "-" : "+") + std::to_string(abs(e + n - 1));
                 } else if (pre > 0) {
                     want += d.substr(0, size_t(pre)) + "." + d.substr(size_t(pre));

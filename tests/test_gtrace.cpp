@@ -56,7 +56,10 @@ std::string str(const void* p, size_t n) {
 // The record types in order, or the callbacks' calls: type, probe, rc, items, first descriptor.
 std::string types(const std::vector<Rec>& r) {
     std::string out;
-    for (const Rec& x : r) out += (out.empty() ? "" : " ") + std::to_string(x.h.recordType);
+    for (const Rec& x : r) {
+        if (!out.empty()) out += ' ';
+        out += std::to_string(x.h.recordType);
+    }
     return out;
 }
 std::vector<std::string> g_callbacks;
