@@ -9,8 +9,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -20,6 +18,7 @@
 #endif
 
 #include "zep.h"
+#include "zepbench.h"
 
 namespace {
 
@@ -141,48 +140,12 @@ BENCHMARK(Area_Zep)->Name("Area/zep:area")->Repetitions(5);
 BENCHMARK(Area_BoostInterprocess)->Name("Area/peer:boost-managed_shared_memory")->Repetitions(5);
 #endif
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
-            const std::string name = r.run_name.function_name;
-            medians_[name] = r.GetAdjustedCPUTime();
-            if (std::find(order_.begin(), order_.end(), name) == order_.end())
-                order_.push_back(name);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printf(
-            "\nratios, zep / peer (medians of 5, processor time per operation; below 1: zep "
-            "is faster)\n");
-        for (const std::string& zep : order_) {
-            const size_t slash = zep.find('/');
-            if (slash == std::string::npos || zep.compare(slash + 1, 4, "zep:") != 0) continue;
-            const std::string peerPrefix = zep.substr(0, slash) + "/peer:";
-            for (const std::string& peer : order_) {
-                if (peer.rfind(peerPrefix, 0) != 0) continue;
-                const double a = medians_[zep], b = medians_[peer];
-                printf("  %-20s %8.2f ns  vs %-40s %8.2f ns  ratio %.2f\n", zep.c_str(), a,
-                       peer.c_str(), b, a / b);
-            }
-        }
-    }
-
-private:
-    std::map<std::string, double> medians_;
-    std::vector<std::string> order_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
+    ZepRatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

@@ -20,14 +20,15 @@ std::string state(const ZEPIPCQueueHeader& h) {
            std::to_string(h.notEmpty);
 }
 
-// Waits (ctest bounds the time) until a flag of the block is up, and returns the header as it
-// then stands, read under the state latch as the queue reads it.
-ZEPIPCQueueHeader until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
-    for (ZEPIPCQueueHeader now;; usleep(200)) {
+// Waits (ctest bounds the time) until a flag of the block is up; the state as it then stands,
+// read under the state latch as the queue reads it (the latches beside it are not read).
+std::string until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
+    for (;; usleep(200)) {
         zepLockGet(&h->stateLatch);
-        memcpy(&now, h, sizeof now);
+        const bool up = h->*flag != 0;
+        const std::string now = state(*h);
         zepLockRelease(&h->stateLatch);
-        if (now.*flag != 0) {
+        if (up) {
             usleep(2000);  // and the sleeper has gone down onto its semaphore
             return now;
         }
@@ -131,7 +132,7 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     // The next length word fills the ring (at 8), so its sender sleeps until a get makes room,
     // and its body then wraps to the start.
     std::thread sender([&] { EXPECT_EQ(q->put("c", 1), 0u); });
-    EXPECT_EQ(state(until(h, &ZEPIPCQueueHeader::senderWaiting)), "0 0 1");
+    EXPECT_EQ(until(h, &ZEPIPCQueueHeader::senderWaiting), "0 0 1");
     EXPECT_EQ(get(q), "ab");
     sender.join();
     EXPECT_EQ(state(*h), "4 8 1");
