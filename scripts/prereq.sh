@@ -19,8 +19,9 @@ zep_require() {
   fi
 }
 
-# What configuring and building the library, its tools and its tests needs.
-zep_base_packages=(g++ cmake ninja-build python3 pkg-config libgtest-dev libgmock-dev)
+# What configuring and building the library, its tools and its tests needs (elfutils' libdw: the
+# symbol engine's names and source lines).
+zep_base_packages=(g++ cmake ninja-build python3 pkg-config libgtest-dev libgmock-dev libdw-dev)
 
 # The packages listed in .ci/packages (one per line, # starts a comment) that the build and the
 # tests may need: all but the peers the benchmarks alone compare with, which a default build

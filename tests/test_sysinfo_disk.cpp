@@ -47,10 +47,15 @@ TEST_F(Disk, ValuesMatchDfAndStat) {
         df >> size >> avail >> type;
         EXPECT_EQ(static_cast<Uint64>(d.totalBytes.value), size);
         EXPECT_NEAR(static_cast<double>(d.freeBytes.value), static_cast<double>(avail), 256e6);
+        EXPECT_EQ(d.driveKind.value, ZEP_DRIVE_FIXED);
+        // In a chroot the volume's mount may lie outside this process's view of the mount table:
+        // df can't tell its type then, and the volume's values are failed, not guessed.
+        const Uint32 volume = type == "-" ? F : 0;
+        EXPECT_EQ(statesOf(d),
+                  (std::vector<Uint32>{NS, 0, 0, NS, NS, NS, volume, volume, NS, 0, NS}));
+        if (volume != 0) continue;
         EXPECT_EQ(d.fileSystemType.value, type);
         EXPECT_EQ(d.maxComponentLength.value, number(run("stat -f -c %l '" + where + "'")));
-        EXPECT_EQ(d.driveKind.value, ZEP_DRIVE_FIXED);
-        EXPECT_EQ(statesOf(d), (std::vector<Uint32>{NS, 0, 0, NS, NS, NS, 0, 0, NS, 0, NS}));
     }
 }
 
@@ -64,15 +69,17 @@ TEST_F(Disk, WantedBitsStampsHandlesAndFiles) {
         {ZEP_DISK_WANT_DRIVE_KIND, false, false, true}, {0, false, false, false},
         {3, false, false, false}};
     // clang-format on
+    const bool visible = run("df --output=fstype '" + dir_ + "' | tail -1") != "-";
     for (const Case& c : cases) {
         SCOPED_TRACE(c.wanted);
         ZEPDiskInfo d;
         EXPECT_EQ(query(dir_, c.wanted, &d), ECF_PARTIAL_INFO);
         EXPECT_EQ(d.totalBytes.value > 0 && d.freeBytes.value > 0, c.sizes);
-        EXPECT_EQ(d.fileSystemType.value[0] != 0, c.volume);
-        EXPECT_EQ(d.maxComponentLength.value > 0, c.volume);
+        EXPECT_EQ(d.fileSystemType.value[0] != 0, c.volume && visible);
+        EXPECT_EQ(d.maxComponentLength.value > 0, c.volume && visible);
         EXPECT_EQ(d.driveKind.value, c.kind ? ZEP_DRIVE_FIXED : 0u);
-        EXPECT_EQ(d.totalBytes.state | d.fileSystemType.state | d.driveKind.state, 0u);
+        EXPECT_EQ(d.totalBytes.state | (visible ? d.fileSystemType.state : 0) | d.driveKind.state,
+                  0u);
     }
 
     // Handles are not supported for recent stamps and ignored for old ones.
