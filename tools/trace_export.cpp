@@ -237,6 +237,12 @@ void ChromeExporter::instant(Uint32 pid, Uint64 tid, Thread& t, Uint64 ns, const
 
 void ChromeExporter::record(const void* payload, Uint32 size) {
     static const std::string kNone;
+    // A damaged dump may name any number of functions, codes and types: the texts made once are
+    // kept up to a bound, and made again after it (only here, where no reference into them lives).
+    constexpr size_t kKept = 1 << 16;
+    if (names_.size() > kKept) names_.clear();
+    if (codes_.size() > kKept) codes_.clear();
+    if (types_.size() > kKept) types_.clear();
     GTRecord r;
     memset(&r, 0, sizeof r);
     memcpy(&r, payload, size < sizeof r ? size : sizeof r);
