@@ -15,16 +15,6 @@ namespace zeptrace {
 
 namespace {
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    char buf[256];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return buf;
-}
-
 // JSON string text for bytes: quotes and backslashes escaped, bytes outside printable ASCII as
 // code points (never invalid UTF-8).
 void appendEscaped(std::string& o, const char* s, size_t n) {

@@ -18,16 +18,6 @@ namespace {
 constexpr Uint32 kFixed = sizeof(GTRecord);
 constexpr Uint32 kOneSlot = 52;  // payload of a one-slot record: no itemCount
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return buf;
-}
-
 Uint32 load32(const Uint8* p) {
     Uint32 v;
     memcpy(&v, p, 4);
@@ -113,6 +103,15 @@ std::string hexLines(const Uint8* data, Uint32 length, const char* indent) {
 }
 
 }  // namespace
+
+std::string format(const char* fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return buf;
+}
 
 std::string Formatter::typeName(Uint32 type) {
     switch (type) {

@@ -25,6 +25,9 @@
 
 namespace zeptrace {
 
+// printf into a string, up to 511 characters (the formatter's and the exporter's short pieces).
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 enum class View { Records, Flow };
 
 class Formatter {
