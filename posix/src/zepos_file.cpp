@@ -187,17 +187,12 @@ BOOL closeFile(HandleRecord* h) {
         }
     }
     pthread_mutex_destroy(&f->rangeMutex);
-    f->head.magic = 0;
-    free(f);
-    return 1;
+    return FreeRecord(&f->head);
 }
 
 BOOL closeMapping(HandleRecord* h) {
-    MappingRecord* m = reinterpret_cast<MappingRecord*>(h);
-    close(m->fd);
-    m->head.magic = 0;
-    free(m);
-    return 1;
+    close(reinterpret_cast<MappingRecord*>(h)->fd);
+    return FreeRecord(h);
 }
 
 }  // namespace
@@ -317,6 +312,12 @@ Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds) {
         return WAIT_FAILED;
     }
     return r->wait(r, milliseconds);
+}
+
+BOOL FreeRecord(HandleRecord* record) {
+    record->magic = 0;
+    free(record);
+    return 1;
 }
 
 BOOL CloseHandle(HANDLE handle) {
@@ -536,49 +537,59 @@ Uint32 GetFileSize(HANDLE file, Uint32* fileSizeHigh) {
     return static_cast<Uint32>(size);
 }
 
-Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
-    FileRecord* f = fileOf(file);
-    if (f == nullptr) return INVALID_SET_FILE_POINTER;
-    int whence;
+bool SeekArguments(Sint32 distanceLow, const Sint32* distanceHigh, Uint32 moveMethod, int* whence,
+                   Sint64* distance) {
     switch (moveMethod) {
         case FILE_BEGIN:
-            whence = SEEK_SET;
+            *whence = SEEK_SET;
             break;
         case FILE_CURRENT:
-            whence = SEEK_CUR;
+            *whence = SEEK_CUR;
             break;
         case FILE_END:
-            whence = SEEK_END;
+            *whence = SEEK_END;
             break;
         default:
             SetLastError(ERROR_INVALID_PARAMETER);
-            return INVALID_SET_FILE_POINTER;
+            return false;
     }
-    Sint64 distance =
+    *distance =
         distanceHigh
             ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
                                   static_cast<Uint32>(distanceLow))
             : static_cast<Sint64>(distanceLow);
-    off_t at;
-    if (whence == SEEK_SET && distance >= 0 &&
-        distance == __atomic_load_n(&f->knownPosition, __ATOMIC_RELAXED)) {
-        at = static_cast<off_t>(distance);  // already there
-    } else {
-        forget(f);
-        at = lseek(f->fd, static_cast<off_t>(distance), whence);
-        if (at < 0) {
-            // lseek says EINVAL for a position before the start, the platform has its own number.
-            SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
-            return INVALID_SET_FILE_POINTER;
-        }
-        __atomic_store_n(&f->knownPosition, static_cast<Sint64>(at), __ATOMIC_RELAXED);
-        if (whence == SEEK_END && distance == 0)
-            __atomic_store_n(&f->knownEnd, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+    return true;
+}
+
+Uint32 SeekResult(Sint64 at, Sint32* distanceHigh) {
+    if (at < 0) {
+        // lseek says EINVAL for a position before the start, the platform has its own number.
+        SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
+        return INVALID_SET_FILE_POINTER;
     }
     const Uint64 position = static_cast<Uint64>(at);
     if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
     SetLastError(ERROR_SUCCESS);
     return static_cast<Uint32>(position);
+}
+
+Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
+    FileRecord* f = fileOf(file);
+    int whence;
+    Sint64 distance;
+    if (f == nullptr || !SeekArguments(distanceLow, distanceHigh, moveMethod, &whence, &distance))
+        return INVALID_SET_FILE_POINTER;
+    if (whence == SEEK_SET && distance >= 0 &&
+        distance == __atomic_load_n(&f->knownPosition, __ATOMIC_RELAXED))
+        return SeekResult(distance, distanceHigh);  // already there
+    forget(f);
+    const off_t at = lseek(f->fd, static_cast<off_t>(distance), whence);
+    if (at >= 0) {
+        __atomic_store_n(&f->knownPosition, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+        if (whence == SEEK_END && distance == 0)
+            __atomic_store_n(&f->knownEnd, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+    }
+    return SeekResult(at, distanceHigh);
 }
 
 BOOL SetEndOfFile(HANDLE file) {
