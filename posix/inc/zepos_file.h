@@ -85,6 +85,11 @@ HANDLE HandleOrClose(HandleRecord* record);
 // cleared, the memory freed; returns 1.
 BOOL FreeRecord(HandleRecord* record);
 
+// An open-file-description lock (F_RDLCK, F_WRLCK or F_UNLCK) of [offset, offset+length), length
+// 0 to the end, waiting for it or not; fcntl's result and errno, interrupted calls retried. Such
+// a lock belongs to the open file, so threads and processes exclude each other alike.
+int OfdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait);
+
 // The record of an open handle of `kind`, or null (last error 6) for none, all ones, a handle
 // that was closed, a value that was never a handle, or another kind.
 HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind);

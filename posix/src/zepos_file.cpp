@@ -13,6 +13,20 @@
 
 namespace zepos {
 
+int OfdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait) {
+    struct flock fl;
+    memset(&fl, 0, sizeof fl);
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = static_cast<off_t>(offset);
+    fl.l_len = static_cast<off_t>(length);
+    int rc;
+    do {
+        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
 namespace {
 
 // A handle holds few ranges at once (the library's own use is byte 0 alone); a fixed table
@@ -112,20 +126,6 @@ int lockFd(FileRecord* f, bool exclusive) {
     return f->altFd;
 }
 
-int ofdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = static_cast<off_t>(offset);
-    fl.l_len = static_cast<off_t>(length);
-    int rc;
-    do {
-        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
-    } while (rc < 0 && errno == EINTR);
-    return rc;
-}
-
 // Releases the parts of [offset, offset+length) that no other range of the handle still covers,
 // so that a shared range overlapping another keeps its bytes locked. Only shared ranges ever
 // overlap within a handle. Called with the range mutex held.
@@ -146,8 +146,8 @@ void releaseUncovered(FileRecord* f, int skip, Uint64 offset, Uint64 length) {
         }
         if (coverStart > at) {
             // Both descriptors: the piece may have been taken through either.
-            ofdLock(f->fd, F_UNLCK, at, coverStart - at, false);
-            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, at, coverStart - at, false);
+            OfdLock(f->fd, F_UNLCK, at, coverStart - at, false);
+            if (f->altFd >= 0) OfdLock(f->altFd, F_UNLCK, at, coverStart - at, false);
         }
         at = coverEnd;
     }
@@ -163,8 +163,8 @@ BOOL closeFile(HandleRecord* h) {
         bool holds = false;
         for (const LockRange& r : f->ranges) holds |= r.length != 0;
         if (holds) {
-            ofdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
-            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, 0, 0, false);
+            OfdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
+            if (f->altFd >= 0) OfdLock(f->altFd, F_UNLCK, 0, 0, false);
         }
         if (f->deleteDirFd >= 0) {
             // Only while the name is still this file: another may have taken it since.
@@ -713,7 +713,7 @@ BOOL LockFileEx(HANDLE file, Uint32 flags, Uint32 reserved, Uint32 bytesLow, Uin
     }
     LockRange& r = f->ranges[slot];
     const short type = exclusive ? F_WRLCK : F_RDLCK;
-    if (ofdLock(fd, type, offset, length, false) == 0) {
+    if (OfdLock(fd, type, offset, length, false) == 0) {
         r = LockRange{offset, length, 1, exclusive, false};
         pthread_mutex_unlock(&f->rangeMutex);
         return 1;
@@ -727,7 +727,7 @@ BOOL LockFileEx(HANDLE file, Uint32 flags, Uint32 reserved, Uint32 bytesLow, Uin
     // mutex is free while the kernel waits.
     r = LockRange{offset, length, 1, exclusive, true};
     pthread_mutex_unlock(&f->rangeMutex);
-    int rc = ofdLock(fd, type, offset, length, true);
+    int rc = OfdLock(fd, type, offset, length, true);
     err = errno;
     pthread_mutex_lock(&f->rangeMutex);
     if (rc == 0)

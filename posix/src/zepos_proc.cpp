@@ -287,16 +287,7 @@ bool isPseudo(int handle) {
 }
 
 int lockFirstByte(int descriptor, short type) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 1;
-    int rc;
-    do rc = fcntl(descriptorOf(descriptor), F_OFD_SETLKW, &fl);
-    while (rc < 0 && errno == EINTR);
-    return rc;
+    return OfdLock(descriptorOf(descriptor), type, 0, 1, true);
 }
 
 }  // namespace
