@@ -765,11 +765,11 @@ BOOL UnlockFileEx(HANDLE file, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHig
 
 // ---- mappings and views
 
-HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect, Uint32 maximumSizeHigh,
-                          Uint32 maximumSizeLow, const char* name) {
+HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect,
+                          Uint32 maximumSizeHigh, Uint32 maximumSizeLow, const char* name) {
     if (file == INVALID_HANDLE_VALUE)
-        return CreateNamedFileMappingA(securityAttributes, protect, maximumSizeHigh,
-                                       maximumSizeLow, name);
+        return CreateNamedFileMappingA(securityAttributes, protect, maximumSizeHigh, maximumSizeLow,
+                                       name);
     if (name != nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
