@@ -1,11 +1,9 @@
 // helper_ipc - the other processes of the IPC tests: one command a line on standard input, its
 // answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1.
-//   lc KIND NAME BYTES, lo KIND NAME  NamedCreate, NamedOpen: "ok LASTERROR SLOT BYTES" or
-//                                     "fail LASTERROR"; lx SLOT closes
 //   mc NAME SIZE ADDR, ma NAME ADDR   ZEPHIPCMemory create, attach: "RC ADDRESS"; md, mdd
 //                                     destroy, detach: "RC"
 //   pa HEX, pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
-//   w OFFSET VALUE, r OFFSET          a byte of the block opened last: "ok", "v VALUE"
+//   w OFFSET VALUE, r OFFSET          a byte of the block attached last: "ok", "v VALUE"
 //   race NAME CONTROL SECONDS         create, attach, destroy one name: "done CREATES ATTACHES BAD"
 //   count PATH FILE N                 N times semaphore wait, +1 to the word in FILE, post
 //   wpread FILE NAME N                a wait and N polls (or more) of the wait/post at 0 of FILE
@@ -21,35 +19,22 @@
 #include <unistd.h>
 
 #include <map>
-#include <string>
 #include <vector>
 
 #include "zep.h"
-#include "zepos.h"
 
 namespace {
 
-zepos::NamedObject* s_slots[64];
 ZEPHIPCMemory s_memory;
 ZEPHIPCPrivateMemory s_private;
 unsigned char* s_at = nullptr;
 
-ZEPIPCResID rid(const char* path, Sint32 seed = 1) {
+ZEPIPCResID rid(const char* path) {
     ZEPIPCResIDParam p;
-    p.path = path, p.seed = seed;
+    p.path = path, p.seed = 1;
     ZEPIPCResID id;
     zepIPCGetResID(&p, &id);
     return id;
-}
-
-void answerObject(zepos::NamedObject* o) {
-    const Uint32 err = zepos::GetLastError();
-    if (o == nullptr) return void(printf("fail %u\n", err));
-    int slot = 0;
-    while (s_slots[slot] != nullptr) ++slot;
-    s_slots[slot] = o;
-    s_at = static_cast<unsigned char*>(zepos::NamedBlock(o));
-    printf("ok %u %d %zu\n", err, slot, zepos::NamedBytes(o));
 }
 
 void* mapFile(const char* file, size_t bytes) {
@@ -107,8 +92,7 @@ void race(const char* name, const char* control, int seconds) {
         bad += __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE) != stamp;
         __atomic_fetch_sub(&c->holders, 1, __ATOMIC_SEQ_CST);
         created ? m.destroy() : m.detach();
-        // Attachers let go at once and pause longer: under load a chain of them would keep the
-        // block for good, and the name must be free now and then.
+        // Attachers pause longer: under load a chain of them would keep the block for good.
         usleep(static_cast<useconds_t>(rand() % (created ? 400 : 3000)));
     }
     ctl.detach();
@@ -154,18 +138,15 @@ void wpread(const char* file, const char* name, Uint32 n) {
     printf("torn %u changes %u %X\n", torn, changes, w.close());
 }
 
-// A queue message of (sender, sequence) has a size drawn from the pair; from 8 bytes on it starts
-// with the pair, and every byte is drawn from the pair (shorter ones: from the size) and its
-// place, so that a receiver checks them all and both sides can add up what passed.
+// Message `seq` of `sender` has a size drawn from the pair; from 8 bytes on it starts with the
+// pair. Every byte depends on its place, so that a chunk out of place shows; both sides add up
+// what passed (the pair for long messages, the size for short ones).
 Uint64 mix(Uint64 x) {
-    x += 0x9E3779B97F4A7C15ull;
     x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    return x ^ (x >> 31);
+    return x ^ (x >> 27);
 }
 Uint8 byteOf(Uint32 sender, Uint32 seq, Uint32 size, Uint32 i) {
-    return size < 8 ? static_cast<Uint8>(0xA0 + size * 7 + i)  // never "STOP"
-                    : static_cast<Uint8>(mix((Uint64(sender) << 40) ^ (Uint64(seq) << 20) ^ i));
+    return static_cast<Uint8>(size < 8 ? 0xA0 + size * 7 + i : sender * 131 + seq * 7 + i * 13);
 }
 Uint64 tally(Uint32 sender, Uint32 seq, Uint32 size) {
     return size < 8 ? size + 1 : mix((Uint64(sender) << 32) | seq) & 0xFFFFFFFFull;
@@ -173,16 +154,15 @@ Uint64 tally(Uint32 sender, Uint32 seq, Uint32 size) {
 
 ZEPHIPCQueue s_queue;
 
-ZEPHIPCQueue* attachQueue(const char* path) {
+void attachQueue(const char* path) {
     ZEPIPCResIDParam p;
     p.path = path, p.seed = 1;
     ZEPIPCQueResID id;
     if (zepIPCGetQueResID(&p, &id) != 0 || s_queue.attach(&id) != 0) exit(3);
-    return &s_queue;
 }
 
 void send(const char* path, Uint32 sender, Uint32 n, Uint32 maxSize) {
-    ZEPHIPCQueue* q = attachQueue(path);
+    attachQueue(path);
     std::vector<Uint8> m(maxSize + 8);
     Uint64 sum = 0;
     for (Uint32 seq = 0; seq < n; ++seq) {
@@ -190,51 +170,38 @@ void send(const char* path, Uint32 sender, Uint32 n, Uint32 maxSize) {
         for (Uint32 i = 0; i < size; ++i) m[i] = byteOf(sender, seq, size, i);
         if (size >= 8) memcpy(m.data(), &sender, 4), memcpy(m.data() + 4, &seq, 4);
         sum += tally(sender, seq, size);
-        if (q->put(m.data(), size) != 0) exit(4);
+        if (s_queue.put(m.data(), size) != 0) exit(4);
     }
-    printf("sent %u %llu %X\n", n, static_cast<unsigned long long>(sum), q->detach());
+    printf("sent %u %llu %X\n", n, static_cast<unsigned long long>(sum), s_queue.detach());
 }
 
+// Until a message "STOP"; a message is bad if a byte is wrong or its sender's order is not kept.
 void recv(const char* path) {
-    ZEPHIPCQueue* q = attachQueue(path);
+    attachQueue(path);
     std::vector<Uint8> m(1 << 20);
     std::map<Uint32, Sint64> last;
-    Uint64 got = 0, sum = 0, bad = 0;
+    unsigned long long got = 0, sum = 0, bad = 0;
     for (Uint32 n = 0;; ++got) {
-        if (q->get(m.data(), static_cast<Uint32>(m.size()), &n, 60000) != 0) exit(4);
+        if (s_queue.get(m.data(), static_cast<Uint32>(m.size()), &n, 60000) != 0) exit(4);
         if (n == 4 && memcmp(m.data(), "STOP", 4) == 0) break;
         Uint32 pair[2] = {0, 0};
         if (n >= 8) memcpy(pair, m.data(), 8);
-        bool ok = true;
+        bool ok = n < 8 || !last.count(pair[0]) || static_cast<Sint64>(pair[1]) > last[pair[0]];
         for (Uint32 i = n < 8 ? 0 : 8; i < n; ++i)
             ok = ok && m[i] == byteOf(pair[0], pair[1], n, i);
-        if (n >= 8) {
-            auto it = last.find(pair[0]);
-            ok = ok && (it == last.end() || static_cast<Sint64>(pair[1]) > it->second);
-            last[pair[0]] = pair[1];
-        }
+        if (n >= 8) last[pair[0]] = pair[1];
         bad += !ok;
         sum += tally(pair[0], pair[1], n);
     }
-    printf("got %llu %llu %llu %X\n", static_cast<unsigned long long>(got),
-           static_cast<unsigned long long>(sum), static_cast<unsigned long long>(bad), q->detach());
+    printf("got %llu %llu %llu %X\n", got, sum, bad, s_queue.detach());
 }
 
 bool command(const char* line) {
     char name[600] = {}, text[4096] = {}, file[600] = {};
     unsigned long a = 0, b = 0, c = 0;
     void* at = nullptr;
-    if (sscanf(line, "lc %lu %599s %lu", &a, name, &b) == 3) {
-        answerObject(zepos::NamedCreate(static_cast<zepos::NamedKind>(a), name, b, nullptr, nullptr,
-                                        nullptr));
-    } else if (sscanf(line, "lo %lu %599s", &a, name) == 2) {
-        answerObject(zepos::NamedOpen(static_cast<zepos::NamedKind>(a), name, 0));
-    } else if (sscanf(line, "lx %lu", &a) == 1) {
-        zepos::NamedClose(s_slots[a]);
-        s_slots[a] = nullptr;
-        printf("ok\n");
-    } else if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
-               sscanf(line, "ma %599s %p", name, &at) == 2) {
+    if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
+        sscanf(line, "ma %599s %p", name, &at) == 2) {
         ZEPIPCMemoryCreateParam p;
         p.resID = rid(name), p.memorySize = static_cast<Uint32>(a), p.address = at;
         const Uint32 rc = line[1] == 'c' ? s_memory.create(&p) : s_memory.attach(&p.resID, at);

@@ -9,11 +9,11 @@ using namespace zeptest;
 
 namespace {
 
-std::vector<const Call*> logs() {
-    std::vector<const Call*> out;
-    for (const Call& c : calls)
-        if (c.what.compare(0, 3, "log") == 0) out.push_back(&c);
-    return out;
+// Whether a write through `p` in a forked child ends it with SIGSEGV.
+bool writeFaults(volatile char* p) {
+    const pid_t child = fork();
+    if (child == 0) *p = 1, _exit(0);
+    return waitExit(child) == 128 + SIGSEGV;
 }
 
 std::string hex(Uint32 code) {
@@ -27,7 +27,7 @@ using IpcMemory = IpcTest;
 }  // namespace
 
 TEST_F(IpcMemory, CreateAttachAndTheirFailureRows) {
-    ZEPIPCMemoryCreateParam p, q, old;
+    ZEPIPCMemoryCreateParam p, q;
     p.resID = idOf(tag_ + "rows"), p.memorySize = 1, p.accessMode = 7, p.flags = 9;
     ZEPHIPCMemory a, b, c;
     void *at = &at, *bt;
@@ -40,16 +40,14 @@ TEST_F(IpcMemory, CreateAttachAndTheirFailureRows) {
     a.getAddress(&at);
     memset(at, 0x5A, 4096);
 
-    // A name that exists: the second object stays empty, the block untouched.
+    // A name that exists: the second object stays empty, the block untouched; the second record
+    // of the failure shows the request.
     EXPECT_EQ(b.create(&p), ECF_MEM_EXISTS);
-    ASSERT_EQ(logs().size(), 3u);
-    EXPECT_EQ(logs()[0]->called, SYSFN_CreateFileMapping);
-    EXPECT_EQ(logs()[1]->items[0].bytes, p.resID.name);
-    EXPECT_EQ(logs()[1]->level, ZEP_LOG_ERROR);
-    ASSERT_EQ(logs()[2]->items.size(), 5u);
-    EXPECT_EQ(valueOf<Uint32>(logs()[2]->items[0]), 1u);
-    EXPECT_EQ(valueOf<Uint32>(logs()[2]->items[2]), 7u);
-    EXPECT_EQ(valueOf<Uint32>(logs()[2]->items[3]), 9u);
+    const std::vector<Item> items = calls.back().items;
+    ASSERT_EQ(items.size(), 5u);
+    EXPECT_EQ(valueOf<Uint32>(items[0]), 1u);
+    EXPECT_EQ(valueOf<Uint32>(items[2]), 7u);
+    EXPECT_EQ(valueOf<Uint32>(items[3]), 9u);
     EXPECT_EQ(logShape(ECF_MEM_EXISTS), "logsys 90/183 log 90 log 91");
     EXPECT_FALSE(b.isAttached());
     EXPECT_EQ(static_cast<unsigned char*>(at)[4095], 0x5A);
@@ -66,22 +64,17 @@ TEST_F(IpcMemory, CreateAttachAndTheirFailureRows) {
     // A name that isn't there; a view that can't be placed (the new block goes with it).
     q.resID = idOf(tag_ + "placed"), q.memorySize = 100, q.address = at;
     EXPECT_EQ(c.attach(&q.resID, nullptr), ECF_MEM_DOESNT_EXIST);
-    EXPECT_EQ(logs()[0]->level, ZEP_LOG_INFO);
     EXPECT_EQ(logShape(ECF_MEM_DOESNT_EXIST), "logsys 50/2 log 50");
     EXPECT_EQ(c.create(&q), ECF_INVALID_ADDRESS);
     EXPECT_EQ(logShape(ECF_INVALID_ADDRESS), "logsys 100/487 log 100 log 101");
     EXPECT_FALSE(c.isAttached());
     EXPECT_EQ(c.attach(&q.resID, nullptr), ECF_MEM_DOESNT_EXIST);
 
-    // Parameter objects, and authorize that changes nothing.
-    old.version = 20040701;
+    // A parameter object missing, and authorize that changes nothing.
     ZEPIPCSecurityParam sp;
     calls.clear();
     refused(c.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCMemory_create, 1111);
-    refused(c.create(&old), ECF_INVALID_VERSION, ZEPFN_ZEPHIPCMemory_create, 1112);
-    refused(c.authorize(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCMemory_authorize, 1111);
     EXPECT_EQ(a.authorize(&sp), 0u);
-    EXPECT_TRUE(a.isAttached());
 
     // Detach: a second one finds no view (487, logged at 30) and no handle (error record 40,
     // no log record: its code wins). destroy swallows it; detachAndDestroy doesn't.
@@ -190,9 +183,8 @@ TEST_F(IpcMemory, ExtendedChecksJoinsAndViews) {
     p.flags = ZEP_IPC_MEMEX_MUST_NOT_EXIST | 8;
     calls.clear();
     EXPECT_EQ(c.create(&p, &ic), ECF_EXISTS);
-    ASSERT_EQ(logs().size(), 2u);
-    ASSERT_EQ(logs()[1]->items.size(), 8u);
-    EXPECT_EQ(logs()[1]->items[7].bytes, "ZEPEIPC120" + name);
+    ASSERT_EQ(calls.back().items.size(), 8u);
+    EXPECT_EQ(calls.back().items[7].bytes, "ZEPEIPC120" + name);
     EXPECT_EQ(logShape(ECF_EXISTS), "logsys 150/183 log 150");
     // An attached object refuses another create or attach and stays attached.
     ZEPIPCMemoryExAttachParam ap;
@@ -212,9 +204,7 @@ TEST_F(IpcMemory, ExtendedChecksJoinsAndViews) {
     EXPECT_EQ(b.detach(), 0u);
     // Detaching an empty object fails at the unmap and keeps that code.
     EXPECT_EQ(b.detach(), ECF_INVALID_ADDRESS);
-    ASSERT_FALSE(logs().empty());
-    EXPECT_EQ(logs()[0]->what + std::to_string(logs()[0]->probe), "logsys30");
-    EXPECT_EQ(logs()[0]->code, ECF_INVALID_ADDRESS);
+    EXPECT_EQ(logShape(kAnyCode), "logsys 30/487 log 30 logsys 40/6");
 }
 
 TEST_F(IpcMemory, LifetimeAcrossProcessesAndKilledUsers) {
@@ -267,8 +257,6 @@ TEST_F(IpcMemory, EightProcessesRaceOnOneName) {
         creates += cr, attaches += at;
         EXPECT_EQ(r.finish(), 0);
     }
-    RecordProperty("creates", static_cast<int>(creates));
-    RecordProperty("attaches", static_cast<int>(attaches));
     EXPECT_GT(creates, 8u);
     EXPECT_GT(attaches, 8u);
     EXPECT_EQ(ctl.destroy(), 0u);

@@ -45,37 +45,19 @@ TEST_F(IpcRes, NamesDerived) {
         {"C:\\data\\inst1", 5, true, true, now, "ZEPEIPC5Cdatainst1"},
         {"/db/inst1:x", 0, false, false, now, "ZEPEIPC0/db/inst1x"},  // '/' stays
         {nullptr, 7, true, false, now, ""},
-        {"", 7, false, false, now, "ZEPEIPC7"},
         {":\\::\\", 7, false, false, now, "ZEPEIPC7"},
-        {"Ab", -1, false, false, now, "ZEPEIPC-1Ab"},
         {"Ab", -2147483647 - 1, false, false, now, "ZEPEIPC-2147483648Ab"},
         // An output stamped before local scope existed ignores the request.
-        {"x", 1, true, true, 20040702, "Global\\ZEPEIPC1x"},
         {"x", 1, true, true, 0x09010002, "Global\\ZEPEIPC1x"},
         {"x", 1, true, true, 0x09010003, "ZEPEIPC1x"},
+        // Cut at 261 characters, the prefix counted.
         {longPath.c_str(), 12, false, false, now, "ZEPEIPC12" + std::string(261 - 9, 'p')},
         {longPath.c_str(), 12, true, false, now, "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
     };
     for (const Row& r : rows) {
         g_bRunningTerminalServiceRemoteAdminMode = r.remoteAdmin;
-        EXPECT_EQ(derive(r.path, r.seed, r.stamp, r.localScope), r.name)
-            << (r.path ? r.path : "(null)") << " " << r.seed;
+        EXPECT_EQ(derive(r.path, r.seed, r.stamp, r.localScope), r.name) << r.seed;
     }
-    g_bRunningTerminalServiceRemoteAdminMode = 0;
-    // Paths that differ beyond the cut name one object.
-    EXPECT_EQ(derive((longPath + "A").c_str(), 3), derive((longPath + "B").c_str(), 3));
-    EXPECT_EQ(derive(("\\\\" + longPath).c_str(), 3), derive(longPath.c_str(), 3));
-
-    // What the trace sees: the input at 10, the name at 60.
-    calls.clear();
-    trace(true);
-    derive("q:1", 4);
-    trace(false);
-    ASSERT_EQ(kinds(), (std::vector<std::string>{"entry", "var", "var", "exit"}));
-    EXPECT_EQ(calls[1].probe, 10u);
-    EXPECT_EQ(calls[1].items[0].length, sizeof(ZEPIPCResIDParam));
-    EXPECT_EQ(calls[2].probe, 60u);
-    EXPECT_EQ(calls[2].items[0].bytes, "ZEPEIPC4q1");
 }
 
 TEST_F(IpcRes, QueueNamesAndRefusals) {
@@ -83,14 +65,11 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     p.path = "D:\\q", p.seed = 10, p.localScope = 1;
     ZEPIPCQueResID q;
     // The semaphores' derivations don't carry local scope along.
-    for (int remote : {0, 1}) {
-        g_bRunningTerminalServiceRemoteAdminMode = remote;
-        const std::string global = remote ? "Global\\" : "";
-        ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
-        EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
-        EXPECT_EQ(q.receiveSemaphore.name, global + "ZEPEIPC11Dq");
-        EXPECT_EQ(q.sendSemaphore.name, global + "ZEPEIPC12Dq");
-    }
+    g_bRunningTerminalServiceRemoteAdminMode = 1;
+    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
+    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
+    EXPECT_STREQ(q.receiveSemaphore.name, "Global\\ZEPEIPC11Dq");
+    EXPECT_STREQ(q.sendSemaphore.name, "Global\\ZEPEIPC12Dq");
     g_bRunningTerminalServiceRemoteAdminMode = 0;
 
     // An inner identifier of an old stamp stops the operation at its derivation's probe.
@@ -111,13 +90,6 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     id.version = 20040701;
     refused(zepIPCGetResID(nullptr, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetResID, 1111);
     refused(zepIPCGetResID(&p, &id), ECF_INVALID_VERSION, ZEPFN_zepIPCGetResID, 1112);
-    refused(zepIPCGetQueResID(&p, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetQueResID, 1111);
-    ZEPCurrentUserParam user;
-    user.version = 5;
-    refused(zepGetCurrentUserName(&user, id.name), ECF_INVALID_VERSION, ZEPFN_zepGetCurrentUserName,
-            1112);
-    refused(zepGetCurrentUserDisplay(nullptr, nullptr), ECF_INVALID_PARAMETER,
-            ZEPFN_zepGetCurrentUserDisplay, 1111);
     // The input's stamp is not looked at.
     ZEPIPCResIDParam old;
     old.version = 0, old.path = "a";
@@ -126,7 +98,6 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     EXPECT_STREQ(id.name, "ZEPEIPC0a");
 
     trace(true);
-    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
     EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
     trace(false);
     EXPECT_TRUE(calls.empty());
@@ -153,8 +124,6 @@ TEST_F(IpcRes, SecurityAttributesDefaultAndOverride) {
                                             ZEPFN_zepInitSecurityAttributes2}));
 
     SECURITY_DESCRIPTOR mine{};
-    mine.Revision = 1;
-    mine.Mode = 0600;
     SECURITY_ATTRIBUTES override{sizeof override, &mine, 0};
     zepSetSecurityAttributesForZEP(&override);
     memset(&sd, 0xEE, sizeof sd);
@@ -162,9 +131,6 @@ TEST_F(IpcRes, SecurityAttributesDefaultAndOverride) {
     EXPECT_EQ(sa.lpSecurityDescriptor, &mine);
     EXPECT_EQ(sa.bInheritHandle, 0);
     EXPECT_EQ(sd.Revision, 0xEE);  // the caller's buffer stays untouched
-    zepSetSecurityAttributesForZEP(nullptr);
-    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
-    EXPECT_EQ(sa.lpSecurityDescriptor, &sd);
 }
 
 TEST_F(IpcRes, CurrentUser) {
@@ -185,7 +151,7 @@ TEST_F(IpcRes, CurrentUser) {
     EXPECT_EQ(valueOf<Uint32>(log.items[0]), strlen(name) + 1);
     EXPECT_EQ(valueOf<Uint32>(log.items[1]), 1u);
 
-    // The session: the login's audit session, 0 outside any login.
+    // The session: the login's audit session, 0 outside any login; cut by the formatter.
     unsigned long session = 0;
     if (FILE* f = fopen("/proc/self/sessionid", "r")) {
         if (fscanf(f, "%lu", &session) != 1 || session == 4294967295ul) session = 0;
@@ -193,11 +159,9 @@ TEST_F(IpcRes, CurrentUser) {
     }
     char display[16];
     p.bufferSize = sizeof display;
-    calls.clear();
     ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
     EXPECT_EQ(display, std::to_string(session));
-    p.bufferSize = 1;  // cut by the formatter, not a failure
+    p.bufferSize = 1;
     ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
     EXPECT_STREQ(display, "");
-    EXPECT_TRUE(calls.empty());
 }

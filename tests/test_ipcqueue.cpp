@@ -1,6 +1,6 @@
 // ZEPHIPCQueue: the shared block byte for byte, the ring's sizes, padding and wrap, the failure
-// rows and their records, the corner cases of the stream (a buffer too small, a time-out or flush
-// inside a message, an empty message behind a full ring), and streams between real processes.
+// rows and their records, the corner cases of the stream (a time-out or flush inside a message,
+// an empty message behind a full ring), and streams between real processes.
 #include <deque>
 #include <thread>
 
@@ -20,18 +20,15 @@ std::string state(const ZEPIPCQueueHeader& h) {
            std::to_string(h.notEmpty);
 }
 
-// Waits (ctest bounds the time) until a flag of the block is up; the state as it then stands,
-// read under the state latch as the queue reads it (the latches beside it are not read).
+// Waits (ctest bounds the time) until a flag of the block is up, read under the state latch as the
+// queue reads it; the state as it then stands.
 std::string until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
     for (;; usleep(200)) {
         zepLockGet(&h->stateLatch);
         const bool up = h->*flag != 0;
         const std::string now = state(*h);
         zepLockRelease(&h->stateLatch);
-        if (up) {
-            usleep(2000);  // and the sleeper has gone down onto its semaphore
-            return now;
-        }
+        if (up) return usleep(2000), now;  // and the sleeper has gone down onto its semaphore
     }
 }
 
@@ -40,8 +37,7 @@ std::string until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
 void stalledSender(ZEPIPCQueueHeader* h) {
     zepLockGet(&h->sendLatch);
     zepLockGet(&h->stateLatch);
-    const Uint8 head[8] = {20, 0, 0, 0, 'x', 'x', 'x', 'x'};
-    memcpy(ringOf(h) + h->writeOffset, head, 8);
+    memcpy(ringOf(h) + h->writeOffset, "\x14\0\0\0xxxx", 8);
     h->writeOffset = (h->writeOffset + 8) % h->capacity;
     h->notEmpty = 1;
     zepLockRelease(&h->stateLatch);
@@ -83,8 +79,7 @@ std::string get(ZEPHIPCQueue* q, Sint32 timeout = -1) {
 }
 
 TEST_F(Queue, RingSizesAndAFreshHeader) {
-    const Uint32 sizes[][2] = {{0, 4}, {1, 8},   {2, 8},   {3, 8},      {4, 8},
-                               {5, 8}, {10, 12}, {12, 12}, {4097, 4100}};  // asked, ring
+    const Uint32 sizes[][2] = {{0, 4}, {1, 8}, {4, 8}, {5, 8}, {10, 12}, {12, 12}};  // asked, ring
     for (const auto& s : sizes) {
         ZEPHIPCQueue* q = make("size" + std::to_string(s[0]), s[0]);
         ASSERT_TRUE(q->isAttached());
@@ -116,7 +111,6 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     // A length of 5 takes 4 + 8 bytes; the 3 behind the message are skipped, not written.
     memset(ringOf(h), 0xEE, 12);
     ASSERT_EQ(q->put("12345", 5), 0u);
-    EXPECT_EQ(state(*h), "0 0 1");  // 12 is the end of the ring
     EXPECT_EQ(ring(), std::string("\x05\0\0\0"
                                   "12345\xEE\xEE\xEE",
                                   12));
@@ -144,75 +138,45 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
 TEST_F(Queue, FailureRowsAndTheirRecords) {
     ZEPHIPCQueue* q = make("rows", 64);
 
-    // A poll on an empty queue: an error record at probe 0, no log record.
+    // A poll on an empty queue: an error record at probe 0, no log record. A time-out: logged.
     trace(true);
     EXPECT_EQ(get(q, 0), fail(ECF_QUE_INVALID_MSG_TYPE));
     EXPECT_EQ(errorProbes(ZEPFN_ZEPHIPCQueue_get), std::vector<Uint32>{0});
     EXPECT_EQ(logShape(0), "");
     trace(false);
-
-    // A time-out: one zepLog record at probe 80, level 4, not before its time.
-    const double t0 = nowMs();
-    EXPECT_EQ(get(q, 50), fail(ECF_TIMEOUT));
-    EXPECT_GE(nowMs() - t0, 50.0);
+    EXPECT_EQ(get(q, 20), fail(ECF_TIMEOUT));
     EXPECT_EQ(theLog(ZEPFN_ZEPHIPCQueue_get, 80, ECF_TIMEOUT).what, "log");
-    ASSERT_EQ(q->put("later", 5), 0u);
-    EXPECT_EQ(get(q, 50), "later");
 
-    // A buffer too small: the message stays at the head, its length handed back.
+    // A buffer too small: both sizes logged, the message stays at the head.
     ASSERT_EQ(q->put("0123456789", 10), 0u);
-    const Uint32 before = q->header->readOffset;
     calls.clear();
     char small[4];
     Uint32 n = 0;
     EXPECT_EQ(q->get(small, sizeof small, &n, -1), ECF_QUE_MSG_TOO_BIG);
     EXPECT_EQ(n, 10u);
     const Call& big = theLog(ZEPFN_ZEPHIPCQueue_get, 100, ECF_QUE_MSG_TOO_BIG);
-    EXPECT_EQ(big.what, "logrc");
     ASSERT_EQ(big.items.size(), 2u);
     EXPECT_EQ(valueOf<Uint32>(big.items[0]), 10u);
     EXPECT_EQ(valueOf<Uint32>(big.items[1]), 4u);
-    EXPECT_EQ(q->header->readOffset, before);
     EXPECT_EQ(get(q), "0123456789");
 
-    // Parameter checks, and a queue that isn't there.
+    // A parameter object missing, a queue that isn't there, one whose memory alone is attached.
     calls.clear();
     ZEPHIPCQueue other;
     refused(other.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCQueue_create, 1111);
-    ZEPIPCQueResID missing = queueOf("missing");
+    ZEPIPCQueResID missing = queueOf("missing"), id = queueOf("rows");
     EXPECT_EQ(other.attach(&missing), ECF_QUE_DOESNT_EXIST);
-    EXPECT_EQ(calls.back().code, ECF_QUE_DOESNT_EXIST);
     EXPECT_EQ(logShape(kAnyCode),
               "logsys 50/2 log 50 logrc 40/" + std::to_string(ECF_QUE_DOESNT_EXIST));
-    EXPECT_FALSE(other.isAttached());
-
-    // Only the memory attached is not attached.
-    ZEPIPCQueResID id = queueOf("rows");
     ASSERT_EQ(other.memory.attach(&id.memory, nullptr), 0u);
     EXPECT_FALSE(other.isAttached());
     ASSERT_EQ(other.memory.detach(), 0u);
     ASSERT_EQ(other.attach(&id), 0u);
-    EXPECT_TRUE(other.isAttached());
     ASSERT_EQ(other.put("shared", 6), 0u);
     EXPECT_EQ(get(q), "shared");
     EXPECT_EQ(other.detach(), 0u);
     EXPECT_EQ(other.header, nullptr);
     EXPECT_FALSE(other.isAttached());
-}
-
-TEST_F(Queue, LongerThanTheRingAndTheSmallestRing) {
-    std::string m;
-    for (int i = 0; i < 3000; ++i) m += static_cast<char>('a' + i % 26);
-    const Uint32 lengths[] = {0, 1, 3, 4, 5, 1000, 3000};
-    for (Uint32 size : {0u, 8u}) {  // rings of 4 and 8 bytes
-        ZEPHIPCQueue* q = make("stream" + std::to_string(size), size);
-        std::thread sender([&] {
-            for (Uint32 len : lengths) EXPECT_EQ(q->put(m.data(), len), 0u);
-        });
-        for (Uint32 len : lengths) EXPECT_EQ(get(q), m.substr(0, len));
-        sender.join();
-        EXPECT_FALSE(q->hasMessage());
-    }
 }
 
 TEST_F(Queue, EmptyMessagesBehindAFullRing) {
@@ -231,7 +195,6 @@ TEST_F(Queue, EmptyMessagesBehindAFullRing) {
     EXPECT_EQ(get(q, 5000), "");
     a.join();
     b.join();
-    EXPECT_FALSE(q->hasMessage());
 }
 
 TEST_F(Queue, FlushWakesASenderAndDropsAMessageInTransfer) {
@@ -254,16 +217,14 @@ TEST_F(Queue, FlushWakesASenderAndDropsAMessageInTransfer) {
     ASSERT_EQ(q->flush(), 0u);
     s2.join();
     EXPECT_FALSE(q->hasMessage());
-    ASSERT_EQ(q->put("four", 4), 0u);
-    EXPECT_EQ(get(q), "four");
 }
 
 TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
     ZEPHIPCQueue* q = make("inside", 16);
     ZEPIPCQueueHeader* h = q->header;
 
-    // Time runs out inside the message: the part in the ring goes, the stall's sender would
-    // see the flush count move, and the next get finds the next whole message.
+    // Time runs out inside the message: the part in the ring goes, the stalled sender would see
+    // the flush count move, and the next get finds the next whole message.
     stalledSender(h);
     const Uint8 flushes = h->flushCount;
     calls.clear();
@@ -303,7 +264,7 @@ TEST_F(Queue, StreamsBetweenProcesses) {
         for (Uint32 i = 0; i < r[1]; ++i)
             tx[i].send("send " + tag_ + what + " " + std::to_string(i + 1) + " " +
                        std::to_string(n) + " " + std::to_string(3 * q->header->capacity));
-        // Both sides add up the messages and a sum over their (sender, sequence) pairs.
+        // Both sides add up the messages and a sum over what they were.
         long long count = 0, sum = 0, c, s, bad;
         unsigned rc;
         for (IpcProc& p : tx) {

@@ -15,8 +15,7 @@
 
 namespace zeptest {
 
-// Descriptors beyond the two pipes are closed at exec unless `inherit` keeps the inheritable
-// ones, as a process started with inheritance asked would get them.
+// Descriptors beyond the two pipes are closed at exec unless `inherit` keeps the inheritable ones.
 class IpcProc {
 public:
     explicit IpcProc(bool inherit = false) {
@@ -32,8 +31,7 @@ public:
         close(in[0]), close(out[1]);
         to_ = in[1], from_ = out[0];
     }
-    // Its input closed, a helper has five seconds to end on its own (and write out what it
-    // must, profiles included) before SIGKILL.
+    // Its input closed, a helper has five seconds to end on its own (and write its profile).
     ~IpcProc() {
         if (to_ >= 0) close(to_), to_ = -1;
         for (int i = 0; pid_ > 0 && i < 500; ++i, usleep(10000))
@@ -84,18 +82,6 @@ private:
 // The "none" handle of the IPC classes.
 inline void* const kNoHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 
-inline double nowMs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
-}
-
-// A platform call's result, as a truth value, and the last error it left: "0 6", "1 183".
-template <class T>
-std::string withError(T result) {
-    return std::to_string(result != T{}) + " " + std::to_string(zepos::GetLastError());
-}
-
 // The log records captured, as "KIND PROBE[/ERROR]..." ("logsys 90/183 log 90": the platform's
 // error or the called function's result), each checked to carry `code` unless that is kAnyCode;
 // the capture emptied for the next step.
@@ -126,13 +112,6 @@ inline void refused(Uint32 rc, Uint32 code, Uint32 fid, Uint32 probe,
     EXPECT_EQ(rc, code);
     theLog(fid, probe, code, level);
     calls.clear();
-}
-
-// Whether a write through `p` in a forked child ends it with SIGSEGV.
-inline bool writeFaults(volatile char* p) {
-    const pid_t child = fork();
-    if (child == 0) *p = 1, _exit(0);
-    return waitExit(child) == 128 + SIGSEGV;
 }
 
 // A file of `bytes` zeroes mapped shared: the block other processes map by its path.
