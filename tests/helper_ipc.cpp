@@ -2,20 +2,17 @@
 // answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1.
 //   mc NAME SIZE ADDR, ma NAME ADDR   ZEPHIPCMemory create, attach: "RC ADDRESS"; md, mdd
 //                                     destroy, detach: "RC"
-//   pa HEX, pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
 //   w OFFSET VALUE, r OFFSET          a byte of the block attached last: "ok", "v VALUE"
-//   race NAME CONTROL SECONDS         create, attach, destroy one name: "done CREATES ATTACHES BAD"
 //   count PATH FILE N                 N times semaphore wait, +1 to the word in FILE, post
 //   wpread FILE NAME N                a wait and N polls (or more) of the wait/post at 0 of FILE
-//                                     (1024 bytes of data at 64): "ready", "torn T changes C RC"
-//   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM RC", "got N SUM BAD RC"
+//                                     (1024 bytes of data at 64, a 1 at 8 when done): "ready",
+//                                     "torn T changes C RC"
+//   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM", "got N SUM BAD"
 #include <fcntl.h>
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <map>
@@ -26,7 +23,6 @@
 namespace {
 
 ZEPHIPCMemory s_memory;
-ZEPHIPCPrivateMemory s_private;
 unsigned char* s_at = nullptr;
 
 ZEPIPCResID rid(const char* path) {
@@ -43,60 +39,6 @@ void* mapFile(const char* file, size_t bytes) {
     if (p == MAP_FAILED) exit(3);
     close(fd);
     return p;
-}
-
-struct RaceControl {   // the test's block that every racer attaches
-    Uint32 holders;    // racers that hold a block, counted after they know its stamp
-    Uint32 creates;    // by all racers: they go on past their time until there were 20
-    Uint64 liveStamp;  // the stamp of the latest create
-};
-
-// A create may succeed only while no racer holds a block, and an attacher must see the stamp of
-// the creator it joined; each holder checks the stamp again before it lets go.
-void race(const char* name, const char* control, int seconds) {
-    ZEPHIPCMemory ctl;
-    ZEPIPCResID ctlId = rid(control);
-    void* ctlAt = nullptr;
-    if (ctl.attach(&ctlId, nullptr) != 0 || ctl.getAddress(&ctlAt) != 0) exit(3);
-    RaceControl* c = static_cast<RaceControl*>(ctlAt);
-    ZEPIPCMemoryCreateParam cp;
-    cp.resID = rid(name), cp.memorySize = 4096;
-    unsigned creates = 0, attaches = 0, bad = 0;
-    const time_t end = time(nullptr) + seconds;
-    srand(static_cast<unsigned>(getpid()));
-    while (time(nullptr) < end ||
-           (__atomic_load_n(&c->creates, __ATOMIC_RELAXED) < 20 && time(nullptr) < end + 30)) {
-        ZEPHIPCMemory m;
-        void* at;
-        Uint64 stamp = 0;
-        const bool created = m.create(&cp) == 0;
-        if (created) {
-            stamp = (static_cast<Uint64>(getpid()) << 32) | ++creates;
-            bad += __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST) != 0;
-            __atomic_store_n(&c->liveStamp, stamp, __ATOMIC_SEQ_CST);
-            __atomic_fetch_add(&c->creates, 1, __ATOMIC_RELAXED);
-            m.getAddress(&at);
-            __atomic_store_n(static_cast<Uint64*>(at), stamp, __ATOMIC_RELEASE);
-        } else if (m.attach(&cp.resID, nullptr) == 0) {
-            m.getAddress(&at);
-            while ((stamp = __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE)) == 0)
-                sched_yield();
-            bad += __atomic_load_n(&c->liveStamp, __ATOMIC_SEQ_CST) != stamp;
-            __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST);
-            ++attaches;
-        } else {
-            usleep(static_cast<useconds_t>(rand() % 400));
-            continue;
-        }
-        for (int i = 0; created && i < 50; ++i) sched_yield();
-        bad += __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE) != stamp;
-        __atomic_fetch_sub(&c->holders, 1, __ATOMIC_SEQ_CST);
-        created ? m.destroy() : m.detach();
-        // Attachers pause longer: under load a chain of them would keep the block for good.
-        usleep(static_cast<useconds_t>(rand() % (created ? 400 : 3000)));
-    }
-    ctl.detach();
-    printf("done %u %u %u\n", creates, attaches, bad);
 }
 
 void count(const char* path, const char* file, Uint32 n) {
@@ -135,6 +77,7 @@ void wpread(const char* file, const char* name, Uint32 n) {
         changes += data[0] != prev;
         prev = data[0];
     }
+    __atomic_store_n(base + 8, 1, __ATOMIC_RELEASE);  // the writer may stop
     printf("torn %u changes %u %X\n", torn, changes, w.close());
 }
 
@@ -172,7 +115,8 @@ void send(const char* path, Uint32 sender, Uint32 n, Uint32 maxSize) {
         sum += tally(sender, seq, size);
         if (s_queue.put(m.data(), size) != 0) exit(4);
     }
-    printf("sent %u %llu %X\n", n, static_cast<unsigned long long>(sum), s_queue.detach());
+    if (s_queue.detach() != 0) exit(5);
+    printf("sent %u %llu\n", n, static_cast<unsigned long long>(sum));
 }
 
 // Until a message "STOP"; a message is bad if a byte is wrong or its sender's order is not kept.
@@ -193,11 +137,12 @@ void recv(const char* path) {
         bad += !ok;
         sum += tally(pair[0], pair[1], n);
     }
-    printf("got %llu %llu %llu %X\n", got, sum, bad, s_queue.detach());
+    if (s_queue.detach() != 0) exit(5);
+    printf("got %llu %llu %llu\n", got, sum, bad);
 }
 
 bool command(const char* line) {
-    char name[600] = {}, text[4096] = {}, file[600] = {};
+    char name[600] = {}, file[600] = {};
     unsigned long a = 0, b = 0, c = 0;
     void* at = nullptr;
     if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
@@ -214,18 +159,6 @@ bool command(const char* line) {
         printf("ok\n");
     } else if (sscanf(line, "r %lu", &a) == 1) {
         printf("v %u\n", s_at[a]);
-    } else if (sscanf(line, "pa %4095s", text) == 1) {
-        unsigned char* to = reinterpret_cast<unsigned char*>(&s_private);
-        for (size_t i = 0; i < sizeof s_private && text[2 * i] && text[2 * i + 1]; ++i)
-            sscanf(text + 2 * i, "%2hhx", &to[i]);
-        Uint32 rc = s_private.remoteInitialization();
-        if (rc == 0) rc = s_private.attach(nullptr);
-        s_private.getAddress(reinterpret_cast<void**>(&s_at));
-        printf("%X\n", rc);
-    } else if (strcmp(line, "pd\n") == 0) {
-        printf("%X\n", s_private.destroy());
-    } else if (sscanf(line, "race %599s %4095s %lu", name, text, &a) == 3) {
-        race(name, text, static_cast<int>(a));
     } else if (sscanf(line, "count %599s %599s %lu", name, file, &a) == 3) {
         count(name, file, static_cast<Uint32>(a));
     } else if (sscanf(line, "wpread %599s %599s %lu", file, name, &a) == 3) {

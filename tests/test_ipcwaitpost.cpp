@@ -66,17 +66,6 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         EXPECT_EQ(w.event, kNoHandle);
     }
     EXPECT_TRUE(calls.empty());  // a poll that finds nothing posted writes no record
-
-    // With a data block of size 0 the copies do nothing, pointers or not.
-    ZEPHIPCWaitpost w;
-    ZEPIPCWaitpostCreateParam c;
-    c.area = &area, c.postData = block;
-    ASSERT_EQ(w.create(&c), 0u);
-    memcpy(block, "keepme!", 8);
-    ASSERT_EQ(w.post("other!!"), 0u);
-    EXPECT_EQ(wait(w, 0), "0 -");
-    EXPECT_STREQ(block, "keepme!");
-    EXPECT_EQ(w.destroy(), 0u);
 }
 
 TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
@@ -116,11 +105,6 @@ TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
 
 TEST_F(Waitpost, FailureRows) {
     ZEPHIPCWaitpost w, v;
-    ZEPIPCWaitpostOpenParam o;
-    o.version = 1;
-    refused(w.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCWaitpost_create, 1111);
-    refused(w.open(&o), ECF_INVALID_VERSION, ZEPFN_ZEPHIPCWaitpost_open, 1112);
-
     // Open of a set-up area whose event name doesn't exist; a time limit that runs out.
     ASSERT_EQ(create(w, 0, nullptr), 0u);
     const ZEPIPCResID missing = nameOf("missing");
@@ -129,10 +113,7 @@ TEST_F(Waitpost, FailureRows) {
               SYSFN_OpenEvent);
     calls.clear();
     EXPECT_EQ(wait(w, 20), "90000013 -");
-    const Call& t = theLog(ZEPFN_ZEPHIPCWaitpost_wait, 110, ECF_TIMEOUT);
-    EXPECT_EQ(t.called, SYSFN_WaitForSingleObject);
-    EXPECT_EQ(t.err, 0u);
-    EXPECT_EQ(t.items.size(), 2u);
+    EXPECT_EQ(logShape(ECF_TIMEOUT), "logsys 110/0");
 
     // No event: the platform's failures, mapped. A failed close leaves the object as it was, to
     // be tried again; destroy goes on after it.
@@ -166,12 +147,11 @@ TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
     ASSERT_EQ(reader.run("wpread " + file + " " + id.name + " " + n), "ready");
     usleep(100000);  // and asleep on the automatic event, to be woken by the first post
     Uint8 pattern[1024];
-    std::string result;
-    for (unsigned i = 0; result.empty(); ++i) {
+    for (unsigned i = 0; __atomic_load_n(base + 8, __ATOMIC_ACQUIRE) == 0; ++i) {
         memset(pattern, static_cast<int>(i % 251 + 1), sizeof pattern);
         ASSERT_EQ(w.post(pattern), 0u);
-        if (i % 64 == 0) result = reader.line(0);
     }
+    const std::string result = reader.line();
     unsigned torn = 99, changes = 0, rc = 1;
     ASSERT_EQ(sscanf(result.c_str(), "torn %u changes %u %X", &torn, &changes, &rc), 3) << result;
     EXPECT_EQ(rc, 0u);
