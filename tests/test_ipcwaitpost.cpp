@@ -78,15 +78,13 @@ TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
     // here), though the area records the kind asked for; close leaves the area to the others.
     ZEPIPCWaitpostArea second;
     ZEPIPCWaitpostCreateParam p;
-    p.area = &second, p.resID = &id, p.kind = 0;
+    p.area = &second, p.resID = &id;
     ASSERT_EQ(c.create(&p), 0u);
     EXPECT_EQ(second.state, 0x2u);
-    ASSERT_EQ(a.post("one...."), 0u);
-    const ZEPIPCWaitpostWaitParam poll(0);
-    EXPECT_EQ(c.wait(&poll, nullptr), 0u);
-    EXPECT_EQ(c.wait(&poll, nullptr), ECF_WAITPOST_NOT_POSTED);
+    ASSERT_EQ(a.post(nullptr), 0u);
+    EXPECT_EQ(wait(c, 0, false), "0 -");
+    EXPECT_EQ(wait(c, 0, false), "90000400 -");
     EXPECT_EQ(c.close(), 0u);
-    EXPECT_EQ(c.area, nullptr);
     EXPECT_NE(second.state, 0u);
 
     // Destroyed by one: every operation of the others is refused, at its own probe.
@@ -96,7 +94,6 @@ TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
     theLog(ZEPFN_ZEPHIPCWaitpost_wait, 20, code);
     calls.clear();
     refused(b.post("x"), code, ZEPFN_ZEPHIPCWaitpost_post, 10, ZEP_LOG_INFO);
-    refused(b.destroy(), code, ZEPFN_ZEPHIPCWaitpost_destroy, 10, ZEP_LOG_INFO);
     EXPECT_NE(b.event, kNoHandle);  // still holds its event: nothing closed it
     refused(open(c, &id), code, ZEPFN_ZEPHIPCWaitpost_open, 30, ZEP_LOG_INFO);
     EXPECT_EQ(c.area, &area);
@@ -109,9 +106,7 @@ TEST_F(Waitpost, FailureRows) {
     ASSERT_EQ(create(w, 0, nullptr), 0u);
     const ZEPIPCResID missing = nameOf("missing");
     EXPECT_EQ(open(v, &missing), ECF_FILE_DOESNT_EXIST);
-    EXPECT_EQ(theLog(ZEPFN_ZEPHIPCWaitpost_open, 40, ECF_FILE_DOESNT_EXIST).called,
-              SYSFN_OpenEvent);
-    calls.clear();
+    EXPECT_EQ(logShape(ECF_FILE_DOESNT_EXIST), "logsys 40/2");
     EXPECT_EQ(wait(w, 20), "90000013 -");
     EXPECT_EQ(logShape(ECF_TIMEOUT), "logsys 110/0");
 
@@ -134,9 +129,13 @@ TEST_F(Waitpost, FailureRows) {
 // A reader in another process, woken by the first post, polls the data block at full speed while
 // this one posts blocks filled with one byte value each: every copy it gets is whole.
 TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
-    const std::string file = path("block");
-    Uint8* base = mapFile(file, 8192);
-    const ZEPIPCResID id = nameOf("block");
+    ZEPHIPCMemory m;
+    ZEPIPCMemoryCreateParam p;
+    p.resID = idOf(tag_ + "block"), p.memorySize = 2048;
+    Uint8* base;
+    ASSERT_EQ(m.create(&p), 0u);
+    m.getAddress(reinterpret_cast<void**>(&base));
+    const ZEPIPCResID id = nameOf("event");
     ZEPIPCWaitpostCreateParam c;
     c.area = reinterpret_cast<ZEPIPCWaitpostArea*>(base);
     c.postData = base + 64, c.postDataSize = 1024, c.resID = &id, c.kind = 1;
@@ -144,22 +143,18 @@ TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
     ASSERT_EQ(w.create(&c), 0u);
     IpcProc reader;
     const std::string n = std::to_string(20000 * zeptestStress());
-    ASSERT_EQ(reader.run("wpread " + file + " " + id.name + " " + n), "ready");
+    ASSERT_EQ(reader.run("ma " + tag_ + "block 0").substr(0, 2), "0 ");
+    ASSERT_EQ(reader.run("wpread " + std::string(id.name) + " " + n), "ready");
     usleep(100000);  // and asleep on the automatic event, to be woken by the first post
     Uint8 pattern[1024];
     for (unsigned i = 0; __atomic_load_n(base + 8, __ATOMIC_ACQUIRE) == 0; ++i) {
         memset(pattern, static_cast<int>(i % 251 + 1), sizeof pattern);
         ASSERT_EQ(w.post(pattern), 0u);
     }
-    const std::string result = reader.line();
-    unsigned torn = 99, changes = 0, rc = 1;
-    ASSERT_EQ(sscanf(result.c_str(), "torn %u changes %u %X", &torn, &changes, &rc), 3) << result;
-    EXPECT_EQ(rc, 0u);
-    EXPECT_EQ(torn, 0u);
-    EXPECT_GE(changes, 20u);  // the reader did see posts go by
+    EXPECT_EQ(reader.line(), "torn 0");  // of copies taken while at least 20 posts went by
     EXPECT_EQ(reader.finish(), 0);
     EXPECT_EQ(w.destroy(), 0u);
-    munmap(base, 8192);
+    EXPECT_EQ(m.destroy(), 0u);
 }
 
 }  // namespace

@@ -3,10 +3,8 @@
 #ifndef ZEPTEST_IPC_H
 #define ZEPTEST_IPC_H
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/mman.h>
 
 #include "zeptest_capture.h"
 #include "zeptest_util.h"
@@ -104,26 +102,12 @@ inline void refused(Uint32 rc, Uint32 code, Uint32 fid, Uint32 probe,
     calls.clear();
 }
 
-// A file of `bytes` zeroes mapped shared: the block other processes map by its path.
-inline Uint8* mapFile(const std::string& file, size_t bytes) {
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
-    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(bytes)), 0);
-    void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    return static_cast<Uint8*>(m);
-}
-
 // A test whose IPC names carry `tag_` (this process's own): none may be left in /dev/shm.
 class IpcTest : public CaptureTest {
 protected:
     void TearDown() override {
-        std::vector<std::string> left;
-        if (DIR* d = opendir("/dev/shm")) {
-            while (dirent* e = readdir(d))
-                if (strstr(e->d_name, tag_.c_str()) != nullptr) left.push_back(e->d_name);
-            closedir(d);
-        }
-        EXPECT_EQ(left, std::vector<std::string>{});
+        const std::string left = listing("/dev/shm");
+        EXPECT_EQ(left.find(tag_), std::string::npos) << left;
         CaptureTest::TearDown();
     }
     static ZEPIPCResID idOf(const std::string& path, Sint32 seed = 1) {
