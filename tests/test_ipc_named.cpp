@@ -1,8 +1,6 @@
-// The named-object layer under every IPC object: names in /dev/shm, and the mode and inheritance
-// the security attributes give.
+// The named-object layer under every IPC object: the mode and inheritance the security attributes
+// give its objects.
 #include <sys/stat.h>
-
-#include <set>
 
 #include "zeptest_ipc.h"
 
@@ -26,32 +24,6 @@ int modeOf(NamedKind kind, const std::string& name) {
 using Named = IpcTest;
 
 }  // namespace
-
-// Distinct names never share a file, whatever their characters and length.
-TEST(NamedNames, InjectiveBoundedAndReadable) {
-    const std::string slashes(87, '/');  // escapes to 261 characters: hashed
-    std::vector<std::string> names = {std::string(230, 'q') + "A" + std::string(30, 'z'),
-                                      std::string(230, 'q') + "B" + std::string(30, 'z'),
-                                      slashes,
-                                      slashes + "/",
-                                      std::string(250, 'x'),
-                                      std::string(251, 'x')};
-    std::istringstream words(
-        "ZEPEIPC5/data/inst1 ZEPEIPC5%2Fdata%2Finst1 ZEPEIPC5_data_inst1 ZEPEIPC5\\data a% a%25 a "
-        "A a. a# \x01\xff \x01\xfe");
-    for (std::string w; words >> w;) names.push_back(w);
-    std::set<std::string> seen;
-    for (NamedKind kind : {NamedKind::FileMapping, NamedKind::Semaphore, NamedKind::Event})
-        for (const std::string& n : names) {
-            const std::string l = linuxName(kind, n);
-            EXPECT_LE(l.size(), 255u) << n;
-            EXPECT_EQ(l.find('/'), std::string::npos) << n;
-            EXPECT_TRUE(seen.insert(l).second) << "collision for " << n;
-        }
-    // Short names stay readable in a listing of /dev/shm.
-    EXPECT_EQ(linuxName(NamedKind::FileMapping, "ZEPEIPC5/a b%"), "zepM.ZEPEIPC5%2Fa%20b%25");
-    EXPECT_EQ(linuxName(NamedKind::Event, names[0]).substr(0, 5), "zepE#");
-}
 
 // The library's attributes open an object to every user, whatever the umask, and let children
 // inherit it across exec; an override's mode and inheritance flag are kept to.

@@ -13,8 +13,7 @@
 namespace zeptest {
 
 // Descriptors beyond the two pipes are closed at exec unless `inherit` keeps the inheritable ones.
-class IpcProc {
-public:
+struct IpcProc {
     explicit IpcProc(bool inherit = false) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
@@ -33,11 +32,8 @@ public:
         if (to_ >= 0) close(to_), to_ = -1;
         for (int i = 0; pid_ > 0 && i < 500; ++i, usleep(10000))
             if (waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
-        kill(SIGKILL);
+        finish(SIGKILL);
     }
-    IpcProc(const IpcProc&) = delete;
-    IpcProc& operator=(const IpcProc&) = delete;
-
     void send(const std::string& command) {
         const std::string l = command + "\n";
         EXPECT_EQ(write(to_, l.data(), l.size()), static_cast<ssize_t>(l.size()));
@@ -48,20 +44,15 @@ public:
         return from_ && fgets(b, sizeof b, from_) ? std::string(b, strcspn(b, "\n")) : "";
     }
     std::string run(const std::string& command) { return send(command), line(); }
-    void kill(int signal) {
-        if (pid_ > 0) ::kill(pid_, signal);
-        finish();
-    }
-    // Ends the helper by closing its input; its exit status.
-    int finish() {
+    // Ends the helper by `signal`, or else by closing its input; its exit status.
+    int finish(int signal = 0) {
         int status = -1;
+        if (signal != 0 && pid_ > 0) ::kill(pid_, signal);
         if (to_ >= 0) close(to_), to_ = -1;
         if (pid_ > 0) waitpid(pid_, &status, 0), pid_ = -1;
         if (from_) fclose(from_), from_ = nullptr;
         return status;
     }
-
-private:
     pid_t pid_ = -1;
     int to_ = -1;
     FILE* from_ = nullptr;
@@ -70,27 +61,20 @@ private:
 // The "none" handle of the IPC classes.
 inline void* const kNoHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 
-// The log records captured, as "KIND PROBE[/ERROR]..." ("logsys 90/183 log 90": the platform's
-// error or the called function's result), each checked to carry `code` unless that is kAnyCode;
-// the capture emptied for the next step.
+// The log records captured, and the error records when the trace is on, as "KIND PROBE[/ERROR]"
+// ("logsys 90/183 log 90 error 90": the platform's error or the called function's result), each
+// log record checked to carry `code` unless that is kAnyCode; the capture emptied.
 constexpr Uint32 kAnyCode = ~0u;
 inline std::string logShape(Uint32 code) {
     std::string out;
     for (const Call& c : calls)
-        if (c.what.compare(0, 3, "log") == 0) {
-            EXPECT_TRUE(code == kAnyCode || c.code == code) << c.what << " " << c.probe;
+        if (c.what.compare(0, 3, "log") == 0 || c.what == "error") {
+            const bool masked = c.what == "logrc" || c.what == "logsys";
+            EXPECT_TRUE(code == kAnyCode || c.what == "error" || c.code == code) << c.probe;
             out += (out.empty() ? "" : " ") + c.what + " " + std::to_string(c.probe) +
-                   (c.what == "log" ? "" : "/" + std::to_string(c.err));
+                   (masked ? "/" + std::to_string(c.err) : "");
         }
     calls.clear();
-    return out;
-}
-
-// The probes of the error records (of `fid`, if given) captured.
-inline std::vector<Uint32> errorProbes(Uint32 fid = 0) {
-    std::vector<Uint32> out;
-    for (const Call& c : calls)
-        if (c.what == "error" && (fid == 0 || c.fid == fid)) out.push_back(c.probe);
     return out;
 }
 
