@@ -1,7 +1,6 @@
 // A process of the product on a trace area, for the trace tests and the tests of zeptrace.
 //
 //   helper_gtrace AREA PID records COUNT   COUNT data records carrying 0..COUNT-1 in order
-//   helper_gtrace AREA PID calls COUNT     COUNT failing renames (entry, data, error, exit each)
 //
 // AREA is a file to map if it begins with '/', else the name of zeptrace's shared memory; PID 0
 // stands for the process's own identifier.
@@ -11,8 +10,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <string>
 
 #include "zep.h"
 
@@ -40,16 +37,11 @@ int main(int argc, char** argv) {
     const Uint32 pid = static_cast<Uint32>(strtoul(argv[2], nullptr, 10));
     if (gtraceAttach(static_cast<GTCB*>(area), pid ? pid : zepProcessID(), nullptr, nullptr) != 0)
         return 4;
-    const unsigned long count = strtoul(argv[4], nullptr, 10);
-    if (strcmp(argv[3], "records") == 0) {
-        for (Uint32 i = 0; i < count; ++i)
-            if (g_pGTCB && g_pGTCB->enabled)
-                _gtraceVar(zepThreadID(), ZEPFN_zepFileRename, 10, GTRACE_TYPE_DATA, 1,
-                           GTRACE_ITEM_VALUE1, 4u, uintptr_t{i});
-    } else {
-        const std::string missing = "/nonexistent/zeptrace/" + std::to_string(getpid());
-        for (unsigned long i = 0; i < count; ++i) zepFileRename(missing.c_str(), "/nonexistent/b");
-    }
+    const Uint32 count = static_cast<Uint32>(strtoul(argv[4], nullptr, 10));
+    for (Uint32 i = 0; i < count && strcmp(argv[3], "records") == 0; ++i)
+        if (g_pGTCB && g_pGTCB->enabled)
+            _gtraceVar(zepThreadID(), ZEPFN_zepFileRename, 10, GTRACE_TYPE_DATA, 1,
+                       GTRACE_ITEM_VALUE1, 4u, uintptr_t{i});
     gtraceDetach();
     if (!file) memory.detach();
     return 0;
