@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -25,19 +26,19 @@ struct Rec {
         memcpy(&h, bytes.data(), std::min(bytes.size(), sizeof h));
     }
     Uint32 word(size_t at) const {
-        Uint32 v;
-        memcpy(&v, bytes.data() + at, 4);
+        Uint32 v = D;
+        if (at + 4 <= bytes.size()) memcpy(&v, &bytes[at], 4);
         return v;
     }
     // The items as "kind:length:bytes ", bytes of 8 or more as "ref" if they begin `ref`.
-    std::string items(const std::string& ref = "", size_t start = 56) const {
+    std::string items(const std::string& ref = "") const {
         std::string s;
-        size_t at = start + 8 * h.itemCount;
+        size_t at = 56 + 8 * h.itemCount;
         for (Uint32 i = 0; i < h.itemCount; ++i) {
-            const Uint32 length = word(start + 8 * i + 4);
+            const Uint32 length = word(60 + 8 * i);
             const size_t n = length == GTRACE_ITEM_NULL ? 0 : length;
             const std::string data(reinterpret_cast<const char*>(bytes.data()) + at, n);
-            s += std::to_string(word(start + 8 * i)) + ":" + std::to_string(length) + ":" +
+            s += std::to_string(word(56 + 8 * i)) + ":" + std::to_string(length) + ":" +
                  (n < 8                      ? data
                   : data == ref.substr(0, n) ? "ref"
                                              : "?") +
@@ -78,15 +79,13 @@ void disableCallback() {
 class Trace : public ::testing::Test {
 protected:
     void SetUp() override {
-        g_callbacks.clear();
-        g_disables = 0;
         gtraceSetFixedData1(0xD1D1D1D1);
         gtraceSetFixedData2(0xD2D2D2D2);
     }
     void TearDown() override {
         gtraceDetach();
         free(mem_);
-        if (shared_) munmap(shared_, sharedSize_);
+        if (shared_) munmap(cb_, gtraceGetAllocSize(cb_->options.bufferSize));
     }
     static GTCBOptions options(Uint32 modeBits, Uint32 flags = 0) {
         GTCBOptions o;
@@ -95,30 +94,26 @@ protected:
         o.flags = flags;
         return o;
     }
-    // A block in private memory (or in a file mapping that helper processes map too),
-    // initialized, attached and enabled.
-    GTCB* build(const GTCBOptions& o, bool shared = false) {
+    // A block initialized, attached and enabled, in private memory or in a file mapping that
+    // helper processes map too.
+    void build(const GTCBOptions& o, bool shared = false) {
         const size_t size = gtraceGetAllocSize(o.bufferSize);
-        if (shared) {
+        free(mem_);
+        mem_ = shared ? nullptr : static_cast<Uint8*>(aligned_alloc(64, (size + 63) & ~63ul));
+        cb_ = reinterpret_cast<GTCB*>(mem_);
+        if ((shared_ = shared)) {
             const int fd = open(area_.c_str(), O_RDWR | O_CREAT, 0600);
             EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-            shared_ = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            cb_ =
+                static_cast<GTCB*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
             close(fd);
-            sharedSize_ = size;
-            cb_ = static_cast<GTCB*>(shared_);
-        } else {
-            free(mem_);
-            mem_ = static_cast<Uint8*>(aligned_alloc(64, (size + 63) & ~size_t{63}));
-            memset(mem_, 0x33, size);
-            cb_ = reinterpret_cast<GTCB*>(mem_);
         }
+        memset(static_cast<void*>(cb_), 0x33, size);
         EXPECT_EQ(gtraceInitialize(cb_, &o), 0u);
         EXPECT_EQ(gtraceAttach(cb_, kPid, traceCallback, disableCallback), 0u);
         EXPECT_EQ(gtraceEnable(), 0u);
-        return cb_;
-    }
-    GTCB* ring(Uint32 flags = 0, Uint32 modeBits = GTRACE_MODE_WRAP) {
-        return build(options(modeBits, flags));
+        g_callbacks.clear();
+        g_disables = 0;
     }
     RamboCB* rambo() {
         return reinterpret_cast<RamboCB*>(reinterpret_cast<Uint8*>(cb_) + sizeof(GTCB));
@@ -128,6 +123,10 @@ protected:
         for (Uint32 i = 0; i < kRing / 16; ++i)
             if (table()[i].functionID == f) return &table()[i];
         return nullptr;
+    }
+    int used() {
+        return static_cast<int>(std::count_if(table(), table() + kRing / 16,
+                                              [](const GTCountEntry& e) { return e.functionID; }));
     }
     Uint32 claimed() { return __atomic_load_n(&rambo()->nextSequence, __ATOMIC_ACQUIRE); }
 
@@ -145,8 +144,7 @@ protected:
     }
     zeptest::TempDir dir_{"zepgtrace"};
     std::string area_ = dir_ / "area";
-    void* shared_ = nullptr;
-    size_t sharedSize_ = 0;
+    bool shared_ = false;
     Uint8* mem_ = nullptr;
     GTCB* cb_ = nullptr;
 };
@@ -173,7 +171,8 @@ TEST_F(Trace, AllocSizeAndInitializeInEveryMode) {
     };
     EXPECT_EQ(gtraceInitialize(area, nullptr), ECF_INVALID_PARAMETER);
     for (const auto& r : refusals) {
-        o.bufferSize = r.size, o.modeBits = r.mode;
+        o.bufferSize = r.size;
+        o.modeBits = r.mode;
         memset(raw.get(), 0x77, sizeof(GTCB));
         EXPECT_EQ(gtraceInitialize(r.area, &o), r.rc) << r.size;
     }
@@ -190,31 +189,22 @@ TEST_F(Trace, AllocSizeAndInitializeInEveryMode) {
                                {0x07, 1, 1, 1, 0},     {0x03, 1, 0, 0, 0}, {0x10, 0, 0, 0, kDelay},
                                {0x11, 1, 0, 0, kDelay}};
     for (const auto& m : modes) {
-        SCOPED_TRACE(m[0]);
         o.modeBits = m[0];
         memset(raw.get(), 0x77, size);
         ASSERT_EQ(gtraceInitialize(area, &o), 0u);
         EXPECT_EQ(
             std::vector<Uint32>({area->initialized, area->enabled, area->eventCount, area->reserved,
-                                 area->options.flags, area->options.stopCount}),
-            std::vector<Uint32>({1, 0, 1, 0, GTRACE_FLAG_CALLBACK | m[4], 7}));
-        EXPECT_EQ(memcmp(r->eyeCatcher, "RAMBOCB", 8), 0);
-        EXPECT_EQ(std::vector<Uint32>({r->wraps, r->chunked, r->autoDump}),
-                  std::vector<Uint32>(m + 1, m + 4));
+                                 area->options.flags, area->options.stopCount, r->wraps, r->chunked,
+                                 r->autoDump}),
+            std::vector<Uint32>({1, 0, 1, 0, GTRACE_FLAG_CALLBACK | m[4], 7, m[1], m[2], m[3]}))
+            << m[0];
     }
-
     // Counting comes first of all modes; its table may have any size in range.
     o.modeBits = GTRACE_MODE_COUNTING | GTRACE_MODE_WRAP;
     o.bufferSize = 0x80010;
-    auto big = std::make_unique<Uint8[]>(sizeof(GTCB) + o.bufferSize + 16);
-    memset(big.get(), 0x77, sizeof(GTCB) + o.bufferSize + 16);
-    GTCB* counting = reinterpret_cast<GTCB*>(big.get());
-    ASSERT_EQ(gtraceInitialize(counting, &o), 0u);
-    EXPECT_EQ(counting->initialized + counting->eventCount, 1u);
-    EXPECT_EQ(counting->options.flags, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING);
-    const Uint8* t = big.get() + sizeof(GTCB);
-    EXPECT_EQ(t[0] + t[o.bufferSize - 1], 0);
-    EXPECT_EQ(t[o.bufferSize], 0x77);  // nothing behind the table is touched
+    ASSERT_EQ(gtraceInitialize(area, &o), 0u);
+    EXPECT_EQ(std::vector<Uint32>({area->initialized, area->eventCount, area->options.flags}),
+              std::vector<Uint32>({1, 0, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING}));
 }
 
 TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
@@ -233,17 +223,14 @@ TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
     };
     all(ECF_GTRACE_NOT_ATTACHED);
     EXPECT_EQ(gtraceAttach(nullptr, 1, nullptr, nullptr), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(g_pGTCB, nullptr);
     auto zero = std::make_unique<Uint8[]>(sizeof(GTCB));
     ASSERT_EQ(gtraceAttach(reinterpret_cast<GTCB*>(zero.get()), 1, nullptr, nullptr), 0u);
     all(ECF_GTRACE_NOT_INITIALIZED);
 
-    ring(0, GTRACE_MODE_CHUNKED);
+    build(options(GTRACE_MODE_CHUNKED));
     EXPECT_EQ(gtraceGetOptions(nullptr), ECF_INVALID_PARAMETER);
-    EXPECT_EQ(gtraceGetOptionsPtr(&ptr), 0u);
-    EXPECT_EQ(ptr, &cb_->options);
-    EXPECT_EQ(gtraceInitializeChunkWalker(&walker), 0u);
-    EXPECT_EQ(walker.area, rambo());
+    EXPECT_EQ(gtraceGetOptionsPtr(&ptr) + gtraceInitializeChunkWalker(&walker), 0u);
+    EXPECT_TRUE(ptr == &cb_->options && walker.area == rambo());
     EXPECT_EQ(gtraceClear(), ECF_NOT_SUPPORTED);  // a chunked ring has no new sequence
 
     // Disable calls the callback each time, enable never; without a callback nothing is called.
@@ -254,10 +241,8 @@ TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
     ASSERT_EQ(gtraceAttach(cb_, kPid, nullptr, nullptr), 0u);
     EXPECT_EQ(gtraceDisable() + gtraceEnable(), 0u);
     EXPECT_EQ(g_disables, 2);
-
     // Detached: the word keeps its value, and nothing reaches the block any more.
     EXPECT_EQ(gtraceDetach(), 0u);
-    EXPECT_EQ(g_pGTCB, nullptr);
     EXPECT_EQ(gtraceDisable(), ECF_GTRACE_NOT_ATTACHED);
     EXPECT_EQ(cb_->enabled, 1u);
 }
@@ -270,18 +255,15 @@ TEST_F(Trace, OptionsThatCantChange) {
     n.bufferSize = 0x100000;
     n.dumpScanTrigger[1] = 9;
     n.reserved[1] = 0xABCD;
-    n.traceMask.gtmSetMask(1, 3, 22, GTM_WILDCARD, 0, 0);
     ASSERT_EQ(gtraceSetOptions(&n), 0u);
     GTCBOptions got;
     ASSERT_EQ(gtraceGetOptions(&got), 0u);
     EXPECT_EQ(std::vector<Uint32>({got.bufferSize, got.modeBits, got.dumpScanTrigger[0],
                                    got.dumpScanTrigger[1], got.flags, got.reserved[1]}),
               std::vector<Uint32>({kRing, GTRACE_MODE_WRAP, 5, 0, n.flags, 0xABCD}));
-    EXPECT_EQ(memcmp(&got.traceMask, &n.traceMask, sizeof n.traceMask), 0);
-
     // Counting: the time flags are taken from the caller's structure, and bit 9 stays.
     build(options(GTRACE_MODE_COUNTING, GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME));
-    n.flags = GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME | GTRACE_FLAG_CALLBACK;
+    n.flags |= GTRACE_FLAG_CALLBACK;
     ASSERT_EQ(gtraceSetOptions(&n), 0u);
     EXPECT_EQ(n.flags, GTRACE_FLAG_CALLBACK);
     EXPECT_EQ(cb_->options.flags, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING);
@@ -296,7 +278,6 @@ TEST_F(Trace, OptionsThatCantChange) {
     auto a = std::make_unique<Uint8[]>(sizeof(GTCBOptions));
     auto b = std::make_unique<Uint8[]>(sizeof(GTCBOptions));
     memset(a.get(), 0xAA, sizeof(GTCBOptions));
-    memset(b.get(), 0x55, sizeof(GTCBOptions));
     new (a.get()) GTCBOptions;
     EXPECT_EQ(memcmp(a.get(), new (b.get()) GTCBOptions, sizeof(GTCBOptions)), 0);
 }
@@ -306,31 +287,25 @@ TEST_F(Trace, OptionsThatCantChange) {
 // would use up the process's one seeded sequence.)
 TEST_F(Trace, OptionsChangeUnderRunningTracePoints) {
     for (Uint32 mode : {GTRACE_MODE_COUNTING, GTRACE_MODE_DELAYING}) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            GTCBOptions o = options(mode);
-            o.stopReturnCode = 0xFFFFFFFFu;  // delaying: an interval never reached, no sleeps
-            build(o);
-            std::atomic<bool> stop{false};
-            std::thread writer([&] {
-                while (!stop.load(std::memory_order_relaxed)) _gtraceEntry(T, F);
-            });
-            for (int i = 0; i < 1000; ++i) {
-                gtraceSetOptions(&o);
-                sched_yield();
-            }
-            stop = true;
-            writer.join();
-            // Counting: the table holds F's entry and nothing that a ring's claim wrote.
-            int stray = 0;
-            for (Uint32 i = 0; mode == GTRACE_MODE_COUNTING && i < kRing / 16; ++i)
-                stray += table()[i].functionID != 0 && table()[i].functionID != F;
-            _exit(g_disables != 0 || cb_->enabled != 1 || stray != 0 ? 1
-                  : mode == GTRACE_MODE_DELAYING && claimed() != 0   ? 2
-                                                                     : 0);
+        if (const pid_t child = fork(); child != 0) {
+            EXPECT_EQ(zeptest::waitExit(child), 0) << mode;
+            continue;
         }
-        EXPECT_EQ(zeptest::waitExit(child), 0) << mode;
+        GTCBOptions o = options(mode);
+        o.stopReturnCode = 0xFFFFFFFFu;  // delaying: an interval never reached, no sleeps
+        build(o);
+        std::atomic<bool> stop{false};
+        std::thread writer([&] {
+            while (!stop) _gtraceEntry(T, F);
+        });
+        for (int i = 0; i < 1000; ++i) {
+            gtraceSetOptions(&o);
+            sched_yield();
+        }
+        stop = true;
+        writer.join();
+        // Counting: F's entry alone, nothing a ring's claim wrote; delaying: no claim at all.
+        _exit(mode == GTRACE_MODE_COUNTING ? used() != 1 || !entry(F) : claimed() != 0);
     }
 }
 
@@ -338,7 +313,6 @@ TEST_F(Trace, DumpHeaderPiecesAndClear) {
     build(options(GTRACE_MODE_WRAP));
     auto h = std::make_unique<GTDumpHeader>();
     Uint8* raw = reinterpret_cast<Uint8*>(h.get());
-    memset(raw, 0xEE, sizeof(GTDumpHeader));
     void* store = nullptr;
     Uint32 size = 0;
     ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h.get(), &store, &size), 0u);
@@ -351,10 +325,7 @@ TEST_F(Trace, DumpHeaderPiecesAndClear) {
     EXPECT_EQ(std::vector<Uint32>({h->rambo.bufferSize, h->rambo.dumpType, h->rambo.wraps, size}),
               std::vector<Uint32>({kRing, 1, 1, kRing}));
     EXPECT_EQ(store, reinterpret_cast<Uint8*>(rambo()) + rambo()->slotsOffset);
-    ASSERT_EQ(gtraceGetDumpHeaderBuffer(0, h.get(), nullptr, nullptr), 0u);
-    EXPECT_EQ(h->rambo.dumpType, 2);
     EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_AUTO_DUMP_NOT_ALLOWED);
-
     // Clearing a wrapping ring moves it on by a lap: the old records drop out of the window.
     _gtraceEntry(T, F);
     EXPECT_EQ(gtraceClear(), 0u);
@@ -364,24 +335,22 @@ TEST_F(Trace, DumpHeaderPiecesAndClear) {
     build(options(GTRACE_MODE_COUNTING));
     memset(raw, 0xEE, sizeof(GTDumpHeader));
     ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h.get(), &store, &size), 0u);
-    EXPECT_EQ(store, table());
-    EXPECT_EQ(size, kRing);
-    for (size_t i = 182904; i < sizeof(GTDumpHeader); ++i) ASSERT_EQ(raw[i], 0xEE);
+    EXPECT_EQ(std::make_pair(store, size), std::make_pair(static_cast<void*>(table()), kRing));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(raw) + 182904, 16), std::string(16, '\xEE'));
     RamboDumpTail tail;
     memset(&tail, 0xEE, sizeof tail);
     EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
-    EXPECT_EQ(reinterpret_cast<Uint8*>(&tail)[0], 0xEE);
+    EXPECT_EQ(*reinterpret_cast<Uint8*>(&tail), 0xEE);
     EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_NOT_INITIALIZED);
     _gtraceEntry(T, F);
-    EXPECT_EQ(entry(F)->count, 1u);
     EXPECT_EQ(gtraceClear(), 0u);
-    EXPECT_EQ(entry(F), nullptr);
+    EXPECT_EQ(used(), 0);
 }
 
 // ---------------------------------------------------------------- records
 
 TEST_F(Trace, RecordOfEachOperation) {
-    ring();
+    build(options(GTRACE_MODE_WRAP));
     memset(reinterpret_cast<Uint8*>(rambo()) + rambo()->slotsOffset, 0xA5, kRing);
     const Uint32 rc = 0x90000011, v = 0xCAFEF00D;
     _gtraceEntry(T, F);
@@ -402,49 +371,44 @@ TEST_F(Trace, RecordOfEachOperation) {
     // One slot for the five plain ones (52 bytes), two for the rest (56 + 12 bytes fit 116).
     EXPECT_EQ(claimed(), 5u * 1 + 10 * 2);
 
-    // D: the field was left alone, and holds what the slot held.
-    const Uint32 want[][11] = {
-        // size, type, flags, dataLength, probe, word1, word2, rc, itemCount, at 56, at 60
-        {52, 1, 0, 0, D, D, D, D, D, D, D},                  // _gtraceEntry
-        {52, 2, 0, 0, D, 0xA1, 0xA2, rc, D, D, D},           // _gtraceExit
-        {52, 9, 2, 0, 77, D, D, D, D, D, D},                 // _gtraceMarker, bit 16
-        {52, 10, 0, 0, 78, D, D, D, D, D, D},                // _gtraceMarker
-        {52, 5, 0, 0, 40, 0xA1, 0xA2, D, D, D, D},           // _gtraceError
-        {116, 11, 0, 0, 41, 0xA1, 0xA2, rc, D, 0xA3, 0xA4},  // _gtraceErrorRc
-        {116, 13, 0, 0, 42, 0xA1, 0xA2, D, D, 0xA3, 0xA4},   // _gtraceErrorTrans
-        {116, 1, 0, 12, 0, D, D, D, 1, 0, 4},                // _gtraceEntryVar
-        {116, 2, 0, 12, 0, 0xA1, 0xA2, rc, 1, 0, 4},         // _gtraceExitVar
-        {116, 6, 2, 12, 43, D, D, D, 1, 0, 4},               // _gtraceMarkerVar
-        {116, 3, 0, 0, 44, D, D, D, 0, D, D},                // _gtraceVar, no items
-        {116, 3, 0, 12, 45, D, D, D, 1, 0, 4},               // _gtraceVar
-        {116, 4, 0, 12, 46, 0xA1, 0xA2, D, 1, 0, 4},         // _gtraceErrorVar
-        {116, 5, 0, 12, 47, 0xA1, 0xA2, rc, 1, 0xA3, 0xA4},  // _gtraceErrorRcVar
-        {116, 12, 0, 12, 48, 0xA1, 0xA2, 0x1234, 1, 0, 4},   // _gtraceCorrelatorVar
+    // D: the field was left alone, and holds what the slot held. The item's descriptor and
+    // bytes follow the fixed part, or the two more words of _gtraceErrorRcVar.
+    const Uint32 want[][13] = {
+        // size, type, flags, dataLength, probe, word1, word2, rc, itemCount, at 56, 60, 64, 72
+        {52, 1, 0, 0, D, D, D, D, D, D, D, D, D},                  // _gtraceEntry
+        {52, 2, 0, 0, D, 0xA1, 0xA2, rc, D, D, D, D, D},           // _gtraceExit
+        {52, 9, 2, 0, 77, D, D, D, D, D, D, D, D},                 // _gtraceMarker, bit 16
+        {52, 10, 0, 0, 78, D, D, D, D, D, D, D, D},                // _gtraceMarker
+        {52, 5, 0, 0, 40, 0xA1, 0xA2, D, D, D, D, D, D},           // _gtraceError
+        {116, 11, 0, 0, 41, 0xA1, 0xA2, rc, D, 0xA3, 0xA4, D, D},  // _gtraceErrorRc
+        {116, 13, 0, 0, 42, 0xA1, 0xA2, D, D, 0xA3, 0xA4, D, D},   // _gtraceErrorTrans
+        {116, 1, 0, 12, 0, D, D, D, 1, 0, 4, v, D},                // _gtraceEntryVar
+        {116, 2, 0, 12, 0, 0xA1, 0xA2, rc, 1, 0, 4, v, D},         // _gtraceExitVar
+        {116, 6, 2, 12, 43, D, D, D, 1, 0, 4, v, D},               // _gtraceMarkerVar
+        {116, 3, 0, 0, 44, D, D, D, 0, D, D, D, D},                // _gtraceVar, no items
+        {116, 3, 0, 12, 45, D, D, D, 1, 0, 4, v, D},               // _gtraceVar
+        {116, 4, 0, 12, 46, 0xA1, 0xA2, D, 1, 0, 4, v, D},         // _gtraceErrorVar
+        {116, 5, 0, 12, 47, 0xA1, 0xA2, rc, 1, 0xA3, 0xA4, 0, v},  // _gtraceErrorRcVar
+        {116, 12, 0, 12, 48, 0xA1, 0xA2, 0x1234, 1, 0, 4, v, D},   // _gtraceCorrelatorVar
     };
     auto r = records();
     ASSERT_EQ(r.size(), std::size(want));
     for (size_t i = 0; i < r.size(); ++i) {
-        SCOPED_TRACE(i);
         const GTRecord& h = r[i].h;
-        const bool big = r[i].bytes.size() > 56;
         EXPECT_EQ(std::vector<Uint32>({static_cast<Uint32>(r[i].bytes.size()), h.recordType,
                                        h.recordFlags, h.dataLength, h.probe == 0xA5A5 ? D : h.probe,
-                                       h.word1, h.word2, h.returnCode, h.itemCount,
-                                       big ? r[i].word(56) : D, big ? r[i].word(60) : D}),
-                  std::vector<Uint32>(want[i], want[i] + 11));
+                                       h.word1, h.word2, h.returnCode, h.itemCount, r[i].word(56),
+                                       r[i].word(60), r[i].word(64), r[i].word(72)}),
+                  std::vector<Uint32>(want[i], want[i] + 13))
+            << i;
         EXPECT_EQ(std::vector<Uint64>(
                       {h.time, h.threadID, h.processID, h.functionID, h.fixedData1, h.fixedData2}),
                   std::vector<Uint64>({0, T, kPid, F, 0xD1D1D1D1, 0xD2D2D2D2}));
-        // The item: behind its descriptor, which stands at 64 in _gtraceErrorRcVar.
-        if (h.dataLength != 0) {
-            EXPECT_EQ(r[i].items("", i == 13 ? 64 : 56),
-                      "0:4:" + std::string("\x0D\xF0\xFE\xCA ", 5));
-        }
     }
 }
 
 TEST_F(Trace, ItemsCutNullAndByValue) {
-    ring();
+    build(options(GTRACE_MODE_WRAP));
     const char data[] = "abcdef";
     std::string big(30000, '\0');
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
@@ -467,35 +431,43 @@ TEST_F(Trace, ItemsCutNullAndByValue) {
     EXPECT_EQ(r[1].items(big), "0:30000:ref 0:30000:ref 4:5511:ref ");
     EXPECT_EQ(r[2].items(big), "0:30000:ref 0:30000:ref 0:5511:ref ");  // fitted exactly
     EXPECT_EQ(r[3].items("AB" + std::string(0xFFFF, '\0')), "4:65527:ref ");
-    for (int k = 1; k < 3; ++k) {
-        EXPECT_EQ(r[k].bytes.size(), 1026u * 64 - 12);
-        EXPECT_EQ(r[k].h.dataLength, 0xFFFF);
-    }
+    EXPECT_EQ(std::make_pair(r[1].bytes.size(), r[1].h.dataLength),
+              std::make_pair(1026ul * 64 - 12, Uint16{0xFFFF}));
 }
 
-TEST_F(Trace, ErrorsOnlyAndTimeStamps) {
-    ring(GTRACE_FLAG_ERRORS_ONLY | GTRACE_FLAG_TIMESTAMP);
-    const Uint32 ok = 0, bad = ECF_FILE_DOESNT_EXIST;
-    Sint64 before = 0, after = 0;
-    zepos::QueryPerformanceCounter(&before);
-    _gtraceEntry(T, F);
-    _gtraceExit(T, F, &ok, 0, 0);
-    _gtraceExit(T, F, &bad, 0, 0);
-    _gtraceExitVar(T, F, &ok, 0, 0, 0);
-    _gtraceVar(T, F, 10, 3, 0);
-    _gtraceErrorVar(T, F, 30, 4, 0, 0, 0);
-    _gtraceMarker(T, F, 1, 11);
-    _gtraceMarker(T, F, 1, 12);
-    _gtraceCorrelatorVar(T, F, 1, 5, 0, 0, 0);
-    _gtraceErrorTrans(T, F, 2, 0, 0, 0, 0);
-    zepos::QueryPerformanceCounter(&after);
-    auto r = records();
-    EXPECT_EQ(types(r), "2 4 11 13");
-    EXPECT_EQ(r[0].h.returnCode, bad);
-    // Stamped after filtering, in order.
-    EXPECT_GE(r[0].h.time, static_cast<Uint64>(before));
-    for (size_t i = 1; i < r.size(); ++i) EXPECT_LE(r[i - 1].h.time, r[i].h.time);
-    EXPECT_LE(r.back().h.time, static_cast<Uint64>(after));
+// The filters in the order a trace point asks them: errors only, the compact mask if on, else the
+// full mask.
+TEST_F(Trace, ErrorsOnlyAndTheMasks) {
+    GTCBOptions o = options(GTRACE_MODE_WRAP, GTRACE_FLAG_FULL_MASK);
+    const Uint32 f = ZEP_FUNC_INDEX(F), bad = 1, ok = 0;
+    // Full mask: the rename's entries and exits, and its probe 30 only.
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_ENTRY, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_EXIT, 0, 0);
+    o.traceMask.gtmSetMask(1, 3, f, 30, GTM_FLAG_PROBE, 0);
+    build(o);
+    auto points = [&](Uint32 flags) {
+        o.flags = flags;
+        EXPECT_EQ(gtraceSetOptions(&o), 0u);
+        _gtraceEntry(T, F);
+        _gtraceVar(T, F, 10, 3, 0);
+        _gtraceErrorVar(T, F, 30, 4, 0, 0, 0);
+        _gtraceExit(T, F, &bad, 0, 0);
+        _gtraceExit(T, F, &ok, 0, 0);
+        _gtraceErrorTrans(T, F, 2, 0, 0, 0, 0);
+        _gtraceMarker(T, F, 1, 12);
+        _gtraceEntry(T, ZEPFN_zepFileDelete);
+        auto r = records();
+        gtraceClear();
+        return types(r) + (r.empty() || r[0].h.time == 0 ? "" : " stamped");
+    };
+    EXPECT_EQ(points(GTRACE_FLAG_FULL_MASK), "1 4 2 2");
+    // The compact mask passes type 3 and 13 (probes are forgotten, their types kept) and still
+    // rejects the function outside it; a class bit missing rejects everything.
+    o.traceMask.gtmReplicateMask(&o.mask);
+    EXPECT_EQ(points(GTRACE_FLAG_FULL_MASK | GTRACE_FLAG_COMPACT_MASK), "1 3 4 2 2 13");
+    o.mask.classes[0] = 0;
+    EXPECT_EQ(points(GTRACE_FLAG_COMPACT_MASK), "");
+    EXPECT_EQ(points(GTRACE_FLAG_ERRORS_ONLY | GTRACE_FLAG_TIMESTAMP), "4 2 13 stamped");
 }
 
 TEST_F(Trace, ProcessAndThreadFilters) {
@@ -517,9 +489,8 @@ TEST_F(Trace, ProcessAndThreadFilters) {
     gtraceSetProcessID(kPid);
     auto r = records();
     ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].h.functionID, F);
-    EXPECT_EQ(r[1].h.functionID, F + 2);
-    EXPECT_EQ(r[1].h.processID, kPid + 1);
+    EXPECT_EQ(std::make_tuple(r[0].h.functionID, r[1].h.functionID, r[1].h.processID),
+              std::make_tuple(F, F + 2, kPid + 1));
 
     // A count beyond the entries, as a damaged block may hold: only the five entries are asked,
     // not the bytes behind them (which would match this point).
@@ -532,98 +503,55 @@ TEST_F(Trace, ProcessAndThreadFilters) {
     EXPECT_EQ(claimed(), before);
 }
 
-TEST_F(Trace, CompactMaskOverFullMask) {
-    GTCBOptions o = options(GTRACE_MODE_WRAP, GTRACE_FLAG_FULL_MASK);
-    const Uint32 f = ZEP_FUNC_INDEX(F), rc = 1;
-    // Full mask: the rename's entries and exits, and its probe 30 only.
-    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_ENTRY, 0, 0);
-    o.traceMask.gtmSetMask(1, 3, f, GTRACE_TYPE_EXIT, 0, 0);
-    o.traceMask.gtmSetMask(1, 3, f, 30, GTM_FLAG_PROBE, 0);
-    build(o);
-    auto points = [&] {
-        _gtraceEntry(T, F);
-        _gtraceVar(T, F, 10, 3, 0);
-        _gtraceErrorVar(T, F, 30, 4, 0, 0, 0);
-        _gtraceExit(T, F, &rc, 0, 0);
-        _gtraceEntry(T, ZEPFN_zepFileDelete);
-        auto r = records();
-        gtraceClear();
-        return types(r);
-    };
-    EXPECT_EQ(points(), "1 4 2");
-    // With the compact mask on too, only it is asked: it passes type 3 (probes are forgotten)
-    // and still rejects the function outside it; a class bit missing rejects everything.
-    o.traceMask.gtmReplicateMask(&o.mask);
-    o.flags = GTRACE_FLAG_FULL_MASK | GTRACE_FLAG_COMPACT_MASK;
-    ASSERT_EQ(gtraceSetOptions(&o), 0u);
-    EXPECT_EQ(points(), "1 3 4 2");
-    o.mask.classes[0] = 0;
-    ASSERT_EQ(gtraceSetOptions(&o), 0u);
-    EXPECT_EQ(points(), "");
-}
-
 TEST_F(Trace, StopEvents) {
     const Uint32 stop = ECF_FILE_DOESNT_EXIST, other = 1;
+    // The event count starts at 1: a stop count of 0 stops at the first event, 3 at the third.
     for (Uint32 stopCount : {0u, 3u}) {
-        SCOPED_TRACE(stopCount);
         GTCBOptions o = options(GTRACE_MODE_WRAP, GTRACE_FLAG_STOP_COUNT | GTRACE_FLAG_STOP_ON_RC);
         o.stopCount = stopCount;
         o.stopReturnCode = stop;
         build(o);
-        g_disables = 0;
-        const Uint32 events = stopCount == 0 ? 1 : stopCount;
-        for (Uint32 i = 0; i < events; ++i) {
-            EXPECT_EQ(cb_->enabled, 1u);
+        Uint32 events = 0;
+        for (; cb_->enabled && events < 5; ++events) {
             _gtraceExit(T, F, &other, 0, 0);
             _gtraceExit(T, F, &stop, 0, 0);
         }
-        EXPECT_EQ(cb_->enabled, 0u);
-        EXPECT_EQ(g_disables, 1);
-        EXPECT_EQ(cb_->eventCount, events + 1);
-        // The record that stopped the trace is the last one.
-        auto r = records();
-        ASSERT_EQ(r.size(), 2 * events);
-        EXPECT_EQ(r.back().h.returnCode, stop);
+        EXPECT_EQ(std::make_tuple(events, cb_->eventCount, g_disables, records().size()),
+                  std::make_tuple(std::max(stopCount, 1u), events + 1, 1, 2ul * events));
     }
     // Without flag 6 no exit stops the trace; type 5 by the error operations does with it.
-    ring(GTRACE_FLAG_STOP_ON_RC);
+    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_STOP_ON_RC));
     cb_->options.stopReturnCode = stop;
     for (int i = 0; i < 5; ++i) _gtraceExit(T, F, &stop, 0, 0);
-    EXPECT_EQ(cb_->enabled + cb_->eventCount, 2u);
-    ring(GTRACE_FLAG_STOP_COUNT);
+    EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(1u, 1u));
+    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_STOP_COUNT));
     cb_->options.stopCount = 2;
     _gtraceExit(T, F, &stop, 0, 0);  // flag 7 is off: exits don't count
     _gtraceVar(T, F, 1, 5, 0);       // type 5, but not by an error operation
     _gtraceError(T, F, 1, 4, 0, 0);
-    EXPECT_EQ(cb_->eventCount, 1u);
     _gtraceError(T, F, 1, 5, 0, 0);
-    EXPECT_EQ(cb_->enabled, 1u);
+    EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(1u, 2u));
     _gtraceErrorVar(T, F, 1, 5, 0, 0, 0);
-    EXPECT_EQ(cb_->enabled, 0u);
-    EXPECT_EQ(cb_->eventCount, 3u);
+    EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(0u, 3u));
 
     // A full stopping ring disables the trace with the claim that goes into the overflow area.
-    ring(0, GTRACE_MODE_STOP);
-    g_disables = 0;
+    build(options(GTRACE_MODE_STOP));
     const Uint32 slots = kRing / 64;
     for (Uint32 i = 0; i < slots; ++i) _gtraceEntry(T, i);
-    EXPECT_EQ(cb_->enabled + g_disables, 1u);
+    EXPECT_EQ(std::make_pair(cb_->enabled, g_disables), std::make_pair(1u, 0));
     _gtraceEntry(T, slots);
-    EXPECT_EQ(cb_->enabled, 0u);
-    EXPECT_EQ(g_disables, 1);
+    EXPECT_EQ(std::make_pair(cb_->enabled, g_disables), std::make_pair(0u, 1));
     auto r = records();
     ASSERT_EQ(r.size(), slots);
     EXPECT_EQ(r.back().h.functionID, slots - 1);
 }
 
 TEST_F(Trace, CallbackArguments) {
-    ring(GTRACE_FLAG_CALLBACK);
+    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_CALLBACK));
     const Uint32 v = 9;
     _gtraceEntry(T, F);
     _gtraceEntryVar(T, F, 2, 0u, 4u, &v, 0u, 0u, nullptr);
-    _gtraceExit(T, F, &kRc, 1, 2);
     _gtraceExitVar(T, F, &kRc, 1, 2, 1, 1u, 3u, uintptr_t{5});
-    _gtraceMarker(T, F, 17, 0x10008);
     _gtraceErrorRc(T, F, 18, 11, 0, 0, kRc, 0, 0);
     // A filtered point calls nothing; a cut record reports the items kept.
     cb_->options.flags |= GTRACE_FLAG_ERRORS_ONLY;
@@ -631,13 +559,8 @@ TEST_F(Trace, CallbackArguments) {
     std::vector<char> big(0x10000);
     const char* b = big.data();
     _gtraceErrorVar(T, F, 1, 4, 0, 0, 3, 0u, 0x10000u, b, 0u, 1u, b, 0u, 1u, b);
-    EXPECT_EQ(g_callbacks, (std::vector<std::string>{"1 0 - 0 -0/0", "1 0 - 2 0/4", "2 0 rc 0 -0/0",
-                                                     "2 0 rc 1 1/3", "8 17 - 0 -0/0",
+    EXPECT_EQ(g_callbacks, (std::vector<std::string>{"1 0 - 0 -0/0", "1 0 - 2 0/4", "2 0 rc 1 1/3",
                                                      "11 18 - 0 -0/0", "4 1 - 1 0/65536"}));
-    // Flag 8 without a callback.
-    ASSERT_EQ(gtraceAttach(cb_, kPid, nullptr, disableCallback), 0u);
-    _gtraceErrorVar(T, F, 1, 4, 0, 0, 0);
-    EXPECT_EQ(g_callbacks.size(), 7u);
 }
 
 // ---------------------------------------------------------------- counting and delaying
@@ -658,36 +581,26 @@ TEST_F(Trace, CountingMode) {
     // Nothing else acts in counting mode.
     _gtraceVar(T, F, 10, 3, 0);
     _gtraceMarker(T, F, 10, 3);
-    _gtraceErrorRcVar(T, F, 10, 5, 0, 0, 0, 0, 0, 0);
-    int used = 0;
-    for (Uint32 i = 0; i < kRing / 16; ++i) used += table()[i].functionID != 0;
-    EXPECT_EQ(used, 2);
-    EXPECT_EQ(entry(F)->count * 100 + entry(G)->count, 1501u);
-    EXPECT_EQ(entry(F)->totalTime + entry(G)->totalTime + cb_->eventCount, 0u);
-
+    EXPECT_EQ(used(), 2);
+    EXPECT_EQ(
+        std::make_tuple(entry(F)->count, entry(G)->count, entry(F)->totalTime, cb_->eventCount),
+        std::make_tuple(15u, 1u, 0ul, 0u));
     // A table with no room: every entry is a miss, counted in eventCount.
     for (Uint32 i = 0; i < kRing / 16; ++i) table()[i].functionID = 0xFFFFFFFF;
     recurse(F, 2);
     EXPECT_EQ(cb_->eventCount, 3u);
-    // The filters apply to counted entries too.
-    gtraceClear();
-    cb_->eventCount = 0;
-    cb_->options.flags |= GTRACE_FLAG_FILTERS;
-    recurse(F, 2);
-    EXPECT_EQ(entry(F), nullptr);
-    EXPECT_EQ(cb_->eventCount, 0u);
 
-    // With time: a recursive function is charged for all its frames at its first exit.
+    // With time: a recursive function is charged for all its frames at its first exit, and not
+    // again at its second.
     build(options(GTRACE_MODE_COUNTING, GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME));
     _gtraceEntry(T, F);
     _gtraceEntry(T, F);
     usleep(2000);
     _gtraceExit(T, F, &rc, 0, 0);
     const Uint64 once = entry(F)->totalTime;
+    _gtraceExit(T, F, &rc, 0, 0);
     EXPECT_GE(once, 2 * 2000000u);  // two frames of at least 2 ms each
-    _gtraceExit(T, F, &rc, 0, 0);   // the stack is empty now: nothing more
     EXPECT_EQ(entry(F)->totalTime, once);
-
     // F, then 511 frames of G fill the stack; H at level 513 gets no frame, and neither does F
     // at 514. Their exits: H finds nothing; F charges its frame at level 1 and cuts the stack.
     gtraceClear();
@@ -695,27 +608,12 @@ TEST_F(Trace, CountingMode) {
     for (int i = 0; i < 511; ++i) _gtraceEntry(T, G);
     _gtraceEntry(T, H);
     _gtraceEntry(T, F);
-    usleep(1000);
     _gtraceExit(T, F, &rc, 0, 0);
     _gtraceExit(T, H, &rc, 0, 0);
     for (int i = 0; i < 511; ++i) _gtraceExit(T, G, &rc, 0, 0);
-    EXPECT_EQ(std::vector<Uint32>({entry(F)->count, entry(G)->count, entry(H)->count}),
-              std::vector<Uint32>({2, 511, 1}));
-    EXPECT_GE(entry(F)->totalTime, 1000000u);
-    EXPECT_EQ(entry(G)->totalTime + entry(H)->totalTime, 0u);
-
-    // Each thread has its own stack.
-    gtraceClear();
-    _gtraceEntry(T, F);
-    std::thread([&] {
-        _gtraceExit(T, F, &rc, 0, 0);  // this thread has no stack: nothing
-        _gtraceEntry(T, G);
-        _gtraceExit(T, G, &rc, 0, 0);
-    }).join();
-    EXPECT_EQ(entry(F)->totalTime, 0u);
-    ASSERT_NE(entry(G), nullptr);
-    _gtraceExit(T, F, &rc, 0, 0);
-    EXPECT_GT(entry(F)->totalTime, 0u);
+    EXPECT_EQ(std::make_tuple(entry(F)->count, entry(G)->count, entry(H)->count,
+                              entry(G)->totalTime + entry(H)->totalTime, entry(F)->totalTime > 0),
+              std::make_tuple(2u, 511u, 1u, 0ul, true));
 }
 
 TEST_F(Trace, DelayingMode) {
