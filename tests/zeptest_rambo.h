@@ -1,68 +1,109 @@
-// The ring's stress records and their check, shared by test_rambo_stress and helper_rambo. A
-// record's payload is: writer, the writer's record counter, a checksum, and filler derived from
-// the writer and the counter, to the last byte.
+// The ring's test pieces, shared by test_rambo, test_rambo_stress and helper_rambo: a ring in
+// private memory, records written into it, and the stress records with their writer, the
+// consumer's loop and the check of a dump walk.
 #pragma once
 
 #include <string.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "rambo_consumer.h"
 #include "zep.h"
 
 namespace zeptest {
 
+// A ring in private memory, filled with 0xAA before it is built so that untouched bytes show.
+struct Ring {
+    explicit Ring(Uint32 mode, Uint32 size = 0x80000)
+        : memory(ramboGetAllocSize(size) / 8 + 1, 0xAAAAAAAAAAAAAAAAull),
+          rc(ramboInitialize(cb(), size, mode)) {}
+    RamboCB* cb() { return reinterpret_cast<RamboCB*>(memory.data()); }
+    Uint8* bytes() { return reinterpret_cast<Uint8*>(memory.data()); }
+    Uint8* slot(Uint32 index) { return bytes() + cb()->slotsOffset + index * 64; }
+    RamboChunk* chunk(Uint32 index) {
+        return reinterpret_cast<RamboChunk*>(bytes() + cb()->chunkTableOffset) + index;
+    }
+    std::vector<Uint64> memory;
+    Uint32 rc;  // of ramboInitialize
+};
+
+// Reserves a record of `payload` bytes, fills its payload with `fill` and stamps it.
+inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
+    RamboReservation r;
+    memset(&r, 0, sizeof r);
+    memset(ramboReserveSlots(ring.cb(), payload, &r), fill, payload);
+    ramboSync(ring.cb(), &r);
+    return r;
+}
+
+// A record of `slots` slots whose payload begins with `tag`.
+inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
+    memcpy(record(ring, slots * 64 - 12, 0x3C).slot + 8, &tag, 4);
+}
+
 constexpr Uint32 kWriters = 8;
 constexpr size_t kRingOffset = 4096;  // the ring's place in the shared mapping
 
-// The head of the shared mapping: what the helper processes report.
+// The head of the stress test's shared mapping: what the helper processes report.
 struct StressShared {
     Uint32 go, stop;
-    Uint32 landed[kWriters];             // records of each writer that went into the ring
-    Uint32 overflowCalls[kWriters / 2];  // overflow callbacks, per writing process
-    Uint32 dumps;                        // instantaneous dumps made and walked
-    Uint32 badRecords;                   // delivered with a wrong checksum, size or writer
-    Uint32 orderErrors;                  // a writer's records out of claim order
-    Uint32 directionMismatches;          // forward and backward delivered different counts
+    Uint32 faults;  // delivered torn, out of a writer's order, or not the same both ways
     Uint64 recordsChecked;
     Uint32 consumerRc, consumerChunks;
-    Uint32 inFlight[kWriters];  // wrapping ring: lowest sequence a writer may be writing
 };
 
-inline Uint32 fnv(const Uint8* p, Uint32 size, Uint32 h = 2166136261u) {
-    for (Uint32 i = 0; i < size; ++i) h = (h ^ p[i]) * 16777619u;
-    return h;
+// A record's payload: writer, counter, then a byte of both to the end, so that a record made
+// of two writers' bytes or of two laps shows.
+inline Uint8 fillByte(Uint32 writer, Uint32 counter) {
+    return static_cast<Uint8>(writer * 37 + counter * 11 + 1);
 }
-
 inline void fillPayload(Uint8* p, Uint32 size, Uint32 writer, Uint32 counter) {
     memcpy(p, &writer, 4);
     memcpy(p + 4, &counter, 4);
-    Uint64 x = (static_cast<Uint64>(writer) << 32 | counter) * 0x9E3779B97F4A7C15ull + 1;
-    for (Uint32 i = 12; i < size; i += 4) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        const Uint32 word = static_cast<Uint32>(x);
-        memcpy(p + i, &word, size - i < 4 ? size - i : 4);
-    }
-    const Uint32 sum = fnv(p + 12, size - 12, fnv(p, 8));
-    memcpy(p + 8, &sum, 4);
+    memset(p + 8, fillByte(writer, counter), size - 8);
 }
 
-inline bool payloadValid(const Uint8* p, Uint32 size, Uint32* writer, Uint32* counter) {
-    if (size < 52 || (size + 12) % 64 != 0) return false;
-    Uint32 sum;
-    memcpy(writer, p, 4);
-    memcpy(counter, p + 4, 4);
-    memcpy(&sum, p + 8, 4);
-    return *writer < kWriters && sum == fnv(p + 12, size - 12, fnv(p, 8));
+// `records` records of 1 to 40 slots, some by the one-slot reservation.
+inline void writeRecords(RamboCB* ring, Uint32 writer, Uint32 records) {
+    Uint64 rng = writer * 0x2545F4914F6CDD1Dull + 7;
+    for (Uint32 k = 0; k < records; ++k) {
+        rng = rng * 6364136223846793005ull + 1442695040888963407ull;
+        const Uint32 slots = 1 + static_cast<Uint32>((rng >> 33) % 40), size = slots * 64 - 12;
+        RamboReservation r;
+        void* p = slots == 1 && (rng >> 20 & 1) ? ramboReserveOneSlot(ring, &r)
+                                                : ramboReserveSlots(ring, size, &r);
+        fillPayload(static_cast<Uint8*>(p), size, writer, k);
+        ramboSync(ring, &r);
+    }
+}
+
+// Drains a chunked ring into an auto dump at `path` until `*stop` is set, then writes the rest
+// and switches auto dump off. The chunks written go to `chunks`.
+inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* stop, Uint32* chunks) {
+    ZEPFileOpenParam open;
+    open.path = path.c_str();
+    open.creation = ZEP_FILE_CREATE_OR_REPLACE;
+    open.access = ZEP_FILE_ACCESS_READ_WRITE;
+    ZEPHFile file;
+    RamboChunkConsumer consumer;
+    Uint32 rc = file.open(&open);
+    if (rc == 0) rc = consumer.start(ring, &file);
+    for (Uint32 n = 0; rc == 0 && !__atomic_load_n(stop, __ATOMIC_ACQUIRE);)
+        if ((rc = consumer.drain(&n)) == 0 && n == 0) usleep(100);
+    const Uint32 stopped = consumer.stop(true);
+    *chunks = static_cast<Uint32>(consumer.chunksWritten());
+    file.close();
+    return rc ? rc : stopped;
 }
 
 // Every record a walk of the dump at `path` delivers, as counters per writer in walk order.
 struct Walked {
     std::vector<std::vector<Uint32>> counters = std::vector<std::vector<Uint32>>(kWriters);
     Uint32 bad = 0, rc = 0;
-    Uint8 wrapped = 0xFF, truncated = 0xFF;
+    Uint8 wrapped = 0xFF;
     Uint64 total = 0;
     // Each writer's records in claim order (forward) or its reverse.
     bool ordered(bool forward) const {
@@ -91,13 +132,16 @@ inline Walked walkDump(const std::string& path, bool forward, bool scan = false)
                                                  RAMBO_CHUNK_SIZE)) != 0;) {
         ++w.total;
         Uint32 writer, counter;
-        if (payloadValid(payload.data(), size, &writer, &counter))
+        memcpy(&writer, payload.data(), 4);
+        memcpy(&counter, payload.data() + 4, 4);
+        const Uint8 b = fillByte(writer, counter);
+        if (writer < kWriters &&
+            std::all_of(payload.data() + 8, payload.data() + size, [b](Uint8 x) { return x == b; }))
             w.counters[writer].push_back(counter);
         else
             ++w.bad;
     }
     ramboDidBufferWrap(&parser, &w.wrapped);
-    ramboWasBufferTruncated(&parser, &w.truncated);
     w.rc = ramboCloseDumpFileParser(&parser);
     file.close();
     return w;
