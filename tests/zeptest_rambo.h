@@ -39,11 +39,6 @@ inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
     return r;
 }
 
-// A record of `slots` slots whose payload begins with `tag`.
-inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
-    memcpy(record(ring, slots * 64 - 12, 0x3C).slot + 8, &tag, 4);
-}
-
 constexpr Uint32 kWriters = 8;
 constexpr size_t kRingOffset = 4096;  // the ring's place in the shared mapping
 
@@ -64,6 +59,14 @@ inline void fillPayload(Uint8* p, Uint32 size, Uint32 writer, Uint32 counter) {
     memcpy(p, &writer, 4);
     memcpy(p + 4, &counter, 4);
     memset(p + 8, fillByte(writer, counter), size - 8);
+}
+
+// A record of `slots` slots whose payload begins with `tag`.
+inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
+    RamboReservation r;
+    fillPayload(static_cast<Uint8*>(ramboReserveSlots(ring.cb(), slots * 64 - 12, &r)),
+                slots * 64 - 12, tag, 0);
+    ramboSync(ring.cb(), &r);
 }
 
 // `records` records of 1 to 40 slots, some by the one-slot reservation.
@@ -99,50 +102,48 @@ inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* stop
     return rc ? rc : stopped;
 }
 
-// Every record a walk of the dump at `path` delivers, as counters per writer in walk order.
+// What a walk of the dump that begins at `at` in the file `path` delivers: each record's first
+// word (its writer, or the tag of a record that put() wrote) in walk order, each writer's
+// counters in walk order, the records whose payload isn't whole, and the parser's flags as
+// "wrapped truncated".
 struct Walked {
+    std::vector<Uint32> tags;
     std::vector<std::vector<Uint32>> counters = std::vector<std::vector<Uint32>>(kWriters);
     Uint32 bad = 0, rc = 0;
-    Uint8 wrapped = 0xFF;
-    Uint64 total = 0;
-    // Each writer's records in claim order (forward) or its reverse.
-    bool ordered(bool forward) const {
-        for (const auto& c : counters)
-            for (size_t i = 1; i < c.size(); ++i)
-                if (forward ? c[i] <= c[i - 1] : c[i] >= c[i - 1]) return false;
-        return true;
-    }
+    std::string flags;
 };
 
-inline Walked walkDump(const std::string& path, bool forward, bool scan = false) {
+inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
     Walked w;
     ZEPFileOpenParam open;
     open.path = path.c_str();
     open.creation = ZEP_FILE_OPEN_EXISTING;
     open.access = ZEP_FILE_ACCESS_READ;
+    ZEPFileSeekParam seek;
+    seek.offset = static_cast<Sint64>(at);
     ZEPHFile file;
-    RamboDumpParser parser;
-    w.rc = file.open(&open);
-    if (w.rc == 0)
+    RamboDumpParser parser = {};
+    if ((w.rc = file.open(&open)) == 0 && (w.rc = file.seek(&seek)) == 0)
         w.rc = scan ? ramboOpenDumpFileParserScan(&file, &parser, forward)
                     : ramboOpenDumpFileParser(&file, &parser, forward);
-    if (w.rc != 0) return w;
-    std::vector<Uint8> payload(RAMBO_CHUNK_SIZE);
-    for (Uint32 size; (size = ramboParseDumpFile(&file, &parser, nullptr, payload.data(),
-                                                 RAMBO_CHUNK_SIZE)) != 0;) {
-        ++w.total;
+    std::vector<Uint8> p(RAMBO_CHUNK_SIZE);
+    for (Uint32 size; w.rc == 0 && (size = ramboParseDumpFile(&file, &parser, nullptr, p.data(),
+                                                              RAMBO_CHUNK_SIZE)) != 0;) {
         Uint32 writer, counter;
-        memcpy(&writer, payload.data(), 4);
-        memcpy(&counter, payload.data() + 4, 4);
+        memcpy(&writer, p.data(), 4);
+        memcpy(&counter, p.data() + 4, 4);
+        w.tags.push_back(writer);
         const Uint8 b = fillByte(writer, counter);
-        if (writer < kWriters &&
-            std::all_of(payload.data() + 8, payload.data() + size, [b](Uint8 x) { return x == b; }))
-            w.counters[writer].push_back(counter);
-        else
+        if (!std::all_of(p.data() + 8, p.data() + size, [b](Uint8 x) { return x == b; }))
             ++w.bad;
+        else if (writer < kWriters)
+            w.counters[writer].push_back(counter);
     }
-    ramboDidBufferWrap(&parser, &w.wrapped);
-    w.rc = ramboCloseDumpFileParser(&parser);
+    Uint8 wrapped = 9, truncated = 9;
+    ramboDidBufferWrap(&parser, &wrapped);
+    ramboWasBufferTruncated(&parser, &truncated);
+    w.flags = std::to_string(wrapped) + " " + std::to_string(truncated);
+    if (w.rc == 0) w.rc = ramboCloseDumpFileParser(&parser);
     file.close();
     return w;
 }
