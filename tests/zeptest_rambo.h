@@ -1,6 +1,6 @@
-// The ring's test pieces, shared by test_rambo, test_rambo_stress and helper_rambo: a ring in
-// private memory, records written into it, and the stress records with their writer, the
-// consumer's loop and the check of a dump walk.
+// The ring's test pieces, shared by test_rambo and test_rambo_stress: a ring in private memory,
+// records written into it, the stress records with their writer, the consumer's loop, and the
+// walk of a dump.
 #pragma once
 
 #include <string.h>
@@ -39,16 +39,7 @@ inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
     return r;
 }
 
-constexpr Uint32 kWriters = 8;
-constexpr size_t kRingOffset = 4096;  // the ring's place in the shared mapping
-
-// The head of the stress test's shared mapping: what the helper processes report.
-struct StressShared {
-    Uint32 go, stop;
-    Uint32 faults;  // delivered torn, out of a writer's order, or not the same both ways
-    Uint64 recordsChecked;
-    Uint32 consumerRc, consumerChunks;
-};
+constexpr Uint32 kWriters = 8;  // of the stress tests
 
 // A record's payload: writer, counter, then a byte of both to the end, so that a record made
 // of two writers' bytes or of two laps shows.
@@ -83,9 +74,10 @@ inline void writeRecords(RamboCB* ring, Uint32 writer, Uint32 records) {
     }
 }
 
-// Drains a chunked ring into an auto dump at `path` until `*stop` is set, then writes the rest
-// and switches auto dump off. The chunks written go to `chunks`.
-inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* stop, Uint32* chunks) {
+// Drains a chunked ring into an auto dump at `path` until `*done` writers have finished, then
+// writes the rest and switches auto dump off. The chunks written go to `chunks`.
+inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* done, Uint32 writers,
+                      Uint32* chunks) {
     ZEPFileOpenParam open;
     open.path = path.c_str();
     open.creation = ZEP_FILE_CREATE_OR_REPLACE;
@@ -94,7 +86,7 @@ inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* stop
     RamboChunkConsumer consumer;
     Uint32 rc = file.open(&open);
     if (rc == 0) rc = consumer.start(ring, &file);
-    for (Uint32 n = 0; rc == 0 && !__atomic_load_n(stop, __ATOMIC_ACQUIRE);)
+    for (Uint32 n = 0; rc == 0 && __atomic_load_n(done, __ATOMIC_ACQUIRE) < writers;)
         if ((rc = consumer.drain(&n)) == 0 && n == 0) usleep(100);
     const Uint32 stopped = consumer.stop(true);
     *chunks = static_cast<Uint32>(consumer.chunksWritten());
