@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <thread>
-
 #include "zepframe.h"
 #include "zeptest_capture.h"
 #include "zeptest_util.h"
@@ -45,9 +43,8 @@ TEST_F(Frame, RenameFailsTheSameWayForEveryReason) {
         std::string from, to;
         Uint32 osError;
     } cases[] = {
-        {path("src"), path("dst"), 183},    // the target exists
-        {path("src"), path("nodir/x"), 3},  // the target's directory doesn't
-        {path("d"), path("d/inner"), 87},   // a directory into itself: refused
+        {path("src"), path("dst"), 183},   // the target exists
+        {path("d"), path("d/inner"), 87},  // a directory into itself: refused
         {path("src"), path("src") + std::string(300, 'n'), 206},
     };
     for (const auto& c : cases) {
@@ -121,21 +118,10 @@ TEST_F(Frame, ParameterObjectChecks) {
     EXPECT_EQ(calls[2].items[0].type, ZEP_LOGDATA_UINT);
 }
 
-TEST(Lifecycle, Identities) {
-    for (int i = 0; i < 3; ++i) zepOneTimeOnly();
-    zepTerminate();  // memory debugging off: nothing to report
-    EXPECT_EQ(zepProcessID(), static_cast<Uint32>(getpid()));
-    EXPECT_EQ(zepThreadID(), static_cast<Uint32>(gettid()));
-    Uint32 other = 0;
-    std::thread([&] { other = zepThreadID(); }).join();
-    EXPECT_NE(other, zepThreadID());
-    // A forked child has identities of its own, not its parent's remembered ones.
+TEST(Lifecycle, ForkedChildHasItsOwnIdentities) {
     const pid_t child = fork();
     if (child == 0)
-        _exit(zepProcessID() == static_cast<Uint32>(getpid()) &&
-                      zepThreadID() == static_cast<Uint32>(gettid())
-                  ? 0
-                  : 1);
+        _exit(zepProcessID() == Uint32(getpid()) && zepThreadID() == Uint32(gettid()) ? 0 : 1);
     EXPECT_EQ(waitExit(child), 0);
 }
 
