@@ -363,7 +363,13 @@ TEST_F(SysInfo, RecordedGroupsBoundMemorySwapAndProcessors) {
         ZEPPhysSwapInfo s;
         ZEPCPUInfo p;
         ASSERT_EQ(zepGetPhysMemInfo(&m) | zepGetPhysSwapInfo(&s), 0u);
-        zepGetCPUInfo(&p);
+        calls.clear();
+        trace(true);
+        EXPECT_EQ(zepGetCPUInfo(&p), ECF_PARTIAL_INFO);  // no processor speed is recorded
+        trace(false);
+        EXPECT_EQ(p.speedMHz.state, ECF_FAILED);
+        EXPECT_EQ(errorRecords(), Strings{at(ZEPFN_zepGetCPUInfo, 20)});
+        EXPECT_EQ(valueOf<Uint32>(calls.at(1).items.at(0)), 2u);
         EXPECT_EQ(std::vector<Sint32>(
                       {m.physTotal.value, m.physFree.value, s.swapTotal.value, s.swapFree.value}),
                   c.mb);
