@@ -41,7 +41,6 @@ TEST_F(Library, LookUpsLoudQuietAndInBulk) {
               "entry ZEPHLibrary::getFuncAddress; var ZEPHLibrary::getFuncAddress p10 t3 n2; "
               "error ZEPHLibrary::getFuncAddress p30 t4 n1; exit "
               "ZEPHLibrary::getFuncAddress ECF_LIB_FUNC_NOT_FOUND");
-    EXPECT_EQ(calls[1].items.at(1).bytes, "proclibMissing");
 
     // Loud: the platform's failure with the handle, then the library's code, both at probe 30;
     // the caller's pointer is left alone.
@@ -70,8 +69,6 @@ TEST_F(Library, LookUpsLoudQuietAndInBulk) {
                           "; log ZEPHLibrary::getFunctionAddresses ECF_LIB_FUNC_NOT_FOUND "
                           "p40 L4 n1");
     EXPECT_EQ(calls.back().items.at(0).bytes, "proclibMissing");
-    bulk.count = 0;
-    EXPECT_EQ(lib.getFunctionAddresses(&bulk, got), 0u);
 
     // Unloaded, everything says so; the bulk look-up stops at its first name.
     calls.clear();
@@ -82,16 +79,12 @@ TEST_F(Library, LookUpsLoudQuietAndInBulk) {
     calls.clear();
     EXPECT_EQ(lib.getFuncAddress(&probe, &info), ECF_LIB_NOT_LOADED);
     EXPECT_TRUE(calls.empty());  // quiet
-    bulk.count = 3;
     ZEPLibFunction before[3] = {add, add, add};
     EXPECT_EQ(lib.getFunctionAddresses(&bulk, before), ECF_LIB_NOT_LOADED);
     for (ZEPLibFunction f : before) EXPECT_EQ(f, add);
     EXPECT_EQ(said(),
               "log ZEPHLibrary::getFuncAddress ECF_LIB_NOT_LOADED p20 L4 n0; log "
               "ZEPHLibrary::getFunctionAddresses ECF_LIB_NOT_LOADED p50 L4 n0");
-    calls.clear();
-    EXPECT_EQ(lib.getFunctionAddresses(nullptr, before), ECF_INVALID_PARAMETER);
-    theLog(ZEPFN_ZEPHLibrary_getFunctionAddresses, 1111, ECF_INVALID_PARAMETER, ZEP_LOG_ERROR);
 }
 
 TEST_F(Library, LoadRefusalsAndFlags) {
