@@ -69,7 +69,6 @@ TEST_F(Library, LookUpsLoudQuietAndInBulk) {
     // Unloaded, everything says so; the bulk look-up stops at its first name.
     calls.clear();
     EXPECT_EQ(lib.unload(), 0u);
-    EXPECT_FALSE(lib.isLoaded());
     EXPECT_EQ(lib.unload(), ECF_LIB_NOT_LOADED);
     theLog(ZEPFN_ZEPHLibrary_unload, 10, ECF_LIB_NOT_LOADED);
     calls.clear();
@@ -92,6 +91,8 @@ TEST_F(Library, LoadRefusalsAndFlags) {
     } cases[] = {
         {missing, 0, ECF_LIB_CANNOT_LOAD, 126, ZEP_LOG_INFO},
         {missing, ZEP_LIB_LOAD_QUIET, ECF_LIB_CANNOT_LOAD, 126, 0},
+        {"libzepnosuchlibrary.so", 0, ECF_LIB_CANNOT_LOAD, 126,
+         ZEP_LOG_INFO},  // by the search path
         {text, 0, ECF_UNKNOWN, 193, ZEP_LOG_ERROR},
         {text, ZEP_LIB_LOAD_AS_DATAFILE, ECF_UNKNOWN, 193, ZEP_LOG_ERROR},
         {dir_, 0, ECF_ACCESS_DENIED, 5, ZEP_LOG_INFO},

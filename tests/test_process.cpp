@@ -1,7 +1,7 @@
 // ZEPHProcess with real children (helper_proc): the command line as the child receives it, exit
 // codes and signals in the status, the flag rules, the log records of a program that can't be
-// started, the environment block, descriptors, detached children that outlive their parent,
-// and no zombie or descriptor left behind by any way through create().
+// started, the environment block, descriptors, and no zombie or descriptor left behind by any
+// way through create().
 #include <fcntl.h>
 #include <signal.h>
 
