@@ -91,8 +91,7 @@ TEST_F(Library, LoadRefusalsAndFlags) {
     } cases[] = {
         {missing, 0, ECF_LIB_CANNOT_LOAD, 126, ZEP_LOG_INFO},
         {missing, ZEP_LIB_LOAD_QUIET, ECF_LIB_CANNOT_LOAD, 126, 0},
-        {"libzepnosuchlibrary.so", 0, ECF_LIB_CANNOT_LOAD, 126,
-         ZEP_LOG_INFO},  // by the search path
+        {"libzepnosuchlibrary.so", 0, ECF_LIB_CANNOT_LOAD, 126, ZEP_LOG_INFO},  // search path
         {text, 0, ECF_UNKNOWN, 193, ZEP_LOG_ERROR},
         {text, ZEP_LIB_LOAD_AS_DATAFILE, ECF_UNKNOWN, 193, ZEP_LOG_ERROR},
         {dir_, 0, ECF_ACCESS_DENIED, 5, ZEP_LOG_INFO},
