@@ -118,12 +118,16 @@ TEST_F(Library, LoadRefusalsAndFlags) {
     }
 
     // Functions resolved at their first call: the library with the unresolvable reference loads.
-    ZEPHLibrary lazy, lib;
+    ZEPHLibrary lazy, data, lib;
     ASSERT_EQ(lazy.load(kUnresolved, ZEP_LIB_LOAD_DONT_RESOLVE_REFERENCES), 0u);
     ZEPLibFunction add = nullptr;
     ASSERT_EQ(lazy.getFuncAddress("proclibAdd", &add), 0u);
     EXPECT_EQ(callAdd(add, 1, 1), 2);
     EXPECT_EQ(lazy.unload(), 0u);
+    // As a data file: loaded, but nothing in it can be called.
+    ASSERT_EQ(data.load(kLib, ZEP_LIB_LOAD_AS_DATAFILE), 0u);
+    EXPECT_EQ(data.getFuncAddress("proclibAdd", &add), ECF_LIB_FUNC_NOT_FOUND);
+    EXPECT_EQ(data.unload(), 0u);
     // A loaded object refuses another load and keeps its library; quietly, the error record only.
     ASSERT_EQ(lib.load(kLib, 0), 0u);
     void* const held = lib.handle();

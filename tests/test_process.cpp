@@ -75,9 +75,9 @@ TEST_F(Process, CommandLineReachesTheChildByTheSplittingRules) {
         std::string arg;
         Strings argv;  // from argv[2] on
     } cases[] = {
-        {"two words", {"two", "words"}},
-        {"\"one word\"", {"one word"}},
-        {"x\\\\\"y z\"", {"x\\y z"}},  // 2n backslashes: n, and the quote groups
+        {"two words", {"two", "words"}},      {"\"one word\"", {"one word"}},
+        {"x\\\\\"y z\"", {"x\\y z"}},          // 2n backslashes: n, and the quote groups
+        {"\"a \"\"b\"\" c\"", {"a \"b\" c"}},  // "" inside quotes
         {"ab\"c d\"ef", {"abc def"}},
     };
     for (const auto& c : cases) {
