@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "zepdecengine.h"
 
@@ -88,6 +89,27 @@ TEST(DecEngine, ScientificTextAllShapes) {
                     ASSERT_EQ(buf[i], 'x') << n << " " << e;
             }
         }
+    }
+}
+
+TEST(DecEngine, EncodingFoldsExponentsBeyondTheFormat) {
+    // A value made outside a context: exponents above the format fold down, zeros are clamped.
+    const std::tuple<const char*, Sint32, const char*> cases[] = {{"1", 384, "47fc000000000000"},
+                                                                  {"0", 500, "43fc000000000000"},
+                                                                  {"0", -500, "0000000000000000"}};
+    for (const auto& [digit, exponent, want] : cases) {
+        ZEPDecContext ctx;
+        zepDecContextInit(&ctx, 64);
+        ZEPDecValue v;
+        zepDecValueZero(&v);
+        v.coefficient[0] = Uint16(digit[0] - '0');
+        v.exponent = exponent;
+        Uint8 b[8];
+        zepDecEncode64(b, &v, &ctx);
+        char hex[17];
+        for (int i = 0; i < 8; ++i) snprintf(hex + 2 * i, 3, "%02x", b[i]);
+        EXPECT_STREQ(hex, want) << digit << "E" << exponent;
+        EXPECT_EQ(ctx.status, Uint32(ZEP_DEC_CLAMPED)) << digit << "E" << exponent;
     }
 }
 
