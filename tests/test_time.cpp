@@ -89,8 +89,7 @@ TEST(Tick, FactorAcrossProcesses) {
     ASSERT_EQ(ftruncate(fd, sizeof(Stamped)), 0);
     void* p = mmap(nullptr, sizeof(Stamped), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ASSERT_NE(p, MAP_FAILED);
-    ASSERT_EQ(
-        zeptest::waitExit(zeptest::spawnHelper("helper_tick", {"factor", std::to_string(fd)})), 0);
+    ASSERT_EQ(zeptest::waitExit(zeptest::spawnHelper("helper_tick", {std::to_string(fd)})), 0);
     const Stamped& theirs = *static_cast<const Stamped*>(p);
     EXPECT_EQ(theirs.factor.frequency, a.frequency);
     zepSleep(50);
