@@ -95,7 +95,10 @@ TEST(Atomic, TestGetSetsBitSevenOfItsByteOnly) {
 }
 
 TEST(Atomic, ContendedCountsAreExact) {
-    // Atomic counts, and a plain count under the latch, from more threads than processors.
+    // Atomic counts, and a plain count under the latch, from more threads than processors; the
+    // latch is retuned (to no spinning) while they wait for it.
+    ZEPSpinTune saved;
+    ZEPLatch::getSpinCounts(saved);
     volatile Uint32 added = 0;
     volatile Uint64 swapped = 0;
     volatile Uint8 bytes = 0;
@@ -104,19 +107,23 @@ TEST(Atomic, ContendedCountsAreExact) {
     const int threads = 4, rounds = 50000;
     std::vector<std::thread> pool;
     for (int t = 0; t < threads; ++t)
-        pool.emplace_back([&] {
+        pool.emplace_back([&, t] {
             Uint64 seen = 0;
             for (int i = 0; i < rounds; ++i) {
                 zepWin32FetchAndAdd32Internal(&added, 1);
                 while (!zepWin32CompareSwapAndReturn64Internal(&swapped, &seen, seen + 3)) {
                 }
                 zepAtomicFetchAndAdd8(&bytes, 1);
+            }
+            for (int i = 0; i < rounds; ++i) {
+                if (t == 0 && i == rounds / 2) ZEPLatch::updateSpinCounts({0, 0, 0, 0, 0});
                 zepLockGet(&lock);
                 counter = counter + 1;
                 zepLockRelease(&lock);
             }
         });
     for (auto& t : pool) t.join();
+    ZEPLatch::updateSpinCounts(saved);
     EXPECT_EQ(P(added, swapped), P(threads * rounds, Uint64(3) * threads * rounds));
     EXPECT_EQ(P(bytes, counter), P((threads * rounds) & 0xFF, threads * rounds));
     EXPECT_EQ(lock, 0);

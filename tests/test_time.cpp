@@ -1,4 +1,5 @@
-// Ticks and their conversions at the boundaries, the factor across processes, and the time calls.
+// Ticks and their conversions at the boundaries, the factor within and across processes, and the
+// time calls.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,7 +8,9 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include "zep.h"
 #include "zepos.h"
@@ -22,7 +25,7 @@ ZEPTickConversionFactor factorOf(Sint64 frequency) {
     return f;
 }
 
-// A tick read between two readings of the wall clock: the layout helper_tick writes too.
+// A tick read between two readings of the wall clock, with the factor to convert it.
 struct Stamped {
     ZEPTickConversionFactor factor;
     ZEPTick tick;
@@ -33,6 +36,12 @@ Sint64 realtimeNs() {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     return Sint64(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+void stamp(Stamped& s) {
+    s.before = realtimeNs();
+    s.tick.read();
+    s.after = realtimeNs();
 }
 
 }  // namespace
@@ -75,48 +84,51 @@ TYPED_TEST(TickConversion, ToTimeAndFromTimeValue) {
 }
 
 TEST(Tick, FactorAcrossProcesses) {
-    // Another process's factor (its threads asked for it at once, the first time) and its tick,
-    // through shared memory: the same counter, so its factor converts the ticks between its
-    // read and ours into what the wall clock saw around them (give or take 0.5 ms).
-    ZEPTickConversionFactor a;
-    memset(&a, 0xAB, sizeof a);
-    a.initialize();
+    // A process of its own, forked before anything here measured the factor, measures it itself
+    // and reads a tick; then four threads here ask for the factor at once, the first time, and
+    // get the same bytes. Both processes read the same counter: the child's factor converts the
+    // ticks between its read and ours into what the wall clock saw around them (0.5 ms slack).
+    void* p =
+        mmap(nullptr, sizeof(Stamped), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(p, MAP_FAILED);
+    Stamped& theirs = *static_cast<Stamped*>(p);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        theirs.factor.initialize();
+        stamp(theirs);
+        _exit(0);
+    }
+    ASSERT_EQ(zeptest::waitExit(pid), 0);
+    ZEPTickConversionFactor seen[4];
+    std::vector<std::thread> threads;
+    for (auto& f : seen) threads.emplace_back([&f] { f.initialize(); });
+    for (auto& t : threads) t.join();
+    for (const auto& f : seen) EXPECT_EQ(memcmp(&f, &seen[0], sizeof f), 0);
     Sint64 frequency = 0;
     ASSERT_TRUE(zepos::QueryPerformanceFrequency(&frequency));
-    EXPECT_EQ(a.frequency, frequency);
-    EXPECT_GT(a.counterSample, 0u);
-    const int fd = memfd_create("zep-tick-test", 0);
-    ASSERT_EQ(ftruncate(fd, sizeof(Stamped)), 0);
-    void* p = mmap(nullptr, sizeof(Stamped), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ASSERT_NE(p, MAP_FAILED);
-    ASSERT_EQ(zeptest::waitExit(zeptest::spawnHelper("helper_tick", {std::to_string(fd)})), 0);
-    const Stamped& theirs = *static_cast<const Stamped*>(p);
-    EXPECT_EQ(theirs.factor.frequency, a.frequency);
+    EXPECT_EQ(std::make_pair(seen[0].frequency, theirs.factor.frequency),
+              std::make_pair(frequency, frequency));
+    EXPECT_GT(seen[0].counterSample, 0u);
     zepSleep(50);
     Stamped ours;
-    ours.before = realtimeNs();
-    ours.tick.read();
-    ours.after = realtimeNs();
+    stamp(ours);
     Uint32 s, ns;
     ZEPTickDelta(theirs.tick, ours.tick).convertToTime(theirs.factor, s, ns);
     const Sint64 elapsed = Sint64(s) * 1000000000 + ns;
     EXPECT_GE(elapsed, ours.before - theirs.after - 500000);
     EXPECT_LE(elapsed, ours.after - theirs.before + 500000);
     munmap(p, sizeof(Stamped));
-    close(fd);
 }
 
 TEST(Time, UtcAndBrokenDown) {
     const Sint32 before = Sint32(time(nullptr));
     EXPECT_LE(before, zepTimeGetUTC(nullptr));
     ZEPTimeValue v;
-    const Sint32 s = zepTimeGetUTC(&v);
-    EXPECT_EQ(v.seconds, s);
+    EXPECT_EQ(zepTimeGetUTC(&v), v.seconds);
     EXPECT_LT(v.milliseconds, 1000);
     EXPECT_EQ(v.microseconds, v.milliseconds * 1000u);
     EXPECT_EQ(zepSleep(0), 0u);
-
-    // The nine fields, and nothing beyond them.
+    // The nine fields, and nothing beyond them; local time follows the zone (two hours east).
     auto fields = [](const struct tm& t) {
         return std::vector<int>{t.tm_year, t.tm_mon,  t.tm_mday, t.tm_hour, t.tm_min,
                                 t.tm_sec,  t.tm_wday, t.tm_yday, t.tm_isdst};
@@ -127,7 +139,6 @@ TEST(Time, UtcAndBrokenDown) {
     EXPECT_EQ(zepTimeGmTime(-1, &t), &t);
     EXPECT_EQ(fields(t), (std::vector<int>{69, 11, 31, 23, 59, 59, 3, 364, 0}));
     EXPECT_EQ(t.tm_gmtoff, gmtoff);
-    // Local time follows the zone: two hours east of UTC, no daylight saving.
     const char* oldTz = getenv("TZ");
     const std::string saved = oldTz ? oldTz : "";
     setenv("TZ", "ZEP-2", 1);
