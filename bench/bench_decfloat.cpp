@@ -186,10 +186,5 @@ ZEP_BENCH_CASE(ToText34Zep, "decfloat34_to_text/zep");
 ZEP_BENCH_CASE(ToText34Bid, "decfloat34_to_text/peer:__bid128_to_string");
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ZepRatioReporter reporter(ZepRatioReporter::kWall);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kWall);
 }

@@ -29,7 +29,6 @@
 #include <atomic>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "trace_format.h"
@@ -299,18 +298,11 @@ int renameLoop(const char* how, long n) {
 
 int main(int argc, char** argv) {
     if (argc == 4 && strcmp(argv[1], "--renames") == 0) return renameLoop(argv[2], atol(argv[3]));
-    // Trace points run in threaded processes; so does this one.
-    std::thread([] {}).join();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    registerAll();
-    ZepRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    const int rc = zepBenchMain(argc, argv, ZepRatioReporter::kProcessor, true, registerAll);
     if (!g_dir.empty()) {
         const std::string cmd = "rm -rf '" + g_dir + "'";
         if (system(cmd.c_str()) != 0) return 1;
     }
     if (!g_dumpPath.empty()) unlink(g_dumpPath.c_str());
-    return 0;
+    return rc;
 }

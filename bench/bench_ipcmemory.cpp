@@ -155,10 +155,5 @@ BENCHMARK(Attach_Boost)
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ZepRatioReporter reporter(ZepRatioReporter::kWall);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kWall);
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "zep.h"
@@ -152,16 +151,6 @@ BENCHMARK(ContendedZep)
     ->UseRealTime()
     ->Repetitions(5);
 
-namespace {}  // namespace
-
 int main(int argc, char** argv) {
-    // The C library runs a mutex without its locked instructions while the process has one
-    // thread only. The library's callers are threaded processes: so is this one, from here on.
-    std::thread([] {}).join();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ZepRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kProcessor, true);
 }

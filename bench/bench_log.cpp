@@ -143,10 +143,5 @@ BENCHMARK(BM_ZepFileTargetTwoProcesses)->Unit(benchmark::kMillisecond)->Iteratio
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ZepRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kProcessor);
 }

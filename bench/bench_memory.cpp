@@ -143,10 +143,5 @@ BENCHMARK(Area_BoostInterprocess)->Name("Area/peer:boost-managed_shared_memory")
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ZepRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kProcessor);
 }

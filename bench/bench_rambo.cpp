@@ -326,13 +326,5 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Writers in the library's users are threads of threaded processes.
-    std::thread([] {}).join();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    registerAll();
-    ZepRatioReporter reporter(ZepRatioReporter::kWall);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return zepBenchMain(argc, argv, ZepRatioReporter::kWall, true, registerAll);
 }

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 class ZepRatioReporter : public benchmark::ConsoleReporter {
@@ -73,5 +74,21 @@ private:
     std::map<std::string, std::pair<double, bool>> rate_;  // per second; bytes or items
     std::vector<std::string> order_;
 };
+
+// The main of a benchmark program: Google Benchmark's own flags, `setup` (for cases registered
+// at run time), every case, then the ratios. `threaded` makes this a threaded process first, as
+// the library's callers are: the C library runs a mutex without its locked instructions while a
+// process has one thread only.
+inline int zepBenchMain(int argc, char** argv, ZepRatioReporter::Clock clock, bool threaded = false,
+                        void (*setup)() = nullptr) {
+    if (threaded) std::thread([] {}).join();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (setup) setup();
+    ZepRatioReporter reporter(clock);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
 
 #endif

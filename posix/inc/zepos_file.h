@@ -81,6 +81,15 @@ HANDLE HandleFor(HandleRecord* record);
 // record's own close undoes it and the result is null with last error 8.
 HANDLE HandleOrClose(HandleRecord* record);
 
+// The close of a record allocated whole by malloc, once what it holds is let go: the magic
+// cleared, the memory freed; returns 1.
+BOOL FreeRecord(HandleRecord* record);
+
+// An open-file-description lock (F_RDLCK, F_WRLCK or F_UNLCK) of [offset, offset+length), length
+// 0 to the end, waiting for it or not; fcntl's result and errno, interrupted calls retried. Such
+// a lock belongs to the open file, so threads and processes exclude each other alike.
+int OfdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait);
+
 // The record of an open handle of `kind`, or null (last error 6) for none, all ones, a handle
 // that was closed, a value that was never a handle, or another kind.
 HandleRecord* HandleOfKind(HANDLE handle, Uint32 kind);
@@ -154,6 +163,13 @@ Uint32 GetFileSize(HANDLE file, Uint32* fileSizeHigh);
 // word; failure returns INVALID_SET_FILE_POINTER with a last error other than 0 (131 for a
 // position before the start, 87 for another method), success sets it to 0.
 Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod);
+
+// SetFilePointer's two halves, shared by its handle form and its descriptor form (zepos_proc.h):
+// the arguments as lseek's (false, last error 87, for an unknown method), and lseek's result as
+// the platform's (the high word stored, the last error set from errno when it failed).
+bool SeekArguments(Sint32 distanceLow, const Sint32* distanceHigh, Uint32 moveMethod, int* whence,
+                   Sint64* distance);
+Uint32 SeekResult(Sint64 at, Sint32* distanceHigh);
 
 // The file ends at the pointer: cut short or extended with zeros.
 BOOL SetEndOfFile(HANDLE file);

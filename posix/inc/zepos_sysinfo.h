@@ -241,6 +241,8 @@ Uint64 ParseLimit(std::string_view s);
 Uint32 CountCpuList(std::string_view s);
 // A comma-separated option list has `option`.
 bool HasOption(std::string_view options, std::string_view option);
+// The line of `text` at `*pos`, without its newline, and `*pos` past it; false at the end.
+bool NextLine(std::string_view text, size_t* pos, std::string_view* line);
 
 // One line of /proc/self/mountinfo, octal escapes undone.
 struct MountEntry {

@@ -13,6 +13,20 @@
 
 namespace zepos {
 
+int OfdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait) {
+    struct flock fl;
+    memset(&fl, 0, sizeof fl);
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = static_cast<off_t>(offset);
+    fl.l_len = static_cast<off_t>(length);
+    int rc;
+    do {
+        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
 namespace {
 
 // A handle holds few ranges at once (the library's own use is byte 0 alone); a fixed table
@@ -112,20 +126,6 @@ int lockFd(FileRecord* f, bool exclusive) {
     return f->altFd;
 }
 
-int ofdLock(int fd, short type, Uint64 offset, Uint64 length, bool wait) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = static_cast<off_t>(offset);
-    fl.l_len = static_cast<off_t>(length);
-    int rc;
-    do {
-        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
-    } while (rc < 0 && errno == EINTR);
-    return rc;
-}
-
 // Releases the parts of [offset, offset+length) that no other range of the handle still covers,
 // so that a shared range overlapping another keeps its bytes locked. Only shared ranges ever
 // overlap within a handle. Called with the range mutex held.
@@ -146,8 +146,8 @@ void releaseUncovered(FileRecord* f, int skip, Uint64 offset, Uint64 length) {
         }
         if (coverStart > at) {
             // Both descriptors: the piece may have been taken through either.
-            ofdLock(f->fd, F_UNLCK, at, coverStart - at, false);
-            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, at, coverStart - at, false);
+            OfdLock(f->fd, F_UNLCK, at, coverStart - at, false);
+            if (f->altFd >= 0) OfdLock(f->altFd, F_UNLCK, at, coverStart - at, false);
         }
         at = coverEnd;
     }
@@ -163,8 +163,8 @@ BOOL closeFile(HandleRecord* h) {
         bool holds = false;
         for (const LockRange& r : f->ranges) holds |= r.length != 0;
         if (holds) {
-            ofdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
-            if (f->altFd >= 0) ofdLock(f->altFd, F_UNLCK, 0, 0, false);
+            OfdLock(f->fd, F_UNLCK, 0, 0, false);  // length 0: the whole file
+            if (f->altFd >= 0) OfdLock(f->altFd, F_UNLCK, 0, 0, false);
         }
         if (f->deleteDirFd >= 0) {
             // Only while the name is still this file: another may have taken it since.
@@ -187,17 +187,12 @@ BOOL closeFile(HandleRecord* h) {
         }
     }
     pthread_mutex_destroy(&f->rangeMutex);
-    f->head.magic = 0;
-    free(f);
-    return 1;
+    return FreeRecord(&f->head);
 }
 
 BOOL closeMapping(HandleRecord* h) {
-    MappingRecord* m = reinterpret_cast<MappingRecord*>(h);
-    close(m->fd);
-    m->head.magic = 0;
-    free(m);
-    return 1;
+    close(reinterpret_cast<MappingRecord*>(h)->fd);
+    return FreeRecord(h);
 }
 
 }  // namespace
@@ -317,6 +312,12 @@ Uint32 WaitForSingleObject(HANDLE handle, Uint32 milliseconds) {
         return WAIT_FAILED;
     }
     return r->wait(r, milliseconds);
+}
+
+BOOL FreeRecord(HandleRecord* record) {
+    record->magic = 0;
+    free(record);
+    return 1;
 }
 
 BOOL CloseHandle(HANDLE handle) {
@@ -536,49 +537,59 @@ Uint32 GetFileSize(HANDLE file, Uint32* fileSizeHigh) {
     return static_cast<Uint32>(size);
 }
 
-Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
-    FileRecord* f = fileOf(file);
-    if (f == nullptr) return INVALID_SET_FILE_POINTER;
-    int whence;
+bool SeekArguments(Sint32 distanceLow, const Sint32* distanceHigh, Uint32 moveMethod, int* whence,
+                   Sint64* distance) {
     switch (moveMethod) {
         case FILE_BEGIN:
-            whence = SEEK_SET;
+            *whence = SEEK_SET;
             break;
         case FILE_CURRENT:
-            whence = SEEK_CUR;
+            *whence = SEEK_CUR;
             break;
         case FILE_END:
-            whence = SEEK_END;
+            *whence = SEEK_END;
             break;
         default:
             SetLastError(ERROR_INVALID_PARAMETER);
-            return INVALID_SET_FILE_POINTER;
+            return false;
     }
-    Sint64 distance =
+    *distance =
         distanceHigh
             ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
                                   static_cast<Uint32>(distanceLow))
             : static_cast<Sint64>(distanceLow);
-    off_t at;
-    if (whence == SEEK_SET && distance >= 0 &&
-        distance == __atomic_load_n(&f->knownPosition, __ATOMIC_RELAXED)) {
-        at = static_cast<off_t>(distance);  // already there
-    } else {
-        forget(f);
-        at = lseek(f->fd, static_cast<off_t>(distance), whence);
-        if (at < 0) {
-            // lseek says EINVAL for a position before the start, the platform has its own number.
-            SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
-            return INVALID_SET_FILE_POINTER;
-        }
-        __atomic_store_n(&f->knownPosition, static_cast<Sint64>(at), __ATOMIC_RELAXED);
-        if (whence == SEEK_END && distance == 0)
-            __atomic_store_n(&f->knownEnd, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+    return true;
+}
+
+Uint32 SeekResult(Sint64 at, Sint32* distanceHigh) {
+    if (at < 0) {
+        // lseek says EINVAL for a position before the start, the platform has its own number.
+        SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
+        return INVALID_SET_FILE_POINTER;
     }
     const Uint64 position = static_cast<Uint64>(at);
     if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
     SetLastError(ERROR_SUCCESS);
     return static_cast<Uint32>(position);
+}
+
+Uint32 SetFilePointer(HANDLE file, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
+    FileRecord* f = fileOf(file);
+    int whence;
+    Sint64 distance;
+    if (f == nullptr || !SeekArguments(distanceLow, distanceHigh, moveMethod, &whence, &distance))
+        return INVALID_SET_FILE_POINTER;
+    if (whence == SEEK_SET && distance >= 0 &&
+        distance == __atomic_load_n(&f->knownPosition, __ATOMIC_RELAXED))
+        return SeekResult(distance, distanceHigh);  // already there
+    forget(f);
+    const off_t at = lseek(f->fd, static_cast<off_t>(distance), whence);
+    if (at >= 0) {
+        __atomic_store_n(&f->knownPosition, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+        if (whence == SEEK_END && distance == 0)
+            __atomic_store_n(&f->knownEnd, static_cast<Sint64>(at), __ATOMIC_RELAXED);
+    }
+    return SeekResult(at, distanceHigh);
 }
 
 BOOL SetEndOfFile(HANDLE file) {
@@ -702,7 +713,7 @@ BOOL LockFileEx(HANDLE file, Uint32 flags, Uint32 reserved, Uint32 bytesLow, Uin
     }
     LockRange& r = f->ranges[slot];
     const short type = exclusive ? F_WRLCK : F_RDLCK;
-    if (ofdLock(fd, type, offset, length, false) == 0) {
+    if (OfdLock(fd, type, offset, length, false) == 0) {
         r = LockRange{offset, length, 1, exclusive, false};
         pthread_mutex_unlock(&f->rangeMutex);
         return 1;
@@ -716,7 +727,7 @@ BOOL LockFileEx(HANDLE file, Uint32 flags, Uint32 reserved, Uint32 bytesLow, Uin
     // mutex is free while the kernel waits.
     r = LockRange{offset, length, 1, exclusive, true};
     pthread_mutex_unlock(&f->rangeMutex);
-    int rc = ofdLock(fd, type, offset, length, true);
+    int rc = OfdLock(fd, type, offset, length, true);
     err = errno;
     pthread_mutex_lock(&f->rangeMutex);
     if (rc == 0)
@@ -754,11 +765,11 @@ BOOL UnlockFileEx(HANDLE file, Uint32 reserved, Uint32 bytesLow, Uint32 bytesHig
 
 // ---- mappings and views
 
-HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect, Uint32 maximumSizeHigh,
-                          Uint32 maximumSizeLow, const char* name) {
+HANDLE CreateFileMappingA(HANDLE file, void* securityAttributes, Uint32 protect,
+                          Uint32 maximumSizeHigh, Uint32 maximumSizeLow, const char* name) {
     if (file == INVALID_HANDLE_VALUE)
-        return CreateNamedFileMappingA(securityAttributes, protect, maximumSizeHigh,
-                                       maximumSizeLow, name);
+        return CreateNamedFileMappingA(securityAttributes, protect, maximumSizeHigh, maximumSizeLow,
+                                       name);
     if (name != nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;

@@ -35,15 +35,7 @@ size_t pageSize() {
 BOOL closeNamedMapping(HandleRecord* h) {
     NamedMappingRecord* m = reinterpret_cast<NamedMappingRecord*>(h);
     NamedClose(m->object);
-    m->head.magic = 0;
-    free(m);
-    return 1;
-}
-
-BOOL closeToken(HandleRecord* h) {
-    h->magic = 0;
-    free(h);
-    return 1;
+    return FreeRecord(h);
 }
 
 HANDLE handleOf(NamedObject* object, bool readOnly) {
@@ -254,17 +246,9 @@ BOOL OpenProcessToken(HANDLE process, Uint32, HANDLE* token) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return 0;
     }
-    t->head.magic = HANDLE_MAGIC;
-    t->head.kind = HANDLE_KIND_TOKEN;
-    t->head.close = closeToken;
-    t->head.wait = nullptr;
-    *token = HandleFor(&t->head);
-    if (*token == nullptr) {
-        closeToken(&t->head);
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return 0;
-    }
-    return 1;
+    t->head = HandleRecord{HANDLE_MAGIC, HANDLE_KIND_TOKEN, FreeRecord, nullptr};
+    *token = HandleOrClose(&t->head);
+    return *token != nullptr;
 }
 
 BOOL GetTokenInformation(HANDLE token, Uint32 informationClass, void* information, Uint32 length,

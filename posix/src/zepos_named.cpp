@@ -155,17 +155,7 @@ bool sameName(const Header& h, const char* name, size_t n) {
 // ---- locks: byte 0 of the file; shared for a holder, exclusive for "nobody else holds it"
 
 int lockByte0(int fd, short type, bool wait) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 1;
-    int rc;
-    do {
-        rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
-    } while (rc < 0 && errno == EINTR);
-    return rc;
+    return OfdLock(fd, type, 0, 1, wait);
 }
 
 bool heldElsewhere(int err) {

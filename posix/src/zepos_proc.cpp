@@ -287,16 +287,7 @@ bool isPseudo(int handle) {
 }
 
 int lockFirstByte(int descriptor, short type) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 1;
-    int rc;
-    do rc = fcntl(descriptorOf(descriptor), F_OFD_SETLKW, &fl);
-    while (rc < 0 && errno == EINTR);
-    return rc;
+    return OfdLock(descriptorOf(descriptor), type, 0, 1, true);
 }
 
 }  // namespace
@@ -424,34 +415,11 @@ Uint32 GetFileSize(int handle, Uint32* fileSizeHigh) {
 
 Uint32 SetFilePointer(int descriptor, Sint32 distanceLow, Sint32* distanceHigh, Uint32 moveMethod) {
     int whence;
-    switch (moveMethod) {
-        case FILE_BEGIN:
-            whence = SEEK_SET;
-            break;
-        case FILE_CURRENT:
-            whence = SEEK_CUR;
-            break;
-        case FILE_END:
-            whence = SEEK_END;
-            break;
-        default:
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return INVALID_SET_FILE_POINTER;
-    }
-    const Sint64 distance =
-        distanceHigh
-            ? static_cast<Sint64>((static_cast<Uint64>(static_cast<Uint32>(*distanceHigh)) << 32) |
-                                  static_cast<Uint32>(distanceLow))
-            : static_cast<Sint64>(distanceLow);
-    off_t at = lseek(descriptorOf(descriptor), static_cast<off_t>(distance), whence);
-    if (at < 0) {
-        SetLastError(errno == EINVAL ? ERROR_NEGATIVE_SEEK : TranslateErrno(errno));
+    Sint64 distance;
+    if (!SeekArguments(distanceLow, distanceHigh, moveMethod, &whence, &distance))
         return INVALID_SET_FILE_POINTER;
-    }
-    const Uint64 position = static_cast<Uint64>(at);
-    if (distanceHigh) *distanceHigh = static_cast<Sint32>(position >> 32);
-    SetLastError(ERROR_SUCCESS);
-    return static_cast<Uint32>(position);
+    return SeekResult(lseek(descriptorOf(descriptor), static_cast<off_t>(distance), whence),
+                      distanceHigh);
 }
 
 BOOL LockFirstByte(int descriptor) {

@@ -93,9 +93,7 @@ struct SyncRecord {
 BOOL closeSync(HandleRecord* h) {
     SyncRecord* r = reinterpret_cast<SyncRecord*>(h);
     NamedClose(r->object);
-    r->head.magic = 0;
-    free(r);
-    return 1;
+    return FreeRecord(h);
 }
 
 Uint32 waitSemaphore(HandleRecord* h, Uint32 ms) {

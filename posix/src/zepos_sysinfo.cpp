@@ -198,6 +198,15 @@ bool HasOption(std::string_view options, std::string_view option) {
     return false;
 }
 
+bool NextLine(std::string_view text, size_t* pos, std::string_view* line) {
+    if (*pos >= text.size()) return false;
+    size_t end = text.find('\n', *pos);
+    if (end == std::string_view::npos) end = text.size();
+    *line = text.substr(*pos, end - *pos);
+    *pos = end + 1;
+    return true;
+}
+
 // ---- the control group
 
 namespace {
@@ -221,11 +230,7 @@ GroupDir findGroup(const std::string& cgroupFile, const std::string& mountinfo,
     std::string path;
     int version = 0;
     size_t pos = 0;
-    while (pos < cgroupFile.size()) {
-        size_t end = cgroupFile.find('\n', pos);
-        if (end == std::string::npos) end = cgroupFile.size();
-        std::string_view line(cgroupFile.data() + pos, end - pos);
-        pos = end + 1;
+    for (std::string_view line; NextLine(cgroupFile, &pos, &line);) {
         const size_t c1 = line.find(':');
         const size_t c2 = c1 == std::string_view::npos ? c1 : line.find(':', c1 + 1);
         if (c2 == std::string_view::npos) continue;
@@ -239,13 +244,9 @@ GroupDir findGroup(const std::string& cgroupFile, const std::string& mountinfo,
     }
     if (version == 0) return g;
     pos = 0;
-    while (pos < mountinfo.size()) {
-        size_t end = mountinfo.find('\n', pos);
-        if (end == std::string::npos) end = mountinfo.size();
+    for (std::string_view line; NextLine(mountinfo, &pos, &line);) {
         MountEntry m;
-        const bool ok = ParseMountLine(std::string_view(mountinfo.data() + pos, end - pos), &m);
-        pos = end + 1;
-        if (!ok) continue;
+        if (!ParseMountLine(line, &m)) continue;
         if (version == 1 ? (m.type != "cgroup" || !HasOption(m.superOptions, controller))
                          : m.type != "cgroup2")
             continue;
@@ -532,11 +533,7 @@ Uint32 processorMHz() {
     std::string cpuinfo;
     if (!sysfiles::ReadText(sysfiles::Path("/proc/cpuinfo"), &cpuinfo)) return 0;
     size_t pos = 0;
-    while (pos < cpuinfo.size()) {
-        size_t end = cpuinfo.find('\n', pos);
-        if (end == std::string::npos) end = cpuinfo.size();
-        std::string_view line(cpuinfo.data() + pos, end - pos);
-        pos = end + 1;
+    for (std::string_view line; sysfiles::NextLine(cpuinfo, &pos, &line);) {
         if (line.compare(0, 7, "cpu MHz") != 0) continue;
         const size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
@@ -786,14 +783,9 @@ bool findMount(const char* path, sysfiles::MountEntry* found) {
     size_t best = 0;
     bool any = false;
     size_t pos = 0;
-    while (pos < table.size()) {
-        size_t end = table.find('\n', pos);
-        if (end == std::string::npos) end = table.size();
+    for (std::string_view line; sysfiles::NextLine(table, &pos, &line);) {
         sysfiles::MountEntry m;
-        const bool ok =
-            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
-        pos = end + 1;
-        if (!ok) continue;
+        if (!sysfiles::ParseMountLine(line, &m)) continue;
         const std::string& mp = m.mountPoint;
         const bool prefix = mp == "/" || (r.compare(0, mp.size(), mp) == 0 &&
                                           (r.size() == mp.size() || r[mp.size()] == '/'));
@@ -891,24 +883,17 @@ Uint32 GetLogicalDriveStringsA(Uint32 size, char* buffer) {
     }
     std::string list;  // the names, each with its NUL
     size_t pos = 0;
-    bool full = false;
-    while (pos < table.size() && !full) {
-        size_t end = table.find('\n', pos);
-        if (end == std::string::npos) end = table.size();
+    for (std::string_view line; sysfiles::NextLine(table, &pos, &line);) {
         sysfiles::MountEntry m;
-        const bool ok =
-            sysfiles::ParseMountLine(std::string_view(table.data() + pos, end - pos), &m);
-        pos = end + 1;
-        if (!ok || sysfiles::IsPseudoFileSystem(m.type) || m.mountPoint.empty()) continue;
+        if (!sysfiles::ParseMountLine(line, &m) || sysfiles::IsPseudoFileSystem(m.type) ||
+            m.mountPoint.empty())
+            continue;
         // A point mounted over again is listed once.
         bool again = false;
         for (size_t at = 0; at < list.size(); at += strlen(list.c_str() + at) + 1)
             if (m.mountPoint == list.c_str() + at) again = true;
         if (again) continue;
-        if (buffer == nullptr || list.size() + m.mountPoint.size() + 2 > size) {
-            full = true;
-            break;
-        }
+        if (buffer == nullptr || list.size() + m.mountPoint.size() + 2 > size) break;
         list.append(m.mountPoint).push_back(0);
     }
     if (buffer == nullptr || size == 0) {
