@@ -69,11 +69,9 @@ inline const Call& theLog(Uint32 fid, Uint32 probe, Uint32 code, Uint32 level = 
     int logs = 0;
     for (const Call& c : calls)
         if (c.what.compare(0, 3, "log") == 0) ++logs, found = &c;
-    EXPECT_EQ(logs, 1);
-    EXPECT_EQ(found->fid, fid);
-    EXPECT_EQ(found->probe, probe);
-    EXPECT_EQ(found->code, code);
-    EXPECT_EQ(found->level, level);
+    EXPECT_EQ(
+        std::vector<Uint32>({Uint32(logs), found->fid, found->probe, found->code, found->level}),
+        std::vector<Uint32>({1, fid, probe, code, level}));
     return *found;
 }
 
