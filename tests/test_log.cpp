@@ -118,8 +118,9 @@ TEST_F(Log, LocationFields) {
 }
 
 TEST_F(Log, LevelRule) {
+    open(0);
     for (Uint32 facility = 0; facility <= 5; ++facility) {
-        open(facility);
+        EXPECT_EQ(zepLogFacSetLevel(nullptr, facility), 0u);
         unlink(path_.c_str());
         for (Uint32 record = 0; record <= 6; ++record) {
             const off_t before = size();
@@ -129,11 +130,6 @@ TEST_F(Log, LevelRule) {
             EXPECT_EQ(size() > before, expected) << "facility " << facility << " record " << record;
         }
     }
-    // An out-of-range facility level set afterwards goes by the same rule.
-    EXPECT_EQ(zepLogFacSetLevel(nullptr, 9), 0u);
-    unlink(path_.c_str());
-    info(nullptr, 6);
-    EXPECT_TRUE(zeptest::exists(path_));
 }
 
 TEST_F(Log, FacilityCalls) {
@@ -208,7 +204,6 @@ TEST_F(Log, ItemRendering) {
     } rows[] = {
         {&u4, 4, ZEP_LOGDATA_UINT, "Uint32, 4 bytes\r\n4000000000\r\n"},
         {&u4, 3, ZEP_LOGDATA_UINT, ""},  // the dump takes it
-        {&u4, 4, -9, ""},
         {&b2, 2, ZEP_LOGDATA_BOOL, "Bool, 2 bytes\r\ntrue\r\n"},
         {&s1, 1, ZEP_LOGDATA_SINT, "Sint8, 1 bytes\r\n-1\r\n"},
         {&h2, 2, ZEP_LOGDATA_HEX, "Hex, 2 bytes\r\n0xBEEF\r\n"},

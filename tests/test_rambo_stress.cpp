@@ -36,16 +36,11 @@ void expectEveryRecord(const std::string& path, Uint32 writers, Uint32 records) 
 // instant, tail. Each dump, walked both ways, gives whole records only, each writer's in claim
 // order, the same both ways. The faults found, at most 100.
 int copyUntilDone(RamboCB* ring, const std::string& path, const Uint32* done) {
-    std::vector<char> image(16 + kRingSize + 32);
     int faults = 0;
     do {
-        void* slots = nullptr;
-        Uint32 size = 0;
-        faults += ramboGetDumpHeaderBuffer(ring, 1, reinterpret_cast<RamboDumpHeader*>(&image[0]),
-                                           &slots, &size) != 0;
-        memcpy(&image[16], slots, size);
-        faults += ramboGetDumpTail(ring, reinterpret_cast<RamboDumpTail*>(&image[16 + size])) != 0;
-        std::ofstream(path, std::ios::binary).write(image.data(), image.size());
+        const std::vector<Uint8> image = dumpImage(ring);
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(image.data()), image.size());
         const Walked f = walkDump(path, true), b = walkDump(path, false);
         faults += f.bad + b.bad + (f.rc != 0) + (b.rc != 0) + (f.tags.size() != b.tags.size());
         for (Uint32 w = 0; w < kWriters; ++w)

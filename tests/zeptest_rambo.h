@@ -94,6 +94,20 @@ inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* done
     return rc ? rc : stopped;
 }
 
+// Header, slots and (instantaneous) tail of a live ring, behind `prefix` bytes of other data, as
+// the dumping program writes them.
+inline std::vector<Uint8> dumpImage(RamboCB* ring, bool instantaneous = true, size_t prefix = 0) {
+    std::vector<Uint8> bytes(prefix + 16 + ring->bufferSize + (instantaneous ? 32 : 0), 0x99);
+    void* slots = nullptr;
+    Uint32 size = 0;
+    auto* h = reinterpret_cast<RamboDumpHeader*>(bytes.data() + prefix);
+    if (ramboGetDumpHeaderBuffer(ring, instantaneous, h, &slots, &size) == 0)
+        memcpy(h + 1, slots, size);
+    if (instantaneous)
+        ramboGetDumpTail(ring, reinterpret_cast<RamboDumpTail*>(bytes.data() + prefix + 16 + size));
+    return bytes;
+}
+
 // What a walk of the dump that begins at `at` in the file `path` delivers: each record's first
 // word (its writer, or the tag of a record that put() wrote) in walk order, each writer's
 // counters in walk order, the records whose payload isn't whole, and the parser's flags as
