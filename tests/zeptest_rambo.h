@@ -1,16 +1,13 @@
 // The ring's test pieces, shared by test_rambo and test_rambo_stress: a ring in private memory,
-// records written into it, the stress records with their writer, the consumer's loop, and the
-// walk of a dump.
+// records written into it, a dump of it, and what a walk of a dump delivers.
 #pragma once
 
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "rambo_consumer.h"
 #include "zep.h"
 
 namespace zeptest {
@@ -39,7 +36,7 @@ inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
     return r;
 }
 
-constexpr Uint32 kWriters = 8;  // of the stress tests
+constexpr Uint32 kWriters = 8;  // writers told apart by a walk
 
 // A record's payload: writer, counter, then a byte of both to the end, so that a record made
 // of two writers' bytes or of two laps shows.
@@ -58,40 +55,6 @@ inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
     fillPayload(static_cast<Uint8*>(ramboReserveSlots(ring.cb(), slots * 64 - 12, &r)),
                 slots * 64 - 12, tag, 0);
     ramboSync(ring.cb(), &r);
-}
-
-// `records` records of 1 to 40 slots, some by the one-slot reservation.
-inline void writeRecords(RamboCB* ring, Uint32 writer, Uint32 records) {
-    Uint64 rng = writer * 0x2545F4914F6CDD1Dull + 7;
-    for (Uint32 k = 0; k < records; ++k) {
-        rng = rng * 6364136223846793005ull + 1442695040888963407ull;
-        const Uint32 slots = 1 + static_cast<Uint32>((rng >> 33) % 40), size = slots * 64 - 12;
-        RamboReservation r;
-        void* p = slots == 1 && (rng >> 20 & 1) ? ramboReserveOneSlot(ring, &r)
-                                                : ramboReserveSlots(ring, size, &r);
-        fillPayload(static_cast<Uint8*>(p), size, writer, k);
-        ramboSync(ring, &r);
-    }
-}
-
-// Drains a chunked ring into an auto dump at `path` until `*done` writers have finished, then
-// writes the rest and switches auto dump off. The chunks written go to `chunks`.
-inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* done, Uint32 writers,
-                      Uint32* chunks) {
-    ZEPFileOpenParam open;
-    open.path = path.c_str();
-    open.creation = ZEP_FILE_CREATE_OR_REPLACE;
-    open.access = ZEP_FILE_ACCESS_READ_WRITE;
-    ZEPHFile file;
-    RamboChunkConsumer consumer;
-    Uint32 rc = file.open(&open);
-    if (rc == 0) rc = consumer.start(ring, &file);
-    for (Uint32 n = 0; rc == 0 && __atomic_load_n(done, __ATOMIC_ACQUIRE) < writers;)
-        if ((rc = consumer.drain(&n)) == 0 && n == 0) usleep(100);
-    const Uint32 stopped = consumer.stop(true);
-    *chunks = static_cast<Uint32>(consumer.chunksWritten());
-    file.close();
-    return rc ? rc : stopped;
 }
 
 // Header, slots and (instantaneous) tail of a live ring, behind `prefix` bytes of other data, as
