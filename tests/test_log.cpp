@@ -53,11 +53,8 @@ protected:
 
 TEST_F(Log, WorkedRecordOfAFailingRename) {
     open();
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(dir_.path.c_str()), 0);
-    EXPECT_EQ(zepFileRename("a", "b"), ECF_FILE_DOESNT_EXIST);
-    ASSERT_EQ(chdir(cwd), 0);
+    const std::string a = dir_ / "a", b = dir_ / "b", n = std::to_string(a.size());
+    EXPECT_EQ(zepFileRename(a.c_str(), b.c_str()), ECF_FILE_DOESNT_EXIST);
 
     const std::string text = slurp(path_);
     std::vector<std::string> l = lines(text);
@@ -82,7 +79,7 @@ TEST_F(Log, WorkedRecordOfAFailingRename) {
             "FUNCTION: VRN Common, ZEPe, zepFileRename, probe:30",
             "MESSAGE : ECF=0x9000001A File doesn't exist",
             "CALLED  : OS, -, MoveFile" + std::string(25, ' ') + "OSERR: ERROR_FILE_NOT_FOUND (2)",
-            "ARG  #1 : String, 1 bytes", "a", "ARG  #2 : String, 1 bytes", "b"}));
+            "ARG  #1 : String, " + n + " bytes", a, "ARG  #2 : String, " + n + " bytes", b}));
     EXPECT_EQ(text.substr(text.size() - 3), "b\r\n");
 }
 
@@ -179,9 +176,6 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
     EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING),
               "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
-    // With too little room for the text and its line end, the line stays open.
-    EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING, 30),
-              "String, 512 bytes\r\n" + std::string(10, 'x'));
     // An item of no bytes at the very end of readable memory: nothing behind it is read.
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     char* two = static_cast<char*>(
@@ -202,7 +196,6 @@ TEST_F(Log, ItemRendering) {
               "<hexdump>, 20 bytes\r\n"
               "41424344  45464748  494A4B4C  4D4E4F50    ABCDEFGHIJKLMNOP\r\n"
               "51525354                                  QRST\r\n");
-    EXPECT_EQ(lines(dump(sizeof buf, 512, 600)).size(), 33u);
     EXPECT_EQ(lines(dump(sizeof buf, 512, 600))[0], "<hexdump>, 512 bytesof 600");
     const std::vector<std::string> l = lines(dump(200, 100, 100));
     EXPECT_EQ(l.size(), 3u);

@@ -201,14 +201,7 @@ protected:
         file_.close();
         std::ofstream(path_, std::ios::binary)
             .write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        ZEPFileOpenParam open;
-        open.path = path_.c_str();
-        open.creation = ZEP_FILE_OPEN_EXISTING;
-        open.access = ZEP_FILE_ACCESS_READ;
-        ASSERT_EQ(file_.open(&open), 0u);
-        ZEPFileSeekParam seek;
-        seek.offset = static_cast<Sint64>(at_ = at);
-        EXPECT_EQ(file_.seek(&seek), 0u);
+        ASSERT_EQ(openAt(file_, path_, at_ = at), 0u);
     }
     // Both walks deliver `expected`, the backward one in reverse, each record whole; the
     // forward walk's flags.
@@ -248,7 +241,6 @@ TEST_F(RamboDump, ValidationAndParsing) {
         {header(kSize, 2, 0, "@HEAD\r\r"), ECF_RAMBO_INVALID_DUMP_HEADER_EYE_CATCHER},
         {header(kSize, 3), ECF_RAMBO_INVALID_DUMP_TYPE},
         {header(0x7FFFF, 2), ECF_RAMBO_INVALID_DUMP_BUFFER_SIZE},
-        {header(0x40000001, 2), ECF_RAMBO_INVALID_DUMP_BUFFER_SIZE},
         {header(0x40000000, 2), 0},
         {header(0x80001, 2), 0},  // in range; powers of two aren't asked for
         // Auto dumps: nothing or whole slots behind the header.
@@ -321,17 +313,9 @@ TEST_F(RamboDump, WrappingRing) {
 }
 
 TEST_F(RamboDump, StoppingRing) {
-    // Partly used, only the used slots are looked at, whatever lies behind them; filled exactly,
-    // nothing is truncated; overfilled, truncated. All records in it come.
+    // Overfilled: the claims past the end are lost, the ring was truncated, all records in it come.
     Ring full(2);
-    for (Uint32 i = 0; i < 50; ++i) put(full, i, 2);
-    Bytes bytes = dumpImage(full.cb());
-    memcpy(bytes.data() + 16 + 200 * 64, bytes.data() + 16, 128);
-    writeFile(bytes);
-    EXPECT_EQ(both(range(0, 50)), "0 0");
-    for (Uint32 i = 50; i < kSlots / 2; ++i) put(full, i, 2);
-    writeFile(dumpImage(full.cb()));
-    EXPECT_EQ(both(range(0, kSlots / 2)), "0 0");
+    for (Uint32 i = 0; i < kSlots / 2; ++i) put(full, i, 2);
     for (Uint32 i = 0; i < 3; ++i) put(full, 99999, 3);
     writeFile(dumpImage(full.cb()));
     EXPECT_EQ(both(range(0, kSlots / 2)), "0 1");

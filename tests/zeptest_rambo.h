@@ -82,17 +82,23 @@ struct Walked {
     std::string flags;
 };
 
-inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
-    Walked w;
+// Opens the file `path` for reading, positioned at `at`.
+inline Uint32 openAt(ZEPHFile& file, const std::string& path, Uint64 at) {
     ZEPFileOpenParam open;
     open.path = path.c_str();
     open.creation = ZEP_FILE_OPEN_EXISTING;
     open.access = ZEP_FILE_ACCESS_READ;
     ZEPFileSeekParam seek;
     seek.offset = static_cast<Sint64>(at);
+    const Uint32 rc = file.open(&open);
+    return rc != 0 ? rc : file.seek(&seek);
+}
+
+inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
+    Walked w;
     ZEPHFile file;
     RamboDumpParser parser = {};
-    if ((w.rc = file.open(&open)) == 0 && (w.rc = file.seek(&seek)) == 0)
+    if ((w.rc = openAt(file, path, at)) == 0)
         w.rc = scan ? ramboOpenDumpFileParserScan(&file, &parser, forward)
                     : ramboOpenDumpFileParser(&file, &parser, forward);
     std::vector<Uint8> p(RAMBO_CHUNK_SIZE);
