@@ -59,7 +59,6 @@ TEST(ErrorMap, CodeLevelAndName) {
     EXPECT_EQ(mapped(SYSFN__stat, {2, 22, 5}),
               "2 FILE_DOESNT_EXIST I ENOENT; 22 FILE_DOESNT_EXIST I -; 5 UNKNOWN E -");
     EXPECT_EQ(mapped(SYSFN_TlsGetValue, {0}), "0 INVALID_INVOCATION_SEQUENCE I NO_ERROR");
-    EXPECT_EQ(zepErrorMapSystem(0, 0, SYSFN_CreateFile, 32, nullptr), ECF_FILE_SHARE);
 }
 
 }  // namespace

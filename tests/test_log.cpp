@@ -199,17 +199,6 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(l[0] + l[2].substr(0, 8), "<hexdump>, 100 bytesof 10051525354");
 }
 
-TEST_F(Log, ZoneArithmetic) {
-    // Local and UTC seconds since midnight of one moment: minutes east of UTC. Local just after
-    // midnight with UTC before, and the other way round; -12 h and +12 h are the same moment;
-    // truncation toward zero.
-    const int rows[][3] = {{3600, 0, 60},        {0, 18000, -300}, {1800, 84600, 60},
-                           {84600, 1800, -60},   {43200, 0, 720},  {0, 43200, 720},
-                           {46800, 86399, -659}, {30, 0, 0},       {0, 30, 0}};
-    for (const auto& r : rows)
-        EXPECT_EQ(zepLogZoneMinutes(r[0], r[1]), r[2]) << r[0] << " " << r[1];
-}
-
 TEST_F(Log, ManyProcessesAppendToOneFile) {
     open();
     const Uint32 records = 2000 * zeptestStress();
