@@ -44,11 +44,10 @@ TEST(Catalogue, Codes) {
 
 TEST(Catalogue, Functions) {
     EXPECT_EQ(ecfGetNumProducts(), 3u);
-    const Uint32 counts[] = {ecfGetNumComponents(0),   ecfGetNumComponents(1),
-                             ecfGetNumComponents(2),   ecfGetNumComponents(3),
-                             ecfGetNumFunctions(1, 2), ecfGetNumFunctions(1, 3),
-                             ecfGetNumFunctions(1, 1), ecfGetNumFunctions(0, 3)};
-    EXPECT_EQ(std::vector<Uint32>(counts, counts + 8),
+    EXPECT_EQ(std::vector<Uint32>({ecfGetNumComponents(0), ecfGetNumComponents(1),
+                                   ecfGetNumComponents(2), ecfGetNumComponents(3),
+                                   ecfGetNumFunctions(1, 2), ecfGetNumFunctions(1, 3),
+                                   ecfGetNumFunctions(1, 1), ecfGetNumFunctions(0, 3)}),
               std::vector<Uint32>({0, 16, 4, 184, 354, 174, 0, 0}));
     // Product, component, short name and function name of an identifier, in one line.
     auto fn = [](Uint32 id) {

@@ -1,6 +1,5 @@
 // The frame as a caller and a trace reader see it: which log and trace calls an operation makes,
 // with which arguments, in which order (zeptest_capture.h records them as made).
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "zepframe.h"
@@ -22,7 +21,6 @@ TEST_F(Frame, RenameWithTraceOn) {
     EXPECT_EQ(said(), "entry zepFileRename; var zepFileRename p10 t3 n2; exit zepFileRename OK");
     for (const Call& c : calls) EXPECT_EQ(c.thread, static_cast<Uint64>(gettid()));
     EXPECT_EQ(calls[1].items[0].length, a.size());  // without the terminator
-    EXPECT_EQ(calls[1].items[0].ptr, a.c_str());
     calls.clear();
     EXPECT_EQ(zepFileRename(missing.c_str(), b.c_str()), ECF_FILE_DOESNT_EXIST);
     EXPECT_EQ(said(),
@@ -33,13 +31,6 @@ TEST_F(Frame, RenameWithTraceOn) {
     EXPECT_EQ(calls[2].items[0].type, ZEP_LOGDATA_STRING);
     EXPECT_EQ(calls[3].w1 | calls[3].w2 | calls[3].items[0].kind, 0u);
     EXPECT_EQ(valueOf<Uint32>(calls[3].items[0]), ECF_FILE_DOESNT_EXIST);
-    // Any other failure of the platform call gives the same code; the target stays.
-    std::ofstream(a) << "x";
-    calls.clear();
-    trace(false);
-    EXPECT_EQ(zepFileRename(a.c_str(), b.c_str()), ECF_FILE_DOESNT_EXIST);
-    EXPECT_EQ(said(), "logsys zepFileRename MoveFile 183 ECF_FILE_DOESNT_EXIST p30 L4 m80000003");
-    EXPECT_TRUE(exists(a));
 }
 
 TEST_F(Frame, TraceSwitchedMidCall) {

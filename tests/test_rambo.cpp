@@ -30,11 +30,6 @@ bool all(const Uint8* p, size_t n, Uint8 b) {
     return std::all_of(p, p + n, [b](Uint8 x) { return x == b; });
 }
 
-std::atomic<int> g_overflows{0};
-void countOverflow() {
-    ++g_overflows;
-}
-
 }  // namespace
 
 TEST(Rambo, Sizes) {
@@ -105,14 +100,14 @@ TEST(Rambo, ReserveAndStamp) {
 
 TEST(Rambo, StoppingRingOverflow) {
     Ring ring(2);
-    g_overflows = 0;
-    ramboSetCallBack(countOverflow);
+    static int overflows = 0;
+    ramboSetCallBack([] { ++overflows; });
     // A claim that ends exactly on the last slot lands in the ring; the next, of one slot or of
     // the largest record, goes to the overflow area, and so does one across the end: records are
     // never split. The callback runs for each; the counter keeps what was claimed.
     ring.cb()->nextSequence = kSlots - 3;
     EXPECT_EQ(record(ring, 3 * 64 - 12).slot, ring.slot(kSlots - 3));
-    EXPECT_EQ(g_overflows, 0);
+    EXPECT_EQ(overflows, 0);
     Uint8* overflow = ring.bytes() + ring.cb()->overflowOffset;
     RamboReservation r;
     EXPECT_EQ(ramboReserveOneSlot(ring.cb(), &r), overflow + 8);
@@ -121,7 +116,7 @@ TEST(Rambo, StoppingRingOverflow) {
     EXPECT_EQ(at(ring.slot(kSlots - 1) + 60), ~(kSlots - 3)) << "the ring's last record stands";
     ring.cb()->nextSequence = kSlots - 2;
     EXPECT_EQ(record(ring, 3 * 64 - 12).slot, overflow);
-    EXPECT_EQ(g_overflows, 3);
+    EXPECT_EQ(overflows, 3);
     ramboSetCallBack(nullptr);
 }
 
@@ -260,8 +255,6 @@ TEST_F(RamboDump, ValidationAndParsing) {
     EXPECT_EQ(offset, 100u + 16 + 8);
     const Uint8 begin[6] = {0, 0, 0, 0, 0, 0xEE};
     EXPECT_EQ(memcmp(small, begin, 6), 0);
-    EXPECT_EQ(ramboParseDumpFile(&file_, &parser, &offset, nullptr, 100), 116u);
-    EXPECT_EQ(offset, 100u + 16 + 64 + 8);
     EXPECT_EQ(ramboCloseDumpFileParser(&parser), 0u);
     EXPECT_EQ(ramboCloseDumpFileParser(&parser), ECF_INVALID_PARAMETER);
 }

@@ -29,8 +29,7 @@ struct Ring {
 
 // Reserves a record of `payload` bytes, fills its payload with `fill` and stamps it.
 inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
-    RamboReservation r;
-    memset(&r, 0, sizeof r);
+    RamboReservation r = {};
     memset(ramboReserveSlots(ring.cb(), payload, &r), fill, payload);
     ramboSync(ring.cb(), &r);
     return r;
