@@ -58,7 +58,6 @@ TEST(Catalogue, Functions) {
         {0x081A0016, "VRN Common|ZEPe|COMP_ZEPE|zepFileRename"},
         {0x08180016, "VRN Common|ZEPe|COMP_ZEPE|zepFileRename"},  // class bits ignored
         {SYSFN_MoveFile, "VRN Common|operating system|COMP_SYSFUNCS|MoveFile"},
-        {ZEP_FUNC_ID(3, 0, 0, 0), "VRN Engine|-|-|-"},
         {ZEP_FUNC_ID(4, 3, 2, 22), "-|-|-|-"},
         {ZEP_FUNC_ID(1, 16, 2, 1), "VRN Common|-|-|-"},  // not below the count
         {ZEP_FUNC_ID(1, 15, 2, 1), "VRN Common|||-"},    // an unused slot, without functions

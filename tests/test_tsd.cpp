@@ -11,7 +11,7 @@ using namespace zeptest;
 using Tsd = CaptureTest;
 
 std::string take() {
-    std::string s = said();
+    const std::string s = said();
     calls.clear();
     return s;
 }
