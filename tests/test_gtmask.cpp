@@ -64,6 +64,8 @@ TEST(GTMask, WildcardsAndTheCatalogue) {
     play(*m, points,
          {{'s', W, W, W, 10, P, "00000000 0/0 empty"},  // a probe needs a product
           {'s', W, W, W, W, 0, "11110011 0/0"}});
+    EXPECT_TRUE(m->gtmIsProdMaskFull() && m->gtmIsCompMaskFull(3) && m->gtmIsFuncMaskFull(1, 3) &&
+                m->gtmIsTypeMaskFull(3, 191));
     // Every component of product 1 from index 1 up, by the catalogue's count.
     play(*m, points,
          {{'c', 0, 0, 0, 0, 0, "00000000 0/0 empty"}, {'s', 1, W, W, 3, 0, "00000010 0/0"}});
