@@ -1,8 +1,7 @@
-// Tests of reading trace dumps back: validation, both parsers, the scan of auto dumps, and the
-// formatter of the tools on dumps made here.
-#include <functional>
-#include <map>
-
+// Tests of reading trace dumps back: validation, both walkers, the scan of auto dumps, and the
+// tools' formatter and trace-event export on dumps made here (the export read back with
+// tests/tools/check_chrome_trace.py, as a viewer reads it).
+#include "trace_export.h"
 #include "trace_format.h"
 #include "zeptest_trace.h"
 
@@ -17,13 +16,12 @@ protected:
         gtraceDetach();
         free(mem_);
     }
-    void build(Uint32 modeBits, Uint32 flags = 0, Uint32 scan = 0) {
+    void build(Uint32 modeBits, Uint32 scan = 0) {
         gtraceDetach();
         free(mem_);
         GTCBOptions o;
         o.bufferSize = kRing;
         o.modeBits = modeBits;
-        o.flags = flags;
         o.dumpScanTrigger[0] = scan;
         mem_ = static_cast<Uint8*>(aligned_alloc(64, (gtraceGetAllocSize(kRing) + 63) & ~63u));
         ASSERT_EQ(gtraceInitialize(reinterpret_cast<GTCB*>(mem_), &o), 0u);
@@ -36,14 +34,10 @@ protected:
         gtraceEnable();
     }
     void put(const std::string& bytes) { std::ofstream(path_, std::ios::binary) << bytes; }
-    void openFile(ZEPHFile& file) {
-        file.close();
-        zeptest::openToRead(file, path_);
-    }
     // Validation of the file from `at`: its code, and where the file stands afterwards.
-    std::pair<Uint32, Uint64> validate(Uint8 kind, Uint64 at = 0) {
+    std::pair<Uint32, Uint64> validate(Uint32 kind, Uint64 at = 0) {
         ZEPHFile file;
-        openFile(file);
+        zeptest::openToRead(file, path_);
         ZEPFileSeekParam s;
         s.offset = static_cast<Sint64>(at);
         EXPECT_EQ(file.seek(&s), 0u);
@@ -53,22 +47,11 @@ protected:
         EXPECT_EQ(file.seek(&s, &at), 0u);
         return {rc, at};
     }
-    // The records' function identifiers (ring) or the used entries (counting), in walk order.
-    std::vector<GTCountEntry> walk(bool forward, Uint8* wrapped = nullptr) {
-        std::vector<GTCountEntry> out;
-        for (const auto& r : zeptest::readTraceDump(path_, forward, false, wrapped)) {
-            const bool counting = r.size() == sizeof(GTCountEntry);  // a ring record is larger
-            GTCountEntry e{};
-            memcpy(counting ? static_cast<void*>(&e) : &e.functionID,
-                   r.data() + (counting ? 0 : offsetof(GTRecord, functionID)),
-                   counting ? sizeof e : 4);
-            out.push_back(e);
-        }
-        return out;
-    }
-    std::vector<Uint32> ids(bool forward) {
+    // The ring records' function identifiers in walk order.
+    std::vector<Uint32> ids(bool forward, Uint8* wrapped = nullptr) {
         std::vector<Uint32> out;
-        for (const GTCountEntry& e : walk(forward)) out.push_back(e.functionID);
+        for (const auto& r : zeptest::readTraceDump(path_, forward, false, wrapped))
+            out.push_back(reinterpret_cast<const GTRecord*>(r.data())->functionID);
         return out;
     }
     zeptest::TempDir dir_{"zepgtdump"};
@@ -101,148 +84,94 @@ TEST_F(Dump, Validation) {
     // Opening doesn't check the eye-catcher; a short header fails with the read's code.
     put(bytes.substr(0, 1000));
     ZEPHFile file;
-    openFile(file);
+    zeptest::openToRead(file, path_);
     GTDumpParser p;
     EXPECT_EQ(gtraceOpenDumpFileParser(&file, &p, 1), ECF_FILE_EOF);
-    EXPECT_EQ(gtraceOpenDumpFileParser(nullptr, &p, 1), ECF_INVALID_PARAMETER);
     EXPECT_EQ(gtraceCloseDumpFileParser(nullptr), ECF_INVALID_PARAMETER);
-    file.close();
 }
 
 TEST_F(Dump, DirectionAndScan) {
     build(GTRACE_MODE_WRAP);
-    for (Uint32 i = 1; i <= 5; ++i) _gtraceEntry(1, i);
+    for (Uint32 i = 1; i <= 3; ++i) _gtraceEntry(1, i);
     write();
-    EXPECT_EQ(ids(true), (std::vector<Uint32>{1, 2, 3, 4, 5}));
-    EXPECT_EQ(ids(false), (std::vector<Uint32>{5, 4, 3, 2, 1}));
+    EXPECT_EQ(ids(true), (std::vector<Uint32>{1, 2, 3}));
+    EXPECT_EQ(ids(false), (std::vector<Uint32>{3, 2, 1}));
     // An auto dump whose first record isn't the trace's first: only a scan can tell, and the
     // options ask for one.
     for (Uint32 scan : {0u, 1u}) {
-        build(GTRACE_MODE_WRAP, 0, scan);
+        build(GTRACE_MODE_WRAP, scan);
         ASSERT_EQ(gtraceClear(), 0u);
         _gtraceEntry(1, F);
         write(0);
         Uint8 wrapped = 9;
-        EXPECT_EQ(walk(true, &wrapped).size(), 1u);
+        EXPECT_EQ(ids(true, &wrapped).size(), 1u);
         EXPECT_EQ(wrapped, scan);
     }
 }
 
 TEST_F(Dump, CountingDumps) {
-    // By hand: a table of three entries, the middle one free, and a used entry behind it.
-    auto raw = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
-    memset(raw.get(), 0, sizeof(GTDumpHeader));
-    GTDumpHeader* h = reinterpret_cast<GTDumpHeader*>(raw.get());
+    // A table of three entries, the middle one free, and a used entry behind it.
+    auto h = std::make_unique<GTDumpHeader>();
+    memset(static_cast<void*>(h.get()), 0, sizeof(GTDumpHeader));
     memcpy(h->eyeCatcher, "GTDUMP1", 8);
     h->options.modeBits = GTRACE_MODE_COUNTING;
     h->options.bufferSize = 48;
-    std::string bytes(reinterpret_cast<char*>(raw.get()), sizeof(GTDumpHeader));
+    std::string bytes(reinterpret_cast<char*>(h.get()), sizeof(GTDumpHeader));
     const GTCountEntry table[4] = {{3, F, 30}, {0, 0, 0}, {5, G, 50}, {7, 0x1234, 70}};
     bytes.append(reinterpret_cast<const char*>(table), sizeof table);
     put(bytes);
-    auto got = walk(true);
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(memcmp(&got[0], &table[0], 16), 0);
-    EXPECT_EQ(memcmp(&got[1], &table[2], 16), 0);
     // Backward makes no difference: the walk is forward only.
-    EXPECT_EQ(walk(false).size(), 2u);
-    // Without a buffer the size still comes.
+    for (bool forward : {true, false}) {
+        auto got = zeptest::readTraceDump(path_, forward, false);
+        ASSERT_EQ(got.size(), 2u);
+        EXPECT_EQ(memcmp(got[0].data(), &table[0], 16) | memcmp(got[1].data(), &table[2], 16), 0);
+    }
+    // Without a buffer, or with a size but no buffer, the size still comes.
     ZEPHFile file;
-    openFile(file);
+    zeptest::openToRead(file, path_);
     GTDumpParser p;
     ASSERT_EQ(gtraceOpenDumpFileParser(&file, &p, 1), 0u);
     EXPECT_EQ(p.kind, GTRACE_DUMP_KIND_COUNTING);
-    EXPECT_EQ(p.count.entryCount, 3u);
     EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 0), 16u);
-    // Nor with a size but no buffer, as the ring's parser.
     EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 16), 16u);
     EXPECT_EQ(gtraceCloseDumpFileParser(&p), 0u);
-    file.close();
-
-    // A live counting trace over a recursive workload, with time: exact counts come back.
-    build(GTRACE_MODE_COUNTING, GTRACE_FLAG_TIMESTAMP | GTRACE_FLAG_COUNT_TIME);
-    const Uint32 ok = 0;
-    std::function<void(int)> recurse = [&](int n) {
-        _gtraceEntry(1, F);
-        if (n > 0) recurse(n - 1);
-        _gtraceEntry(1, G);
-        _gtraceExit(1, G, &ok, 0, 0);
-        _gtraceExit(1, F, &ok, 0, 0);
-    };
-    for (int i = 0; i < 3; ++i) recurse(9);
-    write();
-    std::map<Uint32, GTCountEntry> counts;
-    for (auto& e : walk(true)) counts[e.functionID] = e;
-    ASSERT_EQ(counts.size(), 2u);
-    EXPECT_EQ(counts[F].count, 30u);
-    EXPECT_EQ(counts[G].count, 30u);
-    EXPECT_GT(counts[F].totalTime, counts[G].totalTime);
 }
 
 TEST_F(Dump, FormatterViews) {
     build(GTRACE_MODE_WRAP);
     gtraceSetFixedData1(0xFFFFFFFF);
-    gtraceSetFixedData2(0xFFFFFFFF);
-    const Uint32 rc = ECF_FILE_DOESNT_EXIST, ok = 0;
+    const Uint32 rc = ECF_FILE_DOESNT_EXIST;
     _gtraceEntry(7, F);
-    _gtraceVar(7, F, 10, 3, 2, 0u, 3u, "abc", 0u, 0u, nullptr);
-    _gtraceEntry(8, G);
-    _gtraceErrorVar(7, F, 30, 4, 0, 0, 1, 0u, 4u, &rc);
-    _gtraceExit(7, F, &rc, 0, 0);
-    _gtraceExit(8, G, &ok, 0, 0);
-    _gtraceErrorRcVar(7, F, 40, 5, 1, 2, rc, 3, 4, 1, 0u, 1u, "z");
+    _gtraceVar(8, G, 10, 3, 2, 0u, 3u, "abc", 0u, 0u, nullptr);
+    _gtraceExit(7, F, &rc, 1, 2);
     write();
-
     std::string text;
     Uint64 n = 0;
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text, &n),
               0u);
-    EXPECT_EQ(n, 7u);
+    EXPECT_EQ(n, 3u);
     const std::string R = "    0x081A0016 VRN Common, ZEPe, zepFileRename";
-    const std::string D = "    0x081A0013 VRN Common, ZEPe, zepFileDelete\n";
     EXPECT_EQ(text, "#1 ENTRY  pid 10  tid 7  time 0.000000000\n" + R +
-                        "\n#2 DATA  pid 10  tid 7  time 0.000000000\n" + R +
-                        "  probe 10\n"
+                        "\n#2 DATA  pid 10  tid 8  time 0.000000000\n"
+                        "    0x081A0013 VRN Common, ZEPe, zepFileDelete  probe 10\n"
                         "    item 1  kind 0  3 bytes\n"
                         "      0000  6162 63                                    abc\n"
                         "    item 2  kind 0  0 bytes\n"
-                        "#3 ENTRY  pid 10  tid 8  time 0.000000000\n" +
-                        D + "#4 ERROR  pid 10  tid 7  time 0.000000000\n" + R +
-                        "  probe 30\n"
-                        "    words 0x00000000 0x00000000\n"
-                        "    item 1  kind 0  4 bytes\n"
-                        "      0000  1A00 0090                                  ....\n"
-                        "#5 EXIT  pid 10  tid 7  time 0.000000000\n" +
+                        "#3 EXIT  pid 10  tid 7  time 0.000000000\n" +
                         R +
                         "\n    rc 0x9000001A ECF_FILE_DOESNT_EXIST\n"
-                        "    words 0x00000000 0x00000000\n"
-                        "#6 EXIT  pid 10  tid 8  time 0.000000000\n" +
-                        D +
-                        "    rc 0x00000000 OK\n"
-                        "    words 0x00000000 0x00000000\n"
-                        "#7 ERROR_OP  pid 10  tid 7  time 0.000000000\n" +
-                        R +
-                        "  probe 40\n"
-                        "    words 0x00000001 0x00000002\n"
-                        "    item 1  kind 0  1 bytes\n"
-                        "      0000  7A                                         z\n");
-
+                        "    words 0x00000001 0x00000002\n");
     text.clear();
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Flow, true, &text), 0u);
     EXPECT_EQ(text,
               "10/7  0.000000000  > zepFileRename\n"
-              "10/7  0.000000000    DATA zepFileRename probe 10  (2 items)\n"
-              "10/8  0.000000000  > zepFileDelete\n"
-              "10/7  0.000000000    ERROR zepFileRename probe 30  (1 items)\n"
-              "10/7  0.000000000  < zepFileRename  rc 0x9000001A ECF_FILE_DOESNT_EXIST\n"
-              "10/8  0.000000000  < zepFileDelete  rc 0x00000000 OK\n"
-              "10/7  0.000000000  ERROR_OP zepFileRename probe 40  (1 items)\n");
+              "10/8  0.000000000  DATA zepFileDelete probe 10  (2 items)\n"
+              "10/7  0.000000000  < zepFileRename  rc 0x9000001A ECF_FILE_DOESNT_EXIST\n");
 
     // Time by the dump's factor: a nanosecond counter converts one to one.
     ZEPTickConversionFactor factor;
     factor.initialize();
-    zeptrace::Formatter f(factor);
-    EXPECT_EQ(f.time(1234567890123ull), "1234.567890123");
+    EXPECT_EQ(zeptrace::Formatter(factor).time(1234567890123ull), "1234.567890123");
 
     // A counting dump: one line per function in use.
     build(GTRACE_MODE_COUNTING);
@@ -252,6 +181,61 @@ TEST_F(Dump, FormatterViews) {
     text.clear();
     ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text), 0u);
     EXPECT_EQ(text, "         2  0.000000000  " + R.substr(4) + "\n");
+}
+
+TEST_F(Dump, ExportNestsCallsPerThreadAcrossProcesses) {
+    build(GTRACE_MODE_WRAP);
+    const Uint32 B = ZEPFN_ZEPHFile_open, C = ZEPFN_ZEPHFile_close;
+    const char item[] = "/data/a.txt";
+    // Process 10, thread 1: F calls B, which fails, and C, which never exits.
+    _gtraceEntry(1, F);
+    _gtraceEntry(1, B);
+    _gtraceErrorVar(1, B, 30, GTRACE_TYPE_ERROR, 2, 0, 1, 0u, Uint32{sizeof item}, item);
+    Uint32 rc = ECF_FILE_EXISTS;
+    _gtraceExit(1, B, &rc, 0, 0);
+    _gtraceEntry(1, C);
+    rc = 0;
+    _gtraceExit(1, F, &rc, 0, 0);
+    // Thread 3: an exit whose entry the ring no longer holds.
+    _gtraceExit(3, ZEPFN_ZEPHFile_seek, &rc, 0, 0);
+    // Process 20, thread 2: an entry with data, no exit before the dump.
+    gtraceSetProcessID(20);
+    _gtraceEntry(2, F);
+    _gtraceVar(2, F, 10, GTRACE_TYPE_DATA, 1, 0u, Uint32{sizeof item}, item);
+    write();
+
+    const std::string json = dir_ / "t.json";
+    FILE* out = fopen(json.c_str(), "w");
+    Uint64 records = 0;
+    EXPECT_EQ(zeptrace::exportChromeFile(path_.c_str(), out, &records), 0u);
+    fclose(out);
+    EXPECT_EQ(records, 9u);
+    const std::string checker = ZEP_TEST_SOURCE_DIR "/tools/check_chrome_trace.py ";
+    FILE* check = popen(("python3 " + checker + json).c_str(), "r");
+    std::string seen(4096, '\0');
+    seen.resize(fread(seen.data(), 1, seen.size(), check));
+    EXPECT_EQ(pclose(check), 0);
+    EXPECT_EQ(seen,
+              "10/1 thread 1: zepFileRename(ZEPHFile::open ZEPHFile::close)\n"
+              "10/1 instant error ZEPHFile::open probe 30\n"
+              "10/1 instant rc ZEPHFile::open 0x9000001B ECF_FILE_EXISTS\n"
+              "10/1 instant no exit ZEPHFile::close\n"
+              "10/3 thread 3: \n"
+              "10/3 instant exit ZEPHFile::seek\n"
+              "20/2 thread 2: zepFileRename\n"
+              "20/2 instant data zepFileRename probe 10\n"
+              "20/2 instant no exit zepFileRename\n");
+    // Calls carry no arguments (a flame graph keys a frame by its name and arguments); the
+    // details do.
+    const std::string text = zeptest::slurp(json);
+    EXPECT_NE(text.find(R"({"ph":"X","name":"ZEPHFile::open","cat":"COMP_ZEPE","ts":)"),
+              std::string::npos);
+    EXPECT_NE(text.find(R"("args":{"type":"DATA","probe":10,"items":["/data/a.txt"]})"),
+              std::string::npos);
+    // A counting dump has no calls to show.
+    build(GTRACE_MODE_COUNTING);
+    write();
+    EXPECT_EQ(zeptrace::exportChromeFile(path_.c_str(), stdout, nullptr), ECF_NOT_SUPPORTED);
 }
 
 }  // namespace

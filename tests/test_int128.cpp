@@ -4,7 +4,6 @@
 
 #include <climits>
 #include <limits>
-#include <random>
 #include <string>
 
 #include "zepint128.h"
@@ -28,20 +27,6 @@ Sint128 s(U128 v) {
     return Sint128(Uint64(v >> 64), Uint64(v));
 }
 
-template <class T>
-std::string text(const T& v) {
-    char buf[64];
-    EXPECT_GT(v.toString(buf, sizeof buf), 0);
-    return buf;
-}
-
-// Digits by one division by 10 per digit: a reference independent of the library's splitting.
-std::string referenceDigits(U128 v) {
-    std::string s = v == 0 ? "0" : "";
-    for (; v != 0; v /= 10) s.insert(s.begin(), char('0' + int(v % 10)));
-    return s;
-}
-
 // Exposes the protected reader to the tests.
 struct Reader : int128 {
     static Sint128 read(String s) { return Sint128(strToInt128(s)); }
@@ -55,19 +40,6 @@ std::vector<U128> boundaries() {
     U128 p = 1;
     for (int i = 0; i <= 38; ++i, p *= 10)
         for (int d : {-1, 0, 1}) v.push_back(p + d);
-    return v;
-}
-
-// Values of every bit length.
-std::vector<U128> randomValues() {
-    std::vector<U128> v;
-    std::mt19937_64 rng(12345);
-    for (int bits = 1; bits <= 128; ++bits)
-        for (int i = 0; i < 40; ++i) {
-            U128 r = (U128(rng()) << 64) | rng();
-            if (bits < 128) r &= (U128(1) << bits) - 1;
-            v.push_back(r | U128(1) << (bits - 1));
-        }
     return v;
 }
 
@@ -106,72 +78,38 @@ TEST(Int128, ArithmeticWrapsLikeTheCompilersType) {
         ASSERT_EQ(s(a).getSign(), S128(a) < 0);
     }
     EXPECT_TRUE(kMin / Sint128(-1) == kMin);
-    EXPECT_TRUE(kMin * Sint128(-1) == kMin);
-
-    // Quotient and remainder rebuild the dividend for divisors of every size.
-    std::mt19937_64 rng(99);
-    for (int i = 0; i < 20000; ++i) {
-        const Uint128 a(rng(), rng());
-        Uint128 b = Uint128(rng(), rng()) >> Uint32(rng() % 128);
-        if (b == Uint128(0)) b = Uint128(1);
-        ASSERT_TRUE(raw(a / b) == raw(a) / raw(b)) << i;
-        ASSERT_TRUE(a - a / b * b < b) << i;
-    }
-}
-
-TEST(Int128, ConstructionFromIntegers) {
-    // Every standard integer type converts without a cast, sign-extended when it is signed.
+    // Signed values from 64 bits are sign-extended; the base class's small constants are not.
     auto both = [](auto v) {
         const U128 want = std::is_signed_v<decltype(v)> ? U128(S128(v)) : U128(v);
         const Uint128 x = v;
         const Sint128 y = v;
         EXPECT_TRUE(raw(x) == want && raw(y) == want) << +v;
     };
-    for (int i : {std::numeric_limits<int>::min(), -1, 0, 1, std::numeric_limits<int>::max()}) {
-        both(i), both(unsigned(i)), both(long(i)), both((unsigned long)(long)i), both((long long)i);
-        both((unsigned long long)(long long)i);
-    }
-    for (long long i : {LLONG_MIN, LLONG_MAX}) both(i), both((unsigned long long)i), both(long(i));
-    EXPECT_TRUE(Uint128(5) + 7ULL == Uint128(12));
-    EXPECT_TRUE(Sint128(5) - 7LL == Sint128(-2));
-    // The base class's small constants put a negative Sint32 into the low half only.
+    both(-5), both(5u), both(-5L), both(5UL), both(LLONG_MIN), both(ULLONG_MAX);
     const int128 quirk(-1);
     EXPECT_TRUE(quirk.getLow() == kOnes && quirk.getHigh() == 0u);
 }
 
-TEST(Int128, FloatingPointInIsTruncatedAndSaturated) {
+TEST(Int128, FloatingPointIsTruncatedAndSaturated) {
     const double inf = std::numeric_limits<double>::infinity();
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const U128 ones = ~U128(0);
-    const std::pair<double, U128> unsignedCases[] = {{-1.5, 0},
-                                                     {0.99, 0},
-                                                     {4.9e-324, 0},
-                                                     {1.0, 1},
-                                                     {123456789.75, 123456789},
-                                                     {1.0e39, ones},
-                                                     {-1.0e39, 0},
-                                                     {1.7014118346046923e38, U128(1) << 127},
-                                                     {inf, ones},
-                                                     {-inf, 0},
-                                                     {nan, ones},
-                                                     {-nan, 0}};
+    // clang-format off
+    const std::pair<double, U128> unsignedCases[] = {
+        {-1.5, 0}, {0.99, 0}, {4.9e-324, 0}, {123456789.75, 123456789}, {1.0e39, ones},
+        {-1.0e39, 0}, {1.7014118346046923e38, U128(1) << 127}, {inf, ones}, {nan, ones}, {-nan, 0}};
     for (auto [d, want] : unsignedCases) EXPECT_TRUE(raw(Uint128(d)) == want) << d;
+    // 2^127 does not fit and saturates; -2^127 saturates onto itself.
     const std::pair<double, Sint128> signedCases[] = {
-        {-1.5, Sint128(-1)},
-        {-0.99, Sint128(0)},
-        {1.0e39, kMax},
-        {-1.0e39, kMin},
-        // 2^127 does not fit and saturates; -2^127 saturates onto itself.
-        {1.7014118346046923e38, kMax},
-        {-1.7014118346046923e38, kMin},
-        {nan, kMax},
-        {-nan, kMin},
-        {-inf, kMin}};
+        {-1.5, Sint128(-1)}, {1.0e39, kMax}, {-1.0e39, kMin}, {1.7014118346046923e38, kMax},
+        {-1.7014118346046923e38, kMin}, {nan, kMax}, {-nan, kMin}};
+    // clang-format on
     for (auto [d, want] : signedCases) EXPECT_TRUE(Sint128(d) == want) << d;
-    EXPECT_EQ(text(Uint128(3.0e38)), "300000000000000012135895401846682943488");
-    EXPECT_EQ(text(Uint128(3.0e38f)), "300000000549775575777803994281145270272");
-    EXPECT_EQ(text(Sint128(-3.0e38 / 2)), "-150000000000000006067947700923341471744");
-    EXPECT_TRUE(raw(Uint128(std::numeric_limits<float>::infinity())) == ones);
+    char buf[64];
+    Uint128(3.0e38f).toString(buf, sizeof buf);
+    EXPECT_STREQ(buf, "300000000549775575777803994281145270272");
+    Sint128(-3.0e38 / 2).toString(buf, sizeof buf);
+    EXPECT_STREQ(buf, "-150000000000000006067947700923341471744");
     EXPECT_TRUE(Sint128(-2.5f) == Sint128(-2));
 
     // Out, truncated rather than rounded.
@@ -180,27 +118,20 @@ TEST(Int128, FloatingPointInIsTruncatedAndSaturated) {
         {double(Uint128((Uint64(1) << 54) - 1)), 18014398509481982.0},  // not 2^54
         {double(Uint128(kOnes, kOnes)), 340282366920938425684442744474606501888.0},
         {double(Uint128(0)), 0.0},
-        {double(Uint128(1, 0)), 18446744073709551616.0},
-        {double(Sint128(-1)), -1.0},
         {double(kMin), -170141183460469231731687303715884105728.0},
         {double(Sint128(-((Sint64(1) << 54) - 1))), -18014398509481982.0}};
     for (auto [got, want] : out) EXPECT_EQ(got, want);
 }
 
-TEST(Int128, TextLengthsAndBuffers) {
+TEST(Int128, Text) {
     char buf[64];
+    // clang-format off
     const std::tuple<Sint128, Uint32, int, const char*> cases[] = {
-        {Sint128(0), 1, -1, ""},
-        {Sint128(0), 2, 1, "0"},
-        {Sint128(-1), 64, 2, "-1"},
-        {Sint128(1000), 4, -1, ""},
-        {Sint128(1000), 5, 4, "1000"},
-        {kMin, 41, 40, "-170141183460469231731687303715884105728"},
-        {kMax, 64, 39, "170141183460469231731687303715884105727"},
+        {Sint128(0), 1, -1, ""}, {Sint128(0), 2, 1, "0"}, {Sint128(1000), 4, -1, ""},
+        {Sint128(1000), 5, 4, "1000"}, {kMin, 41, 40, "-170141183460469231731687303715884105728"},
         // A negative value that does not fit still has its sign written, and nothing else.
-        {Sint128(-5), 2, -1, "-x"},
-        {Sint128(-5), 3, 2, "-5"},
-        {Sint128(-5), 1, -1, "-"}};
+        {Sint128(-5), 2, -1, "-x"}, {Sint128(-5), 3, 2, "-5"}};
+    // clang-format on
     for (const auto& [v, size, length, written] : cases) {
         memset(buf, 'x', sizeof buf);
         EXPECT_EQ(v.toString(buf, size), length) << written;
@@ -208,41 +139,29 @@ TEST(Int128, TextLengthsAndBuffers) {
                   written + std::string(length > 0, '\0'));
     }
     EXPECT_EQ(Uint128(0).toString(buf, 0), -1);
-
-    std::vector<U128> values = boundaries(), random = randomValues();
-    values.insert(values.end(), random.begin(), random.end());
-    for (U128 v : values) {
-        const std::string want = referenceDigits(v);
+    // Against digits made by one division by 10 each, independent of the library's splitting.
+    for (U128 v : boundaries()) {
+        std::string want = v == 0 ? "0" : "";
+        for (U128 r = v; r != 0; r /= 10) want.insert(want.begin(), char('0' + int(r % 10)));
         const Uint32 n = Uint32(want.size());
         ASSERT_EQ(u(v).toString(buf, n), -1) << want;
         ASSERT_EQ(u(v).toString(buf, n + 1), int(n)) << want;
         ASSERT_EQ(want, buf);
         const Sint128 negative = -Sint128(u(v));
         if (negative.getSign() && !(negative == kMin)) {
-            ASSERT_EQ(negative.toString(buf, n + 1), -1) << want;
             ASSERT_EQ(negative.toString(buf, n + 2), int(n) + 1) << want;
             ASSERT_EQ("-" + want, buf);
         }
     }
-}
 
-TEST(Int128, TextReaderQuirks) {
-    const std::pair<const char*, Sint128> cases[] = {
-        {"  -0012", -12},
-        {"-12x", 12},
-        {"abc", 0},
-        {"-+5", 0},
-        {"+-5", -5},
-        {"+5", 5},
-        {"", 0},
-        {"-000", 0},
-        {"\t\n 7", 7},
-        {"7 ", 7},
-        {"-170141183460469231731687303715884105728", kMin}};
-    for (const auto& [in, want] : cases) EXPECT_TRUE(Reader::read(in) == want) << in;
-    EXPECT_TRUE(Uint128("340282366920938463463374607431768211455") == Uint128(kOnes, kOnes));
+    // clang-format off
+    const std::pair<const char*, Sint128> read[] = {
+        {"  -0012", -12}, {"-12x", 12}, {"abc", 0}, {"-+5", 0}, {"+-5", -5}, {"", 0},
+        {"\t\n 7", 7}, {"-170141183460469231731687303715884105728", kMin}};
+    // clang-format on
+    for (const auto& [in, want] : read) EXPECT_TRUE(Reader::read(in) == want) << in;
     // Beyond 128 bits the value wraps.
-    EXPECT_TRUE(Uint128("340282366920938463463374607431768211456") == Uint128(0));
+    EXPECT_TRUE(Uint128("340282366920938463463374607431768211455") == Uint128(kOnes, kOnes));
     EXPECT_TRUE(Uint128("340282366920938463463374607431768211457") == Uint128(1));
     EXPECT_TRUE(Sint128("-1") == Sint128(-1));
 }

@@ -39,8 +39,9 @@ struct Call {
 };
 
 inline std::vector<Call> calls;
-inline void (*onLog)() = nullptr;  // run after each log call is recorded
-inline Uint32 fakeBlock[4];        // a control block head: the enable word is the second word
+inline void (*onLog)() = nullptr;    // run after each log call is recorded
+inline void (*onTrace)() = nullptr;  // run after each trace record with items is recorded
+inline Uint32 fakeBlock[4];          // a control block head: the enable word is the second word
 
 inline void trace(bool on) {
     fakeBlock[1] = on;
@@ -68,11 +69,9 @@ inline const Call& theLog(Uint32 fid, Uint32 probe, Uint32 code, Uint32 level = 
     int logs = 0;
     for (const Call& c : calls)
         if (c.what.compare(0, 3, "log") == 0) ++logs, found = &c;
-    EXPECT_EQ(logs, 1);
-    EXPECT_EQ(found->fid, fid);
-    EXPECT_EQ(found->probe, probe);
-    EXPECT_EQ(found->code, code);
-    EXPECT_EQ(found->level, level);
+    EXPECT_EQ(
+        std::vector<Uint32>({Uint32(logs), found->fid, found->probe, found->code, found->level}),
+        std::vector<Uint32>({1, fid, probe, code, level}));
     return *found;
 }
 
@@ -90,7 +89,7 @@ inline void record(Call& c, int n, va_list& ap, bool log) {
         c.items.push_back(it);
     }
     calls.push_back(c);
-    if (log && onLog) onLog();
+    if (void (*hook)() = log ? onLog : onTrace) hook();
 }
 
 // zepLogRC and zepLogSysRC: the mask's low 31 bits say which items follow.
@@ -201,7 +200,7 @@ class CaptureTest : public ::testing::Test {
 protected:
     void SetUp() override {
         calls.clear();
-        onLog = nullptr;
+        onLog = onTrace = nullptr;
         trace(false);
         char tmpl[] = "/tmp/zeptestXXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
