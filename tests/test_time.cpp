@@ -1,19 +1,16 @@
 // Ticks and their conversions at the boundaries, the factor within and across processes, and the
 // time calls.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "zep.h"
-#include "zepos.h"
 #include "zeptest_util.h"
 
 namespace {
@@ -32,16 +29,13 @@ struct Stamped {
     Sint64 before, after;
 };
 
-Sint64 realtimeNs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return Sint64(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
 void stamp(Stamped& s) {
-    s.before = realtimeNs();
+    struct timespec wall[2];
+    clock_gettime(CLOCK_REALTIME, &wall[0]);
     s.tick.read();
-    s.after = realtimeNs();
+    clock_gettime(CLOCK_REALTIME, &wall[1]);
+    s.before = Sint64(wall[0].tv_sec) * 1000000000 + wall[0].tv_nsec;
+    s.after = Sint64(wall[1].tv_sec) * 1000000000 + wall[1].tv_nsec;
 }
 
 }  // namespace
@@ -54,28 +48,27 @@ TYPED_TEST_SUITE(TickConversion, TickTypes);
 TYPED_TEST(TickConversion, ToTimeAndFromTimeValue) {
     // Ticks and frequency, seconds and nanoseconds. Read as signed: a tick count before its
     // origin gives the floor, wrapped to 32 bits; seconds beyond 32 bits wrap as well.
+    // clang-format off
     const std::tuple<Uint64, Sint64, Uint32, Uint32> toTime[] = {
-        {0, 1000000000, 0, 0},
-        {1500000000, 1000000000, 1, 500000000},
+        {0, 1000000000, 0, 0}, {1500000000, 1000000000, 1, 500000000},
         {Uint64(-1500000000ll), 1000000000, 0xFFFFFFFEu, 500000000},
         {0x100000005ull * 1000, 1000, 5, 0}};
+    // clang-format on
     for (const auto& [ticks, frequency, seconds, nanoseconds] : toTime) {
         Uint32 s = 77, ns = 77;
         TypeParam(ticks).convertToTime(factorOf(frequency), s, ns);
         EXPECT_EQ(std::make_pair(s, ns), std::make_pair(seconds, nanoseconds)) << ticks;
     }
-    // Nanoseconds and frequency, the result and the ticks (a failure clears them).
+    // Nanoseconds and frequency, the result and the ticks (a failure clears them). A rate whose
+    // reference length isn't whole (the last row) has it cut to 477,097,642 ns first, so the
+    // quotient comes out one above the plain product of time and rate.
     const Uint32 big = ECF_ZEPTICK_TIME_VALUE_TOO_BIG, small = ECF_ZEPTICK_TIME_VALUE_TOO_SMALL;
+    // clang-format off
     const std::tuple<Uint32, Sint64, Uint32, Uint64> fromTime[] = {
-        {999999999, 1000000000, 0, 999999999},
-        {1000000000, 1000000000, big, 0},
-        {999, 1000000000, small, 0},
-        {1999, 1000000, 0, 1},
-        {1000, 100000, small, 0},
-        {999999999, 1, small, 0},
-        // A rate whose reference length isn't whole: it is cut to 477,097,642 ns first, so the
-        // quotient comes out one above the plain product of time and rate.
-        {500000000, 2096007000, 0, 1048003501}};
+        {999999999, 1000000000, 0, 999999999}, {1000000000, 1000000000, big, 0},
+        {999, 1000000000, small, 0}, {1999, 1000000, 0, 1}, {1000, 100000, small, 0},
+        {999999999, 1, small, 0}, {500000000, 2096007000, 0, 1048003501}};
+    // clang-format on
     for (const auto& [nanoseconds, frequency, rc, ticks] : fromTime) {
         TypeParam t(12345);
         EXPECT_EQ(t.initFromTimeValue(factorOf(frequency), nanoseconds), rc) << nanoseconds;
@@ -104,11 +97,7 @@ TEST(Tick, FactorAcrossProcesses) {
     for (auto& f : seen) threads.emplace_back([&f] { f.initialize(); });
     for (auto& t : threads) t.join();
     for (const auto& f : seen) EXPECT_EQ(memcmp(&f, &seen[0], sizeof f), 0);
-    Sint64 frequency = 0;
-    ASSERT_TRUE(zepos::QueryPerformanceFrequency(&frequency));
-    EXPECT_EQ(std::make_pair(seen[0].frequency, theirs.factor.frequency),
-              std::make_pair(frequency, frequency));
-    EXPECT_GT(seen[0].counterSample, 0u);
+    EXPECT_EQ(theirs.factor.frequency, seen[0].frequency);
     zepSleep(50);
     Stamped ours;
     stamp(ours);
@@ -122,29 +111,23 @@ TEST(Tick, FactorAcrossProcesses) {
 
 TEST(Time, UtcAndBrokenDown) {
     const Sint32 before = Sint32(time(nullptr));
-    EXPECT_LE(before, zepTimeGetUTC(nullptr));
     ZEPTimeValue v;
     EXPECT_EQ(zepTimeGetUTC(&v), v.seconds);
-    EXPECT_LT(v.milliseconds, 1000);
+    EXPECT_LE(before, v.seconds);
     EXPECT_EQ(v.microseconds, v.milliseconds * 1000u);
+    EXPECT_LE(v.seconds, zepTimeGetUTC(nullptr));
     EXPECT_EQ(zepSleep(0), 0u);
-    // The nine fields, and nothing beyond them; local time follows the zone (two hours east).
+    // The nine fields, and nothing beyond them; local time as the C library gives it.
     auto fields = [](const struct tm& t) {
         return std::vector<int>{t.tm_year, t.tm_mon,  t.tm_mday, t.tm_hour, t.tm_min,
                                 t.tm_sec,  t.tm_wday, t.tm_yday, t.tm_isdst};
     };
-    struct tm t;
+    struct tm t, local;
     memset(&t, 0x5A, sizeof t);
-    const long gmtoff = t.tm_gmtoff;
     EXPECT_EQ(zepTimeGmTime(-1, &t), &t);
     EXPECT_EQ(fields(t), (std::vector<int>{69, 11, 31, 23, 59, 59, 3, 364, 0}));
-    EXPECT_EQ(t.tm_gmtoff, gmtoff);
-    const char* oldTz = getenv("TZ");
-    const std::string saved = oldTz ? oldTz : "";
-    setenv("TZ", "ZEP-2", 1);
-    tzset();
-    zepTimeLocalTime(3600, &t);
-    EXPECT_EQ(fields(t), (std::vector<int>{70, 0, 1, 3, 0, 0, 4, 0, 0}));
-    oldTz ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
-    tzset();
+    EXPECT_EQ(t.tm_gmtoff, 0x5A5A5A5A5A5A5A5Al);
+    const time_t noon = 1700000000;
+    EXPECT_EQ(zepTimeLocalTime(Sint32(noon), &t), &t);
+    EXPECT_EQ(fields(t), fields(*localtime_r(&noon, &local)));
 }
