@@ -223,6 +223,8 @@ TEST(Decfloat, TextInAndRoundingModes) {
     ZEPDecfloat d;
     char buf[64];
     EXPECT_EQ(d.toString(buf, 43), ECF_DECFLOAT_NOT_A_NUMBER);  // no value yet
+    // A constructor drops the result; the status shows the failure afterwards.
+    EXPECT_EQ(ZEPDecfloat16("abc").context().status, Uint32(ZEP_DEC_CONVERSION_SYNTAX));
     // The size counts characters without the NUL; special texts need none.
     d.fromString("12.5");
     EXPECT_EQ(d.toString(buf, 3), ECF_DECFLOAT_INVALID_STRING_LENGTH);
