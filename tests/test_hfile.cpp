@@ -16,9 +16,8 @@ void* const kNone = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 const std::string kHelper = ZEP_TEST_BIN_DIR "/helper_hfile ";
 
 // What another process gets when it tries the lock without waiting.
-Uint32 otherProcessTries(const std::string& path, Uint32 type) {
-    const std::string out =
-        run(kHelper + "try " + path + " " + std::to_string(type) + " && echo ok");
+Uint32 otherProcessTries(const std::string& path, Uint32 t) {
+    const std::string out = run(kHelper + "try " + path + " " + std::to_string(t) + " && echo ok");
     EXPECT_EQ(out.substr(8), "\nok") << out;  // the helper ended well
     return static_cast<Uint32>(strtoul(out.c_str(), nullptr, 16));
 }
@@ -66,12 +65,11 @@ TEST_F(HFile, OpenDispositionsAndRefusals) {
     // clang-format on
     const std::string p = path("f");
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.creation << "/" << c.access << " " << c.exists);
         unlink(p.c_str());
         if (c.exists) put(p, "old");
         calls.clear();
         ZEPHFile h;
-        EXPECT_EQ(open(h, p, c.creation, c.access), c.rc);
+        EXPECT_EQ(open(h, p, c.creation, c.access), c.rc) << c.creation << " " << c.exists;
         if (c.rc == 0)
             EXPECT_EQ(h.close(), 0u);
         else
@@ -95,15 +93,28 @@ TEST_F(HFile, OpenDispositionsAndRefusals) {
               std::make_tuple(0x40000000u, 4u, 0x84000080u));
 
     // Delete on close; then a stale copy of the closed handle never reaches the file opened
-    // since in its place.
+    // since in its place. Bad values are refused before the handle is looked at.
     EXPECT_EQ(open(h, path("t"), CN, RW, ZEP_FILE_OPTION_DELETE_ON_CLOSE), 0u);
     ZEPHFile stale = h;
     EXPECT_EQ(h.close(), 0u);
     EXPECT_FALSE(exists(path("t")));
     ASSERT_EQ(open(h, path("b"), CN), 0u);
     calls.clear();
-    EXPECT_EQ(stale.close(), INVAL);
-    EXPECT_EQ(theLog(ZEPFN_ZEPHFile_close, 20, INVAL).err, 6u);
+    ZEPFileWriteParam w;
+    w.buffer = "x", w.length = 1;
+    ZEPFileLockParam badLock(3, ZEP_FILE_LOCK_WAIT);
+    ZEPFileMapParam badMap;
+    badMap.protection = 3;
+    void* view = nullptr;
+    Uint32 n = 0;
+    const std::vector<Uint32> rcs{stale.write(&w, &n), stale.close(), stale.lock(&badLock),
+                                  stale.map(&badMap, &view)};
+    EXPECT_EQ(rcs, std::vector<Uint32>(4, INVAL));
+    EXPECT_EQ(said(),
+              "logsys ZEPHFile::write WriteFile 6 ECF_INVALID_PARAMETER p40 L4 m80000003; "
+              "logsys ZEPHFile::close CloseHandle 6 ECF_INVALID_PARAMETER p20 L4 m80000001; "
+              "log ZEPHFile::lock ECF_INVALID_PARAMETER p130 L4 n1; "
+              "log ZEPHFile::map ECF_INVALID_PARAMETER p60 L4 n1");
     EXPECT_EQ(h.close(), 0u);
 }
 
@@ -242,10 +253,9 @@ TEST_F(HFile, LockBetweenProcesses) {
 // The primitive file stands outside the frame: it never logs or traces.
 using PrimFile = CaptureTest;
 
-TEST_F(PrimFile, OpenFlagsAndPlatformNumbers) {
+TEST_F(PrimFile, OpenFlagsNumbersAndDescriptors) {
     // Never opened: a write does nothing, a read hands back whatever the last error is.
     ZEPPrimitiveFileOp f;
-    EXPECT_FALSE(f.isValid());
     EXPECT_EQ(f.write("text", 4), 0u);
     zepos::SetLastError(1234);
     Uint32 got = 99;
@@ -295,19 +305,17 @@ TEST_F(PrimFile, OpenFlagsAndPlatformNumbers) {
     f.close();
     EXPECT_EQ(slurp(path("data")),
               std::string("0123456789abc\0def", 17) + big.substr(0, 2047) + "n=42;");
-}
 
-// A daemon that closed its standard output: the report file gets descriptor 1, and close must
-// close it, or the program's later output lands in the report. The console, though, is standard
-// output, and outlives close.
-TEST_F(PrimFile, DescriptorOneAndTheConsole) {
+    // A daemon that closed its standard output: the report file gets descriptor 1, and close
+    // must close it, or the program's later output lands in the report. The console, though, is
+    // standard output, and outlives close.
     fflush(stdout);
     const int saved = dup(1);
     close(1);
-    ZEPPrimitiveFileOp f, console;
-    const Uint32 opened = f.open(path("report").c_str(), 0x14);
-    f.write("report\n", 0);
-    f.close();
+    ZEPPrimitiveFileOp report, console;
+    const Uint32 opened = report.open(path("report").c_str(), 0x12);  // created for writing
+    report.write("report\n", 0);
+    report.close();
     const bool reportClosed = fcntl(1, F_GETFD) < 0;
     const int out = open(path("console").c_str(), O_CREAT | O_WRONLY, 0644);
     console.openConsole();

@@ -20,7 +20,7 @@ using IpcMemory = IpcTest;
 
 TEST_F(IpcMemory, CreateAttachAndTheirFailureRows) {
     ZEPIPCMemoryCreateParam p, q;
-    p.resID = idOf(tag_ + "rows"), p.memorySize = 1, p.accessMode = 7, p.flags = 9;
+    p.resID = idOf("rows"), p.memorySize = 1, p.accessMode = 7, p.flags = 9;
     ZEPHIPCMemory a, b, c;
     void* at = &at;
     ASSERT_EQ(a.getAddress(&at), 0u);
@@ -43,20 +43,18 @@ TEST_F(IpcMemory, CreateAttachAndTheirFailureRows) {
     // Attach: at the creator's address in this process it is taken; elsewhere it is granted.
     EXPECT_EQ(b.attach(&p.resID, at), ECF_INVALID_ADDRESS);
     EXPECT_EQ(logShape(ECF_INVALID_ADDRESS), "logsys 70/487 log 70");
-    EXPECT_FALSE(b.isAttached());
     ASSERT_EQ(b.attach(&p.resID, nullptr), 0u);
 
-    // A name that isn't there; a view that can't be placed (the new block goes with it).
-    q.resID = idOf(tag_ + "placed"), q.memorySize = 100, q.address = at;
+    // A name that isn't there; a view that can't be placed (the new block goes with it: the
+    // look at /dev/shm at the end would find it).
+    q.resID = idOf("placed"), q.memorySize = 100, q.address = at;
     EXPECT_EQ(c.attach(&q.resID, nullptr), ECF_MEM_DOESNT_EXIST);
     EXPECT_EQ(logShape(ECF_MEM_DOESNT_EXIST), "logsys 50/2 log 50");
     EXPECT_EQ(c.create(&q), ECF_INVALID_ADDRESS);
     EXPECT_EQ(logShape(ECF_INVALID_ADDRESS), "logsys 100/487 log 100 log 101");
-    EXPECT_EQ(c.attach(&q.resID, nullptr), ECF_MEM_DOESNT_EXIST);
 
     // A parameter object missing, and authorize that changes nothing.
     ZEPIPCSecurityParam sp;
-    calls.clear();
     refused(c.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCMemory_create, 1111);
     EXPECT_EQ(a.authorize(&sp), 0u);
 
@@ -156,7 +154,7 @@ TEST_F(IpcMemory, ExtendedChecksJoinsAndViews) {
 }
 
 TEST_F(IpcMemory, LifetimeAcrossProcessesAndKilledUsers) {
-    const std::string name = tag_ + "abc";
+    const std::string name = tag_ + "abc";  // as helper_ipc's path
     IpcProc a, b, c;
     const std::string created = a.run("mc " + name + " 4096 0");
     ASSERT_EQ(created.substr(0, 2), "0 ");
@@ -164,7 +162,6 @@ TEST_F(IpcMemory, LifetimeAcrossProcessesAndKilledUsers) {
     EXPECT_EQ(a.run("w 100 33"), "ok");
     // B at A's own address; the block outlives its creator's destroy while B holds it.
     EXPECT_EQ(b.run("ma " + name + " " + where), "0 " + where);
-    EXPECT_EQ(b.run("r 100"), "v 33");
     EXPECT_EQ(a.run("md"), "0");
     EXPECT_EQ(b.run("r 100"), "v 33");
     EXPECT_EQ(c.run("mc " + name + " 4096 0"), "9000004A (nil)");  // ECF_MEM_EXISTS
@@ -178,7 +175,7 @@ TEST_F(IpcMemory, LifetimeAcrossProcessesAndKilledUsers) {
     c.finish(SIGKILL);
     ZEPHIPCMemory m;
     ZEPIPCMemoryCreateParam p;
-    p.resID = idOf(name), p.memorySize = 100;
+    p.resID = idOf("abc"), p.memorySize = 100;
     ASSERT_EQ(m.create(&p), 0u);
     void* at;
     m.getAddress(&at);

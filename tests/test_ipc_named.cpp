@@ -9,16 +9,12 @@ using zepos::NamedKind;
 
 namespace {
 
-std::string linuxName(NamedKind kind, const std::string& name) {
-    char out[zepos::NAMED_LINUX_NAME_SIZE];
-    zepos::NamedLinuxName(kind, name.c_str(), out);
-    return out;
-}
-
-// The object's mode bits, -1 if it has no file.
-int modeOf(NamedKind kind, const std::string& name) {
+// The mode bits of a semaphore's file, -1 if it has none.
+int modeOf(const char* name) {
+    char file[9 + zepos::NAMED_LINUX_NAME_SIZE] = "/dev/shm/";
+    zepos::NamedLinuxName(NamedKind::Semaphore, name, file + 9);
     struct stat st;
-    return stat(("/dev/shm/" + linuxName(kind, name)).c_str(), &st) == 0 ? st.st_mode & 0777 : -1;
+    return stat(file, &st) == 0 ? st.st_mode & 0777 : -1;
 }
 
 using Named = IpcTest;
@@ -29,7 +25,7 @@ using Named = IpcTest;
 // inherit it across exec; an override's mode and inheritance flag are kept to.
 TEST_F(Named, ModeAndInheritanceFollowTheAttributes) {
     ZEPIPCSemaphoreCreateParam open, narrow;
-    open.resID = nameOf("open"), narrow.resID = nameOf("narrow");
+    open.resID = idOf("open"), narrow.resID = idOf("narrow");
     ZEPHIPCSemaphore a, b;
     const mode_t old = umask(077);
     ASSERT_EQ(a.create(&open), 0u);
@@ -40,18 +36,18 @@ TEST_F(Named, ModeAndInheritanceFollowTheAttributes) {
     ASSERT_EQ(b.create(&narrow), 0u);
     zepSetSecurityAttributesForZEP(nullptr);
     umask(old);
-    EXPECT_EQ(modeOf(NamedKind::Semaphore, open.resID.name), 0666);
-    EXPECT_EQ(modeOf(NamedKind::Semaphore, narrow.resID.name), 0640);
+    EXPECT_EQ(modeOf(open.resID.name), 0666);
+    EXPECT_EQ(modeOf(narrow.resID.name), 0640);
 
     // A child holds the inherited object after its creator let go, but not the other one.
     IpcProc child(true);
     ASSERT_EQ(child.run("ping"), "pong");
     EXPECT_EQ(a.destroy(), 0u);
     EXPECT_EQ(b.destroy(), 0u);
-    EXPECT_EQ(modeOf(NamedKind::Semaphore, open.resID.name), 0666);
-    EXPECT_EQ(modeOf(NamedKind::Semaphore, narrow.resID.name), -1);
+    EXPECT_EQ(modeOf(open.resID.name), 0666);
+    EXPECT_EQ(modeOf(narrow.resID.name), -1);
     EXPECT_EQ(child.finish(), 0);
     // Its exit let go without removing the object; the next look at the name does.
     EXPECT_EQ(zepos::NamedOpen(NamedKind::Semaphore, open.resID.name, 0), nullptr);
-    EXPECT_EQ(modeOf(NamedKind::Semaphore, open.resID.name), -1);
+    EXPECT_EQ(modeOf(open.resID.name), -1);
 }

@@ -8,39 +8,37 @@ using namespace zeptest;
 
 using IpcRes = CaptureTest;  // each test runs in a process of its own: the mode flag may stay set
 
+namespace {
+
+// The name of `path` and `seed`, in remote-administration mode if `mode` has 1 and with local
+// scope asked if it has 2, derived into an identifier stamped `stamp`.
+std::string derive(const char* path, Sint32 seed, int mode = 0, Uint32 stamp = ZEP_VERSION_WORD) {
+    g_bRunningTerminalServiceRemoteAdminMode = mode & 1;
+    ZEPIPCResIDParam p;
+    p.path = path, p.seed = seed, p.localScope = (mode & 2) != 0;
+    ZEPIPCResID id;
+    id.version = stamp;
+    memset(id.name, 'x', sizeof id.name);
+    EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
+    return id.name;
+}
+
+}  // namespace
+
 TEST_F(IpcRes, NamesDerived) {
+    EXPECT_EQ(derive("C:\\data\\inst1", 5), "ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("C:\\data\\inst1", 5, 1), "Global\\ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("C:\\data\\inst1", 5, 3), "ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("/db/inst1:x", 0), "ZEPEIPC0/db/inst1x");  // '/' stays
+    EXPECT_EQ(derive(nullptr, 7, 1), "");
+    EXPECT_EQ(derive(":\\::\\", 7), "ZEPEIPC7");
+    EXPECT_EQ(derive("Ab", -2147483647 - 1), "ZEPEIPC-2147483648Ab");
+    // An output stamped before local scope existed ignores the request.
+    EXPECT_EQ(derive("x", 1, 3, 0x09010002), "Global\\ZEPEIPC1x");
+    EXPECT_EQ(derive("x", 1, 3, 0x09010003), "ZEPEIPC1x");
+    // Cut at 261 characters, the prefix counted.
     const std::string longPath(300, 'p');
-    const Uint32 now = ZEP_VERSION_WORD;
-    struct Row {
-        const char* path;
-        Sint32 seed;
-        bool remoteAdmin, localScope;
-        Uint32 stamp;
-        std::string name;
-    } rows[] = {
-        {"C:\\data\\inst1", 5, false, false, now, "ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, false, now, "Global\\ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, true, now, "ZEPEIPC5Cdatainst1"},
-        {"/db/inst1:x", 0, false, false, now, "ZEPEIPC0/db/inst1x"},  // '/' stays
-        {nullptr, 7, true, false, now, ""},
-        {":\\::\\", 7, false, false, now, "ZEPEIPC7"},
-        {"Ab", -2147483647 - 1, false, false, now, "ZEPEIPC-2147483648Ab"},
-        // An output stamped before local scope existed ignores the request.
-        {"x", 1, true, true, 0x09010002, "Global\\ZEPEIPC1x"},
-        {"x", 1, true, true, 0x09010003, "ZEPEIPC1x"},
-        // Cut at 261 characters, the prefix counted.
-        {longPath.c_str(), 12, true, false, now, "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
-    };
-    for (const Row& r : rows) {
-        g_bRunningTerminalServiceRemoteAdminMode = r.remoteAdmin;
-        ZEPIPCResIDParam p;
-        p.path = r.path, p.seed = r.seed, p.localScope = r.localScope;
-        ZEPIPCResID id;
-        id.version = r.stamp;
-        memset(id.name, 'x', sizeof id.name);
-        EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
-        EXPECT_EQ(id.name, r.name) << r.seed;
-    }
+    EXPECT_EQ(derive(longPath.c_str(), 12, 1), "Global\\ZEPEIPC12" + std::string(261 - 16, 'p'));
 }
 
 TEST_F(IpcRes, QueueNamesAndRefusals) {
@@ -59,11 +57,9 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     trace(true);
     EXPECT_EQ(zepIPCGetQueResID(&p, &q), ECF_INVALID_VERSION);
     EXPECT_EQ(logShape(ECF_INVALID_VERSION), "log 1112 error 40");
-    trace(false);
     refused(zepIPCGetResID(nullptr, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetResID, 1111);
     refused(zepIPCGetResID(&p, &q.sendSemaphore), ECF_INVALID_VERSION, ZEPFN_zepIPCGetResID, 1112);
-    trace(true);
-    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
+    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);  // no record, though the trace is on
     EXPECT_TRUE(calls.empty());
 }
 

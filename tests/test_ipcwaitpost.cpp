@@ -42,7 +42,7 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         memset(&area, 0xAB, sizeof area);  // create wipes what was there, latch included
         ZEPHIPCWaitpost w;
         const Uint32 kind = r[0];
-        const ZEPIPCResID id = nameOf("kind" + std::to_string(kind));
+        const ZEPIPCResID id = idOf("kind" + std::to_string(kind));
         ASSERT_EQ(create(w, kind, r[1] ? &id : nullptr), 0u);
         const Uint8* bytes = reinterpret_cast<const Uint8*>(&area);
         EXPECT_EQ(bytes[0], r[2]) << kind;
@@ -52,7 +52,6 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         // Kinds 0 and 2 stay posted for every wait until reset; kind 1 lets one through.
         memcpy(block, "initial", 8);
         EXPECT_EQ(wait(w, 0), "90000400 initial");  // a poll hands over the block all the same
-        EXPECT_EQ(wait(w, 0, false), "90000400 -");
         ASSERT_EQ(w.post("posted!"), 0u);
         EXPECT_EQ(wait(w, 0), "0 posted!");
         EXPECT_EQ(wait(w, 0), kind == 1 ? "90000400 posted!" : "0 posted!");
@@ -62,14 +61,12 @@ TEST_F(Waitpost, AreaFormatAndKinds) {
         EXPECT_EQ(wait(w, 0), "90000400 posted!");
         EXPECT_EQ(w.destroy(), 0u);
         EXPECT_EQ(area.state | area.unlatched, 0u);
-        EXPECT_EQ(w.area, nullptr);
-        EXPECT_EQ(w.event, kNoHandle);
     }
     EXPECT_TRUE(calls.empty());  // a poll that finds nothing posted writes no record
 }
 
 TEST_F(Waitpost, NamedEventSharedAndDestroySeenByOthers) {
-    const ZEPIPCResID id = nameOf("shared");
+    const ZEPIPCResID id = idOf("shared");
     ZEPHIPCWaitpost a, b, c;
     ASSERT_EQ(create(a, 1, &id), 0u);
     ASSERT_EQ(open(b, &id), 0u);
@@ -91,7 +88,7 @@ TEST_F(Waitpost, FailureRows) {
     ZEPHIPCWaitpost w, v;
     // Open of a set-up area whose event name doesn't exist; a time limit that runs out.
     ASSERT_EQ(create(w, 0, nullptr), 0u);
-    const ZEPIPCResID missing = nameOf("missing");
+    const ZEPIPCResID missing = idOf("missing");
     EXPECT_EQ(open(v, &missing), ECF_FILE_DOESNT_EXIST);
     EXPECT_EQ(logShape(ECF_FILE_DOESNT_EXIST), "logsys 40/2");
     EXPECT_EQ(wait(w, 20), "90000013 -");
@@ -101,7 +98,6 @@ TEST_F(Waitpost, FailureRows) {
     // be tried again; destroy goes on after it.
     ASSERT_TRUE(zepos::CloseHandle(w.event));
     w.event = kNoHandle;
-    calls.clear();
     EXPECT_EQ(w.post(nullptr), ECF_INVALID_PARAMETER);
     EXPECT_EQ(w.reset(), ECF_INVALID_PARAMETER);
     EXPECT_EQ(wait(w, 5), "9000000C -");
@@ -110,7 +106,6 @@ TEST_F(Waitpost, FailureRows) {
     EXPECT_EQ(w.area, &area);
     refused(w.destroy(), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCWaitpost_destroy, 40, ZEP_LOG_INFO);
     EXPECT_EQ(area.state, 0u);
-    EXPECT_EQ(w.event, kNoHandle);
 }
 
 // A reader in another process, woken by the first post, polls the data block at full speed while
@@ -118,20 +113,19 @@ TEST_F(Waitpost, FailureRows) {
 TEST_F(Waitpost, AnotherProcessNeverSeesTwoPostsMixed) {
     ZEPHIPCMemory m;
     ZEPIPCMemoryCreateParam p;
-    p.resID = idOf(tag_ + "block"), p.memorySize = 2048;
+    p.resID = idOf("block"), p.memorySize = 2048;
     Uint8* base;
     ASSERT_EQ(m.create(&p), 0u);
     m.getAddress(reinterpret_cast<void**>(&base));
-    const ZEPIPCResID id = nameOf("event");
-    ZEPIPCWaitpostCreateParam c;
+    ZEPIPCWaitpostCreateParam c;  // the event has the block's name: kinds are apart
     c.area = reinterpret_cast<ZEPIPCWaitpostArea*>(base);
-    c.postData = base + 64, c.postDataSize = 1024, c.resID = &id, c.kind = 1;
+    c.postData = base + 64, c.postDataSize = 1024, c.resID = &p.resID, c.kind = 1;
     ZEPHIPCWaitpost w;
     ASSERT_EQ(w.create(&c), 0u);
     IpcProc reader;
     const std::string n = std::to_string(20000 * zeptestStress());
     ASSERT_EQ(reader.run("ma " + tag_ + "block 0").substr(0, 2), "0 ");
-    ASSERT_EQ(reader.run("wpread " + std::string(id.name) + " " + n), "ready");
+    ASSERT_EQ(reader.run("wpread " + tag_ + "block " + n), "ready");
     usleep(100000);  // and asleep on the automatic event, to be woken by the first post
     Uint8 pattern[1024];
     for (unsigned i = 0; __atomic_load_n(base + 8, __ATOMIC_ACQUIRE) == 0; ++i) {

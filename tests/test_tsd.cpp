@@ -1,7 +1,6 @@
 // Tests of ZEPHThreadSpecificData, with every log and trace call the class makes seen as made.
 #include <thread>
 
-#include "zepos.h"
 #include "zeptest_capture.h"
 #include "zeptsd.h"
 
@@ -12,7 +11,7 @@ using namespace zeptest;
 using Tsd = CaptureTest;
 
 std::string take() {
-    std::string s = said();
+    const std::string s = said();
     calls.clear();
     return s;
 }

@@ -165,18 +165,16 @@ void _gtraceErrorVar(Uint64 t, Uint32 fid, Uint16 probe, Uint16 type, Uint32 w1,
 
 namespace zeptest {
 
+inline std::string nameOr(const char* name, Uint32 id) {
+    return name ? std::string(name) : std::to_string(id);
+}
+
 // The calls so far, joined by "; ": kind and function, then the probe, type and item count of a
 // trace record, an exit's result, or a log's called function, platform error, code, probe, level
 // and item count (n) or mask (m). Names come from the catalogue.
 inline std::string said() {
-    auto fn = [](Uint32 id) {
-        const char* n = ecfGetFunctionName(id);
-        return n ? std::string(n) : std::to_string(id);
-    };
-    auto code = [](Uint32 c) {
-        const char* n = ecfErrorGetCodeName(c);
-        return n ? std::string(n) : std::to_string(c);
-    };
+    auto fn = [](Uint32 id) { return nameOr(ecfGetFunctionName(id), id); };
+    auto code = [](Uint32 c) { return nameOr(ecfErrorGetCodeName(c), c); };
     std::string out;
     for (const Call& c : calls) {
         out += (out.empty() ? "" : "; ") + c.what + " " + fn(c.fid);

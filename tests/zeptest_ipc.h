@@ -94,17 +94,13 @@ protected:
         EXPECT_EQ(left.find(tag_), std::string::npos) << left;
         CaptureTest::TearDown();
     }
-    static ZEPIPCResID idOf(const std::string& path, Sint32 seed = 1) {
+    // The identifier of the path `tag_` + `what` with seed 1, as helper_ipc derives it.
+    ZEPIPCResID idOf(const std::string& what) const {
         ZEPIPCResIDParam p;
-        p.path = path.c_str(), p.seed = seed;
+        const std::string path = tag_ + what;
+        p.path = path.c_str(), p.seed = 1;
         ZEPIPCResID id;
         EXPECT_EQ(zepIPCGetResID(&p, &id), 0u);
-        return id;
-    }
-    // An identifier named `tag_` + `what` as it stands, not derived.
-    ZEPIPCResID nameOf(const std::string& what) const {
-        ZEPIPCResID id;
-        snprintf(id.name, sizeof id.name, "%s%s", tag_.c_str(), what.c_str());
         return id;
     }
     const std::string tag_ = "zt" + std::to_string(getpid()) + "x";

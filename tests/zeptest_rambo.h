@@ -1,16 +1,13 @@
 // The ring's test pieces, shared by test_rambo and test_rambo_stress: a ring in private memory,
-// records written into it, the stress records with their writer, the consumer's loop, and the
-// walk of a dump.
+// records written into it, a dump of it, and what a walk of a dump delivers.
 #pragma once
 
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "rambo_consumer.h"
 #include "zep.h"
 
 namespace zeptest {
@@ -32,14 +29,13 @@ struct Ring {
 
 // Reserves a record of `payload` bytes, fills its payload with `fill` and stamps it.
 inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
-    RamboReservation r;
-    memset(&r, 0, sizeof r);
+    RamboReservation r = {};
     memset(ramboReserveSlots(ring.cb(), payload, &r), fill, payload);
     ramboSync(ring.cb(), &r);
     return r;
 }
 
-constexpr Uint32 kWriters = 8;  // of the stress tests
+constexpr Uint32 kWriters = 8;  // writers told apart by a walk
 
 // A record's payload: writer, counter, then a byte of both to the end, so that a record made
 // of two writers' bytes or of two laps shows.
@@ -60,38 +56,18 @@ inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
     ramboSync(ring.cb(), &r);
 }
 
-// `records` records of 1 to 40 slots, some by the one-slot reservation.
-inline void writeRecords(RamboCB* ring, Uint32 writer, Uint32 records) {
-    Uint64 rng = writer * 0x2545F4914F6CDD1Dull + 7;
-    for (Uint32 k = 0; k < records; ++k) {
-        rng = rng * 6364136223846793005ull + 1442695040888963407ull;
-        const Uint32 slots = 1 + static_cast<Uint32>((rng >> 33) % 40), size = slots * 64 - 12;
-        RamboReservation r;
-        void* p = slots == 1 && (rng >> 20 & 1) ? ramboReserveOneSlot(ring, &r)
-                                                : ramboReserveSlots(ring, size, &r);
-        fillPayload(static_cast<Uint8*>(p), size, writer, k);
-        ramboSync(ring, &r);
-    }
-}
-
-// Drains a chunked ring into an auto dump at `path` until `*done` writers have finished, then
-// writes the rest and switches auto dump off. The chunks written go to `chunks`.
-inline Uint32 consume(RamboCB* ring, const std::string& path, const Uint32* done, Uint32 writers,
-                      Uint32* chunks) {
-    ZEPFileOpenParam open;
-    open.path = path.c_str();
-    open.creation = ZEP_FILE_CREATE_OR_REPLACE;
-    open.access = ZEP_FILE_ACCESS_READ_WRITE;
-    ZEPHFile file;
-    RamboChunkConsumer consumer;
-    Uint32 rc = file.open(&open);
-    if (rc == 0) rc = consumer.start(ring, &file);
-    for (Uint32 n = 0; rc == 0 && __atomic_load_n(done, __ATOMIC_ACQUIRE) < writers;)
-        if ((rc = consumer.drain(&n)) == 0 && n == 0) usleep(100);
-    const Uint32 stopped = consumer.stop(true);
-    *chunks = static_cast<Uint32>(consumer.chunksWritten());
-    file.close();
-    return rc ? rc : stopped;
+// Header, slots and (instantaneous) tail of a live ring, behind `prefix` bytes of other data, as
+// the dumping program writes them.
+inline std::vector<Uint8> dumpImage(RamboCB* ring, bool instantaneous = true, size_t prefix = 0) {
+    std::vector<Uint8> bytes(prefix + 16 + ring->bufferSize + (instantaneous ? 32 : 0), 0x99);
+    void* slots = nullptr;
+    Uint32 size = 0;
+    auto* h = reinterpret_cast<RamboDumpHeader*>(bytes.data() + prefix);
+    if (ramboGetDumpHeaderBuffer(ring, instantaneous, h, &slots, &size) == 0)
+        memcpy(h + 1, slots, size);
+    if (instantaneous)
+        ramboGetDumpTail(ring, reinterpret_cast<RamboDumpTail*>(bytes.data() + prefix + 16 + size));
+    return bytes;
 }
 
 // What a walk of the dump that begins at `at` in the file `path` delivers: each record's first
@@ -105,17 +81,23 @@ struct Walked {
     std::string flags;
 };
 
-inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
-    Walked w;
+// Opens the file `path` for reading, positioned at `at`.
+inline Uint32 openAt(ZEPHFile& file, const std::string& path, Uint64 at) {
     ZEPFileOpenParam open;
     open.path = path.c_str();
     open.creation = ZEP_FILE_OPEN_EXISTING;
     open.access = ZEP_FILE_ACCESS_READ;
     ZEPFileSeekParam seek;
     seek.offset = static_cast<Sint64>(at);
+    const Uint32 rc = file.open(&open);
+    return rc != 0 ? rc : file.seek(&seek);
+}
+
+inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
+    Walked w;
     ZEPHFile file;
     RamboDumpParser parser = {};
-    if ((w.rc = file.open(&open)) == 0 && (w.rc = file.seek(&seek)) == 0)
+    if ((w.rc = openAt(file, path, at)) == 0)
         w.rc = scan ? ramboOpenDumpFileParserScan(&file, &parser, forward)
                     : ramboOpenDumpFileParser(&file, &parser, forward);
     std::vector<Uint8> p(RAMBO_CHUNK_SIZE);
