@@ -2,11 +2,8 @@
 // point named zepcrashMain), plus what only the tests need:
 //   helper_crash heldlock TRAPFILE   zepcrash's null crash while another thread holds two of the
 //                                    symbol engine's mutexes (one of them for good)
-//   helper_crash mutexnames NAME     prints this process's StackWalk mutex and the count of NAME
-//   helper_crash countedinit -       initializes the engine twice in a fresh process
 //   helper_crash ARGS...             zepcrash ARGS...
 #include <pthread.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <string>
@@ -15,7 +12,6 @@
 #include "zepos.h"
 
 int zepcrashMain(int argc, char** argv);
-extern "C" int validateRecord(const char* how);
 
 namespace {
 
@@ -37,36 +33,11 @@ void* holder(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc == 3 ? argv[1] : "";
-    if (mode == "mutexnames") {
-        zepLoadSymDLL();
-        const std::string own = "StackWalk-" + std::to_string(getpid());
-        printf("own %s %u\n", own.c_str(), zepos::sym::MutexHandleCount(own.c_str()));
-        printf("parent %s %u\n", argv[2], zepos::sym::MutexHandleCount(argv[2]));
-        return 0;
-    }
-    if (mode == "countedinit") {
-        zepLoadSymDLL();
-        zepos::SetLastError(4242);
-        const int first = zepSymInitialize(ZEP_CURRENT_PROCESS, nullptr, 1);
-        zepos::SetLastError(4242);
-        const int second = zepSymInitialize(ZEP_CURRENT_PROCESS, nullptr, 1);
-        const Uint32 error = zepos::GetLastError();
-        const int cleanup = zepSymCleanup(ZEP_CURRENT_PROCESS);
-        char name[64];
-        zepSymbolNameForAddress(reinterpret_cast<uintptr_t>(&validateRecord), name, sizeof name,
-                                nullptr);
-        printf("first=%d second=%d error=%u cleanup=%d name=%s\n", first, second, error, cleanup,
-               name);
-        return 0;
-    }
-    if (mode == "heldlock") {
-        pthread_t t;
-        pthread_create(&t, nullptr, holder, nullptr);
-        while (!__atomic_load_n(&g_heldReady, __ATOMIC_ACQUIRE)) usleep(1000);
-        char null[] = "null";
-        char* args[] = {argv[0], null, argv[2], nullptr};
-        return zepcrashMain(3, args);
-    }
-    return zepcrashMain(argc, argv);
+    if (argc != 3 || std::string(argv[1]) != "heldlock") return zepcrashMain(argc, argv);
+    pthread_t t;
+    pthread_create(&t, nullptr, holder, nullptr);
+    while (!__atomic_load_n(&g_heldReady, __ATOMIC_ACQUIRE)) usleep(1000);
+    char null[] = "null";
+    char* args[] = {argv[0], null, argv[2], nullptr};
+    return zepcrashMain(3, args);
 }

@@ -1,142 +1,40 @@
 // helper_ipc - the other processes of the IPC tests: one command a line on standard input, its
 // answers a line each on standard output. ZEP names derive from NAME or PATH with seed 1.
-//   lc KIND NAME BYTES, lo KIND NAME  NamedCreate, NamedOpen: "ok LASTERROR SLOT BYTES" or
-//                                     "fail LASTERROR"; lx SLOT closes
 //   mc NAME SIZE ADDR, ma NAME ADDR   ZEPHIPCMemory create, attach: "RC ADDRESS"; md, mdd
 //                                     destroy, detach: "RC"
-//   pa HEX, pd                        a byte copy of a ZEPHIPCPrivateMemory attached; destroy
-//   w OFFSET VALUE, r OFFSET          a byte of the block opened last: "ok", "v VALUE"
-//   race NAME CONTROL SECONDS         create, attach, destroy one name: "done CREATES ATTACHES BAD"
-//   count PATH FILE N                 N times semaphore wait, +1 to the word in FILE, post
-//   wpread FILE NAME N                a wait and N polls (or more) of the wait/post at 0 of FILE
-//                                     (1024 bytes of data at 64): "ready", "torn T changes C RC"
-//   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM RC", "got N SUM BAD RC"
-#include <fcntl.h>
-#include <sched.h>
+//   w OFFSET VALUE, r OFFSET          a byte of the block attached last: "ok", "v VALUE"
+//   wpread NAME N                     a wait and N polls (or more) of the wait/post of the event
+//                                     of NAME at 0 of the block attached last (1024 bytes of data
+//                                     at 64, a 1 at 8 when done): "ready", "torn T"
+//   send PATH SENDER N MAX, recv PATH queue messages: "sent N SUM", "got N SUM BAD"
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <map>
-#include <string>
 #include <vector>
 
 #include "zep.h"
-#include "zepos.h"
 
 namespace {
 
-zepos::NamedObject* s_slots[64];
 ZEPHIPCMemory s_memory;
-ZEPHIPCPrivateMemory s_private;
 unsigned char* s_at = nullptr;
 
-ZEPIPCResID rid(const char* path, Sint32 seed = 1) {
+ZEPIPCResID rid(const char* path) {
     ZEPIPCResIDParam p;
-    p.path = path, p.seed = seed;
+    p.path = path, p.seed = 1;
     ZEPIPCResID id;
     zepIPCGetResID(&p, &id);
     return id;
 }
 
-void answerObject(zepos::NamedObject* o) {
-    const Uint32 err = zepos::GetLastError();
-    if (o == nullptr) return void(printf("fail %u\n", err));
-    int slot = 0;
-    while (s_slots[slot] != nullptr) ++slot;
-    s_slots[slot] = o;
-    s_at = static_cast<unsigned char*>(zepos::NamedBlock(o));
-    printf("ok %u %d %zu\n", err, slot, zepos::NamedBytes(o));
-}
-
-void* mapFile(const char* file, size_t bytes) {
-    const int fd = open(file, O_RDWR);
-    void* p = fd < 0 ? MAP_FAILED : mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (p == MAP_FAILED) exit(3);
-    close(fd);
-    return p;
-}
-
-struct RaceControl {   // the test's block that every racer attaches
-    Uint32 holders;    // racers that hold a block, counted after they know its stamp
-    Uint32 creates;    // by all racers: they go on past their time until there were 20
-    Uint64 liveStamp;  // the stamp of the latest create
-};
-
-// A create may succeed only while no racer holds a block, and an attacher must see the stamp of
-// the creator it joined; each holder checks the stamp again before it lets go.
-void race(const char* name, const char* control, int seconds) {
-    ZEPHIPCMemory ctl;
-    ZEPIPCResID ctlId = rid(control);
-    void* ctlAt = nullptr;
-    if (ctl.attach(&ctlId, nullptr) != 0 || ctl.getAddress(&ctlAt) != 0) exit(3);
-    RaceControl* c = static_cast<RaceControl*>(ctlAt);
-    ZEPIPCMemoryCreateParam cp;
-    cp.resID = rid(name), cp.memorySize = 4096;
-    unsigned creates = 0, attaches = 0, bad = 0;
-    const time_t end = time(nullptr) + seconds;
-    srand(static_cast<unsigned>(getpid()));
-    while (time(nullptr) < end ||
-           (__atomic_load_n(&c->creates, __ATOMIC_RELAXED) < 20 && time(nullptr) < end + 30)) {
-        ZEPHIPCMemory m;
-        void* at;
-        Uint64 stamp = 0;
-        const bool created = m.create(&cp) == 0;
-        if (created) {
-            stamp = (static_cast<Uint64>(getpid()) << 32) | ++creates;
-            bad += __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST) != 0;
-            __atomic_store_n(&c->liveStamp, stamp, __ATOMIC_SEQ_CST);
-            __atomic_fetch_add(&c->creates, 1, __ATOMIC_RELAXED);
-            m.getAddress(&at);
-            __atomic_store_n(static_cast<Uint64*>(at), stamp, __ATOMIC_RELEASE);
-        } else if (m.attach(&cp.resID, nullptr) == 0) {
-            m.getAddress(&at);
-            while ((stamp = __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE)) == 0)
-                sched_yield();
-            bad += __atomic_load_n(&c->liveStamp, __ATOMIC_SEQ_CST) != stamp;
-            __atomic_fetch_add(&c->holders, 1, __ATOMIC_SEQ_CST);
-            ++attaches;
-        } else {
-            usleep(static_cast<useconds_t>(rand() % 400));
-            continue;
-        }
-        for (int i = 0; created && i < 50; ++i) sched_yield();
-        bad += __atomic_load_n(static_cast<Uint64*>(at), __ATOMIC_ACQUIRE) != stamp;
-        __atomic_fetch_sub(&c->holders, 1, __ATOMIC_SEQ_CST);
-        created ? m.destroy() : m.detach();
-        // Attachers let go at once and pause longer: under load a chain of them would keep the
-        // block for good, and the name must be free now and then.
-        usleep(static_cast<useconds_t>(rand() % (created ? 400 : 3000)));
-    }
-    ctl.detach();
-    printf("done %u %u %u\n", creates, attaches, bad);
-}
-
-void count(const char* path, const char* file, Uint32 n) {
-    const ZEPIPCResID id = rid(path);
-    ZEPHIPCSemaphore s;
-    if (s.attach(&id) != 0) exit(3);
-    volatile Uint64* counter = static_cast<volatile Uint64*>(mapFile(file, 4096));
-    const ZEPIPCSemaphoreWaitParam forever(ZEP_IPC_WAIT_FOREVER);
-    for (Uint32 i = 0; i < n; ++i) {
-        if (s.wait(&forever) != 0) exit(4);
-        *counter = *counter + 1;  // the semaphore (initial count 1) is the only guard
-        if (s.post() != 0) exit(5);
-    }
-    printf("counted %X\n", s.detach());
-}
-
 // The writer posts blocks filled with one byte value each; a torn copy shows two.
-void wpread(const char* file, const char* name, Uint32 n) {
-    Uint8* base = static_cast<Uint8*>(mapFile(file, 64 + 1024));
-    ZEPIPCResID id;
-    snprintf(id.name, sizeof id.name, "%s", name);
+void wpread(const char* name, Uint32 n) {
+    const ZEPIPCResID id = rid(name);
     ZEPIPCWaitpostOpenParam o;
-    o.area = reinterpret_cast<ZEPIPCWaitpostArea*>(base);
-    o.postData = base + 64, o.postDataSize = 1024, o.resID = &id;
+    o.area = reinterpret_cast<ZEPIPCWaitpostArea*>(s_at);
+    o.postData = s_at + 64, o.postDataSize = 1024, o.resID = &id;
     ZEPHIPCWaitpost w;
     if (w.open(&o) != 0) exit(3);
     printf("ready\n");
@@ -151,90 +49,68 @@ void wpread(const char* file, const char* name, Uint32 n) {
         changes += data[0] != prev;
         prev = data[0];
     }
-    printf("torn %u changes %u %X\n", torn, changes, w.close());
+    __atomic_store_n(s_at + 8, 1, __ATOMIC_RELEASE);  // the writer may stop
+    if (w.close() != 0) exit(5);
+    printf("torn %u\n", torn);
 }
 
-// A queue message of (sender, sequence) has a size drawn from the pair; from 8 bytes on it starts
-// with the pair, and every byte is drawn from the pair (shorter ones: from the size) and its
-// place, so that a receiver checks them all and both sides can add up what passed.
-Uint64 mix(Uint64 x) {
-    x += 0x9E3779B97F4A7C15ull;
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    return x ^ (x >> 31);
-}
-Uint8 byteOf(Uint32 sender, Uint32 seq, Uint32 size, Uint32 i) {
-    return size < 8 ? static_cast<Uint8>(0xA0 + size * 7 + i)  // never "STOP"
-                    : static_cast<Uint8>(mix((Uint64(sender) << 40) ^ (Uint64(seq) << 20) ^ i));
-}
-Uint64 tally(Uint32 sender, Uint32 seq, Uint32 size) {
-    return size < 8 ? size + 1 : mix((Uint64(sender) << 32) | seq) & 0xFFFFFFFFull;
+// Message `seq` of `sender`: the pair, then bytes drawn from the pair and their place, so that a
+// chunk out of place shows; 8 bytes up to MAX in all. Both sides add up the pairs.
+Uint8 byteOf(Uint32 sender, Uint32 seq, Uint32 i) {
+    return static_cast<Uint8>(sender * 131 + seq * 7 + i * 13);
 }
 
 ZEPHIPCQueue s_queue;
 
-ZEPHIPCQueue* attachQueue(const char* path) {
+void attachQueue(const char* path) {
     ZEPIPCResIDParam p;
     p.path = path, p.seed = 1;
     ZEPIPCQueResID id;
     if (zepIPCGetQueResID(&p, &id) != 0 || s_queue.attach(&id) != 0) exit(3);
-    return &s_queue;
 }
 
 void send(const char* path, Uint32 sender, Uint32 n, Uint32 maxSize) {
-    ZEPHIPCQueue* q = attachQueue(path);
-    std::vector<Uint8> m(maxSize + 8);
-    Uint64 sum = 0;
+    attachQueue(path);
+    std::vector<Uint8> m(maxSize);
+    unsigned long long sum = 0;
     for (Uint32 seq = 0; seq < n; ++seq) {
-        const Uint32 size = static_cast<Uint32>(mix((Uint64(sender) << 32) | seq) % (maxSize + 1));
-        for (Uint32 i = 0; i < size; ++i) m[i] = byteOf(sender, seq, size, i);
-        if (size >= 8) memcpy(m.data(), &sender, 4), memcpy(m.data() + 4, &seq, 4);
-        sum += tally(sender, seq, size);
-        if (q->put(m.data(), size) != 0) exit(4);
+        const Uint32 size = 8 + (seq * 2654435761u ^ sender) % (maxSize - 7);
+        memcpy(m.data(), &sender, 4), memcpy(m.data() + 4, &seq, 4);
+        for (Uint32 i = 8; i < size; ++i) m[i] = byteOf(sender, seq, i);
+        sum += (Uint64(sender) << 32) | seq;
+        if (s_queue.put(m.data(), size) != 0) exit(4);
     }
-    printf("sent %u %llu %X\n", n, static_cast<unsigned long long>(sum), q->detach());
+    if (s_queue.detach() != 0) exit(5);
+    printf("sent %u %llu\n", n, sum);
 }
 
+// Until a message of 4 bytes; a message is bad if a byte is wrong or its sender's order not kept.
 void recv(const char* path) {
-    ZEPHIPCQueue* q = attachQueue(path);
+    attachQueue(path);
     std::vector<Uint8> m(1 << 20);
-    std::map<Uint32, Sint64> last;
-    Uint64 got = 0, sum = 0, bad = 0;
+    std::map<Uint32, Uint32> last;
+    unsigned long long got = 0, sum = 0, bad = 0;
     for (Uint32 n = 0;; ++got) {
-        if (q->get(m.data(), static_cast<Uint32>(m.size()), &n, 60000) != 0) exit(4);
-        if (n == 4 && memcmp(m.data(), "STOP", 4) == 0) break;
-        Uint32 pair[2] = {0, 0};
-        if (n >= 8) memcpy(pair, m.data(), 8);
-        bool ok = true;
-        for (Uint32 i = n < 8 ? 0 : 8; i < n; ++i)
-            ok = ok && m[i] == byteOf(pair[0], pair[1], n, i);
-        if (n >= 8) {
-            auto it = last.find(pair[0]);
-            ok = ok && (it == last.end() || static_cast<Sint64>(pair[1]) > it->second);
-            last[pair[0]] = pair[1];
-        }
+        if (s_queue.get(m.data(), static_cast<Uint32>(m.size()), &n, 60000) != 0) exit(4);
+        if (n == 4) break;
+        Uint32 pair[2];
+        memcpy(pair, m.data(), 8);
+        bool ok = n >= 8 && (last.count(pair[0]) == 0 || pair[1] > last[pair[0]]);
+        for (Uint32 i = 8; ok && i < n; ++i) ok = m[i] == byteOf(pair[0], pair[1], i);
+        last[pair[0]] = pair[1];
         bad += !ok;
-        sum += tally(pair[0], pair[1], n);
+        sum += (Uint64(pair[0]) << 32) | pair[1];
     }
-    printf("got %llu %llu %llu %X\n", static_cast<unsigned long long>(got),
-           static_cast<unsigned long long>(sum), static_cast<unsigned long long>(bad), q->detach());
+    if (s_queue.detach() != 0) exit(5);
+    printf("got %llu %llu %llu\n", got, sum, bad);
 }
 
 bool command(const char* line) {
-    char name[600] = {}, text[4096] = {}, file[600] = {};
+    char name[600] = {};
     unsigned long a = 0, b = 0, c = 0;
     void* at = nullptr;
-    if (sscanf(line, "lc %lu %599s %lu", &a, name, &b) == 3) {
-        answerObject(zepos::NamedCreate(static_cast<zepos::NamedKind>(a), name, b, nullptr, nullptr,
-                                        nullptr));
-    } else if (sscanf(line, "lo %lu %599s", &a, name) == 2) {
-        answerObject(zepos::NamedOpen(static_cast<zepos::NamedKind>(a), name, 0));
-    } else if (sscanf(line, "lx %lu", &a) == 1) {
-        zepos::NamedClose(s_slots[a]);
-        s_slots[a] = nullptr;
-        printf("ok\n");
-    } else if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
-               sscanf(line, "ma %599s %p", name, &at) == 2) {
+    if (sscanf(line, "mc %599s %lu %p", name, &a, &at) == 3 ||
+        sscanf(line, "ma %599s %p", name, &at) == 2) {
         ZEPIPCMemoryCreateParam p;
         p.resID = rid(name), p.memorySize = static_cast<Uint32>(a), p.address = at;
         const Uint32 rc = line[1] == 'c' ? s_memory.create(&p) : s_memory.attach(&p.resID, at);
@@ -247,22 +123,8 @@ bool command(const char* line) {
         printf("ok\n");
     } else if (sscanf(line, "r %lu", &a) == 1) {
         printf("v %u\n", s_at[a]);
-    } else if (sscanf(line, "pa %4095s", text) == 1) {
-        unsigned char* to = reinterpret_cast<unsigned char*>(&s_private);
-        for (size_t i = 0; i < sizeof s_private && text[2 * i] && text[2 * i + 1]; ++i)
-            sscanf(text + 2 * i, "%2hhx", &to[i]);
-        Uint32 rc = s_private.remoteInitialization();
-        if (rc == 0) rc = s_private.attach(nullptr);
-        s_private.getAddress(reinterpret_cast<void**>(&s_at));
-        printf("%X\n", rc);
-    } else if (strcmp(line, "pd\n") == 0) {
-        printf("%X\n", s_private.destroy());
-    } else if (sscanf(line, "race %599s %4095s %lu", name, text, &a) == 3) {
-        race(name, text, static_cast<int>(a));
-    } else if (sscanf(line, "count %599s %599s %lu", name, file, &a) == 3) {
-        count(name, file, static_cast<Uint32>(a));
-    } else if (sscanf(line, "wpread %599s %599s %lu", file, name, &a) == 3) {
-        wpread(file, name, static_cast<Uint32>(a));
+    } else if (sscanf(line, "wpread %599s %lu", name, &a) == 2) {
+        wpread(name, static_cast<Uint32>(a));
     } else if (sscanf(line, "send %599s %lu %lu %lu", name, &a, &b, &c) == 4) {
         send(name, static_cast<Uint32>(a), static_cast<Uint32>(b), static_cast<Uint32>(c));
     } else if (sscanf(line, "recv %599s", name) == 1) {

@@ -1,26 +1,21 @@
 // Resource identifiers, security attributes and the user queries: the names as two processes
-// must derive them, the attributes every creation uses, the records of each failure.
+// must derive them, the attributes every creation uses, the records of the failures.
 #include <pwd.h>
 
 #include "zeptest_ipc.h"
 
 using namespace zeptest;
 
+using IpcRes = CaptureTest;  // each test runs in a process of its own: the mode flag may stay set
+
 namespace {
 
-class IpcRes : public CaptureTest {
-protected:
-    void TearDown() override {
-        g_bRunningTerminalServiceRemoteAdminMode = 0;
-        zepSetSecurityAttributesForZEP(nullptr);
-        CaptureTest::TearDown();
-    }
-};
-
-std::string derive(const char* path, Sint32 seed, Uint32 stamp = ZEP_VERSION_WORD,
-                   bool localScope = false) {
+// The name of `path` and `seed`, in remote-administration mode if `mode` has 1 and with local
+// scope asked if it has 2, derived into an identifier stamped `stamp`.
+std::string derive(const char* path, Sint32 seed, int mode = 0, Uint32 stamp = ZEP_VERSION_WORD) {
+    g_bRunningTerminalServiceRemoteAdminMode = mode & 1;
     ZEPIPCResIDParam p;
-    p.path = path, p.seed = seed, p.localScope = localScope;
+    p.path = path, p.seed = seed, p.localScope = (mode & 2) != 0;
     ZEPIPCResID id;
     id.version = stamp;
     memset(id.name, 'x', sizeof id.name);
@@ -31,51 +26,19 @@ std::string derive(const char* path, Sint32 seed, Uint32 stamp = ZEP_VERSION_WOR
 }  // namespace
 
 TEST_F(IpcRes, NamesDerived) {
+    EXPECT_EQ(derive("C:\\data\\inst1", 5), "ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("C:\\data\\inst1", 5, 1), "Global\\ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("C:\\data\\inst1", 5, 3), "ZEPEIPC5Cdatainst1");
+    EXPECT_EQ(derive("/db/inst1:x", 0), "ZEPEIPC0/db/inst1x");  // '/' stays
+    EXPECT_EQ(derive(nullptr, 7, 1), "");
+    EXPECT_EQ(derive(":\\::\\", 7), "ZEPEIPC7");
+    EXPECT_EQ(derive("Ab", -2147483647 - 1), "ZEPEIPC-2147483648Ab");
+    // An output stamped before local scope existed ignores the request.
+    EXPECT_EQ(derive("x", 1, 3, 0x09010002), "Global\\ZEPEIPC1x");
+    EXPECT_EQ(derive("x", 1, 3, 0x09010003), "ZEPEIPC1x");
+    // Cut at 261 characters, the prefix counted.
     const std::string longPath(300, 'p');
-    const Uint32 now = ZEP_VERSION_WORD;
-    struct Row {
-        const char* path;
-        Sint32 seed;
-        bool remoteAdmin, localScope;
-        Uint32 stamp;
-        std::string name;
-    } rows[] = {
-        {"C:\\data\\inst1", 5, false, false, now, "ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, false, now, "Global\\ZEPEIPC5Cdatainst1"},
-        {"C:\\data\\inst1", 5, true, true, now, "ZEPEIPC5Cdatainst1"},
-        {"/db/inst1:x", 0, false, false, now, "ZEPEIPC0/db/inst1x"},  // '/' stays
-        {nullptr, 7, true, false, now, ""},
-        {"", 7, false, false, now, "ZEPEIPC7"},
-        {":\\::\\", 7, false, false, now, "ZEPEIPC7"},
-        {"Ab", -1, false, false, now, "ZEPEIPC-1Ab"},
-        {"Ab", -2147483647 - 1, false, false, now, "ZEPEIPC-2147483648Ab"},
-        // An output stamped before local scope existed ignores the request.
-        {"x", 1, true, true, 20040702, "Global\\ZEPEIPC1x"},
-        {"x", 1, true, true, 0x09010002, "Global\\ZEPEIPC1x"},
-        {"x", 1, true, true, 0x09010003, "ZEPEIPC1x"},
-        {longPath.c_str(), 12, false, false, now, "ZEPEIPC12" + std::string(261 - 9, 'p')},
-        {longPath.c_str(), 12, true, false, now, "Global\\ZEPEIPC12" + std::string(261 - 16, 'p')},
-    };
-    for (const Row& r : rows) {
-        g_bRunningTerminalServiceRemoteAdminMode = r.remoteAdmin;
-        EXPECT_EQ(derive(r.path, r.seed, r.stamp, r.localScope), r.name)
-            << (r.path ? r.path : "(null)") << " " << r.seed;
-    }
-    g_bRunningTerminalServiceRemoteAdminMode = 0;
-    // Paths that differ beyond the cut name one object.
-    EXPECT_EQ(derive((longPath + "A").c_str(), 3), derive((longPath + "B").c_str(), 3));
-    EXPECT_EQ(derive(("\\\\" + longPath).c_str(), 3), derive(longPath.c_str(), 3));
-
-    // What the trace sees: the input at 10, the name at 60.
-    calls.clear();
-    trace(true);
-    derive("q:1", 4);
-    trace(false);
-    ASSERT_EQ(kinds(), (std::vector<std::string>{"entry", "var", "var", "exit"}));
-    EXPECT_EQ(calls[1].probe, 10u);
-    EXPECT_EQ(calls[1].items[0].length, sizeof(ZEPIPCResIDParam));
-    EXPECT_EQ(calls[2].probe, 60u);
-    EXPECT_EQ(calls[2].items[0].bytes, "ZEPEIPC4q1");
+    EXPECT_EQ(derive(longPath.c_str(), 12, 1), "Global\\ZEPEIPC12" + std::string(261 - 16, 'p'));
 }
 
 TEST_F(IpcRes, QueueNamesAndRefusals) {
@@ -83,88 +46,34 @@ TEST_F(IpcRes, QueueNamesAndRefusals) {
     p.path = "D:\\q", p.seed = 10, p.localScope = 1;
     ZEPIPCQueResID q;
     // The semaphores' derivations don't carry local scope along.
-    for (int remote : {0, 1}) {
-        g_bRunningTerminalServiceRemoteAdminMode = remote;
-        const std::string global = remote ? "Global\\" : "";
-        ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
-        EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
-        EXPECT_EQ(q.receiveSemaphore.name, global + "ZEPEIPC11Dq");
-        EXPECT_EQ(q.sendSemaphore.name, global + "ZEPEIPC12Dq");
-    }
-    g_bRunningTerminalServiceRemoteAdminMode = 0;
+    g_bRunningTerminalServiceRemoteAdminMode = 1;
+    ASSERT_EQ(zepIPCGetQueResID(&p, &q), 0u);
+    EXPECT_STREQ(q.memory.name, "ZEPEIPC10Dq");
+    EXPECT_STREQ(q.receiveSemaphore.name, "Global\\ZEPEIPC11Dq");
+    EXPECT_STREQ(q.sendSemaphore.name, "Global\\ZEPEIPC12Dq");
 
     // An inner identifier of an old stamp stops the operation at its derivation's probe.
-    for (int which = 0; which < 3; ++which) {
-        ZEPIPCQueResID bad;
-        ZEPIPCResID* inner[] = {&bad.memory, &bad.receiveSemaphore, &bad.sendSemaphore};
-        inner[which]->version = 1;
-        calls.clear();
-        trace(true);
-        EXPECT_EQ(zepIPCGetQueResID(&p, &bad), ECF_INVALID_VERSION);
-        trace(false);
-        theLog(ZEPFN_zepIPCGetResID, 1112, ECF_INVALID_VERSION, ZEP_LOG_ERROR);
-        EXPECT_EQ(errorProbes(ZEPFN_zepIPCGetQueResID), std::vector<Uint32>{20u + 10u * which});
-    }
-
-    calls.clear();
-    ZEPIPCResID id;
-    id.version = 20040701;
-    refused(zepIPCGetResID(nullptr, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetResID, 1111);
-    refused(zepIPCGetResID(&p, &id), ECF_INVALID_VERSION, ZEPFN_zepIPCGetResID, 1112);
-    refused(zepIPCGetQueResID(&p, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetQueResID, 1111);
-    ZEPCurrentUserParam user;
-    user.version = 5;
-    refused(zepGetCurrentUserName(&user, id.name), ECF_INVALID_VERSION, ZEPFN_zepGetCurrentUserName,
-            1112);
-    refused(zepGetCurrentUserDisplay(nullptr, nullptr), ECF_INVALID_PARAMETER,
-            ZEPFN_zepGetCurrentUserDisplay, 1111);
-    // The input's stamp is not looked at.
-    ZEPIPCResIDParam old;
-    old.version = 0, old.path = "a";
-    id.version = ZEP_VERSION_WORD;
-    EXPECT_EQ(zepIPCGetResID(&old, &id), 0u);
-    EXPECT_STREQ(id.name, "ZEPEIPC0a");
-
+    q.sendSemaphore.version = 1;
     trace(true);
-    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
-    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);
-    trace(false);
+    EXPECT_EQ(zepIPCGetQueResID(&p, &q), ECF_INVALID_VERSION);
+    EXPECT_EQ(logShape(ECF_INVALID_VERSION), "log 1112 error 40");
+    refused(zepIPCGetResID(nullptr, nullptr), ECF_INVALID_PARAMETER, ZEPFN_zepIPCGetResID, 1111);
+    refused(zepIPCGetResID(&p, &q.sendSemaphore), ECF_INVALID_VERSION, ZEPFN_zepIPCGetResID, 1112);
+    EXPECT_EQ(zepIPCGenerateSeed(), ECF_NOT_SUPPORTED);  // no record, though the trace is on
     EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(IpcRes, SecurityAttributesDefaultAndOverride) {
+TEST_F(IpcRes, SecurityAttributesOpenToEveryoneAndInherited) {
     SECURITY_DESCRIPTOR sd;
     memset(&sd, 0xEE, sizeof sd);
     SECURITY_ATTRIBUTES sa{};
-    trace(true);
     ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
-    trace(false);
     EXPECT_EQ(sa.nLength, sizeof(SECURITY_ATTRIBUTES));
     EXPECT_EQ(sa.lpSecurityDescriptor, &sd);
     EXPECT_EQ(sa.bInheritHandle, 1);
     EXPECT_EQ(sd.Revision, 1u);
     EXPECT_EQ(sd.Control, SE_DACL_PRESENT);
     EXPECT_EQ(sd.Mode, 0u);  // a null DACL: everyone
-    // Two frames: the inner one has an identifier of its own.
-    std::vector<Uint32> entries;
-    for (const Call& c : calls)
-        if (c.what == "entry") entries.push_back(c.fid);
-    EXPECT_EQ(entries, (std::vector<Uint32>{ZEPFN_zepInitSecurityAttributes,
-                                            ZEPFN_zepInitSecurityAttributes2}));
-
-    SECURITY_DESCRIPTOR mine{};
-    mine.Revision = 1;
-    mine.Mode = 0600;
-    SECURITY_ATTRIBUTES override{sizeof override, &mine, 0};
-    zepSetSecurityAttributesForZEP(&override);
-    memset(&sd, 0xEE, sizeof sd);
-    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
-    EXPECT_EQ(sa.lpSecurityDescriptor, &mine);
-    EXPECT_EQ(sa.bInheritHandle, 0);
-    EXPECT_EQ(sd.Revision, 0xEE);  // the caller's buffer stays untouched
-    zepSetSecurityAttributesForZEP(nullptr);
-    ASSERT_EQ(zepInitSecurityAttributes(&sd, &sa), 0u);
-    EXPECT_EQ(sa.lpSecurityDescriptor, &sd);
 }
 
 TEST_F(IpcRes, CurrentUser) {
@@ -174,30 +83,14 @@ TEST_F(IpcRes, CurrentUser) {
     ASSERT_EQ(zepGetCurrentUserName(&p, name), 0u);
     const passwd* pw = getpwuid(geteuid());
     EXPECT_STREQ(name, pw ? pw->pw_name : std::to_string(geteuid()).c_str());
-
-    // Too small: the record holds the size needed and the size given.
     p.bufferSize = 1;
     EXPECT_EQ(zepGetCurrentUserName(&p, name), ECF_BUFFER_TOO_SMALL);
-    const Call& log = theLog(ZEPFN_zepGetCurrentUserName, 40, ECF_BUFFER_TOO_SMALL);
-    EXPECT_EQ(log.called, SYSFN_GetUserName);
-    EXPECT_EQ(log.err, 122u);
-    ASSERT_EQ(log.items.size(), 2u);
-    EXPECT_EQ(valueOf<Uint32>(log.items[0]), strlen(name) + 1);
-    EXPECT_EQ(valueOf<Uint32>(log.items[1]), 1u);
+    EXPECT_EQ(theLog(ZEPFN_zepGetCurrentUserName, 40, ECF_BUFFER_TOO_SMALL).called,
+              SYSFN_GetUserName);
 
     // The session: the login's audit session, 0 outside any login.
-    unsigned long session = 0;
-    if (FILE* f = fopen("/proc/self/sessionid", "r")) {
-        if (fscanf(f, "%lu", &session) != 1 || session == 4294967295ul) session = 0;
-        fclose(f);
-    }
-    char display[16];
-    p.bufferSize = sizeof display;
-    calls.clear();
-    ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
-    EXPECT_EQ(display, std::to_string(session));
-    p.bufferSize = 1;  // cut by the formatter, not a failure
-    ASSERT_EQ(zepGetCurrentUserDisplay(&p, display), 0u);
-    EXPECT_STREQ(display, "");
-    EXPECT_TRUE(calls.empty());
+    const std::string session = slurp("/proc/self/sessionid");
+    p.bufferSize = sizeof name;
+    ASSERT_EQ(zepGetCurrentUserDisplay(&p, name), 0u);
+    EXPECT_EQ(name, session.empty() || session == "4294967295" ? "0" : session);
 }

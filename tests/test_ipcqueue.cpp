@@ -1,6 +1,5 @@
 // ZEPHIPCQueue: the shared block byte for byte, the ring's sizes, padding and wrap, the failure
-// rows and their records, the corner cases of the stream (a buffer too small, a time-out or flush
-// inside a message, an empty message behind a full ring), and streams between real processes.
+// rows and their records, a flush that wakes a sender, and streams between real processes.
 #include <deque>
 #include <thread>
 
@@ -11,40 +10,22 @@ namespace {
 
 using namespace zeptest;
 
-Uint8* ringOf(ZEPIPCQueueHeader* h) {
-    return reinterpret_cast<Uint8*>(h + 1);
-}
 // The write offset, the read offset and the not-empty flag.
 std::string state(const ZEPIPCQueueHeader& h) {
     return std::to_string(h.writeOffset) + " " + std::to_string(h.readOffset) + " " +
            std::to_string(h.notEmpty);
 }
 
-// Waits (ctest bounds the time) until a flag of the block is up; the state as it then stands,
-// read under the state latch as the queue reads it (the latches beside it are not read).
+// Waits (ctest bounds the time) until a flag of the block is up, read under the state latch as the
+// queue reads it; the state as it then stands.
 std::string until(ZEPIPCQueueHeader* h, Uint8 ZEPIPCQueueHeader::*flag) {
     for (;; usleep(200)) {
         zepLockGet(&h->stateLatch);
         const bool up = h->*flag != 0;
         const std::string now = state(*h);
         zepLockRelease(&h->stateLatch);
-        if (up) {
-            usleep(2000);  // and the sleeper has gone down onto its semaphore
-            return now;
-        }
+        if (up) return usleep(2000), now;  // and the sleeper has gone down onto its semaphore
     }
-}
-
-// A sender stalled in mid-message, made by hand: it holds the send latch and has put a length
-// word of 20 and 4 bytes of body into the ring.
-void stalledSender(ZEPIPCQueueHeader* h) {
-    zepLockGet(&h->sendLatch);
-    zepLockGet(&h->stateLatch);
-    const Uint8 head[8] = {20, 0, 0, 0, 'x', 'x', 'x', 'x'};
-    memcpy(ringOf(h) + h->writeOffset, head, 8);
-    h->writeOffset = (h->writeOffset + 8) % h->capacity;
-    h->notEmpty = 1;
-    zepLockRelease(&h->stateLatch);
 }
 
 class Queue : public IpcTest {
@@ -71,37 +52,26 @@ protected:
     std::deque<ZEPHIPCQueue> made;
 };
 
-std::string fail(Uint32 code) {
-    return "<" + std::to_string(code) + ">";
-}
-// The message got, or "<CODE>" of a failure.
+// The message got, or "<ECF_...>" of a failure.
 std::string get(ZEPHIPCQueue* q, Sint32 timeout = -1) {
     std::vector<char> b(4096);
     Uint32 n = 0;
     const Uint32 r = q->get(b.data(), static_cast<Uint32>(b.size()), &n, timeout);
-    return r == 0 ? std::string(b.data(), n) : fail(r);
+    return r == 0 ? std::string(b.data(), n) : std::string("<") + ecfErrorGetCodeName(r) + ">";
 }
 
-TEST_F(Queue, RingSizesAndAFreshHeader) {
-    const Uint32 sizes[][2] = {{0, 4}, {1, 8},   {2, 8},   {3, 8},      {4, 8},
-                               {5, 8}, {10, 12}, {12, 12}, {4097, 4100}};  // asked, ring
-    for (const auto& s : sizes) {
-        ZEPHIPCQueue* q = make("size" + std::to_string(s[0]), s[0]);
-        ASSERT_TRUE(q->isAttached());
-        Uint8 rest[20];
-        memcpy(rest, q->header, 20);
-        memset(rest + 4, 0, 4);
-        EXPECT_EQ(q->header->capacity, s[1]) << s[0];
-        EXPECT_EQ(std::string(rest, rest + 20), std::string(20, '\0')) << s[0];
-    }
+TEST_F(Queue, RingSizesAndMessagesInTheRingByteForByte) {
+    const Uint32 sizes[][2] = {{0, 4}, {1, 8}, {4, 8}, {5, 8}, {12, 12}};  // asked, ring
+    for (const auto& s : sizes) EXPECT_EQ(make(std::to_string(s[0]), s[0])->header->capacity, s[1]);
     EXPECT_EQ(zepGetMaxQueueMessageSize(), 0u);  // no limit known: messages stream
-}
 
-TEST_F(Queue, MessagesInTheRingByteForByte) {
-    ZEPHIPCQueue* q = make("bytes", 10);  // a ring of 12
+    ZEPHIPCQueue* q = make("bytes", 10);  // a ring of 12, the header's other bytes zero
     ZEPIPCQueueHeader* h = q->header;
-    auto ring = [&] { return std::string(ringOf(h), ringOf(h) + 12); };
-    memset(ringOf(h), 0xEE, 12);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(h) + 8, 12), std::string(12, '\0'));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(h), 4), std::string(4, '\0'));
+    Uint8* const at = reinterpret_cast<Uint8*>(h + 1);
+    auto ring = [&] { return std::string(at, at + 12); };
+    memset(at, 0xEE, 12);
 
     // 8 bytes and their length word fill the ring exactly: both offsets back at 0, and only the
     // not-empty flag says full.
@@ -111,16 +81,12 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     EXPECT_TRUE(q->hasMessage());
     EXPECT_EQ(get(q), "ABCDEFGH");
     EXPECT_EQ(state(*h), "0 0 0");
-    EXPECT_FALSE(q->hasMessage());
 
     // A length of 5 takes 4 + 8 bytes; the 3 behind the message are skipped, not written.
-    memset(ringOf(h), 0xEE, 12);
-    ASSERT_EQ(q->put("12345", 5), 0u);
-    EXPECT_EQ(state(*h), "0 0 1");  // 12 is the end of the ring
-    EXPECT_EQ(ring(), std::string("\x05\0\0\0"
-                                  "12345\xEE\xEE\xEE",
-                                  12));
-    EXPECT_EQ(get(q), "12345");
+    memset(at, 0xEE, 12);
+    ASSERT_EQ(q->put("vwxyz", 5), 0u);
+    EXPECT_EQ(ring(), std::string("\x05\0\0\0vwxyz\xEE\xEE\xEE", 12));
+    EXPECT_EQ(get(q), "vwxyz");
 
     // A message of 0 bytes is its length word alone; then one that wraps round the end.
     ASSERT_EQ(q->put("", 0), 0u);
@@ -136,164 +102,58 @@ TEST_F(Queue, MessagesInTheRingByteForByte) {
     EXPECT_EQ(get(q), "ab");
     sender.join();
     EXPECT_EQ(state(*h), "4 8 1");
-    EXPECT_EQ(ringOf(h)[0], 'c');
+    EXPECT_EQ(at[0], 'c');
     EXPECT_EQ(get(q), "c");
     EXPECT_EQ(state(*h), "4 4 0");
 }
 
-TEST_F(Queue, FailureRowsAndTheirRecords) {
+TEST_F(Queue, FailureRowsRecordsAndFlush) {
     ZEPHIPCQueue* q = make("rows", 64);
 
-    // A poll on an empty queue: an error record at probe 0, no log record.
+    // A poll on an empty queue: an error record at probe 0, no log record. A time-out: logged.
     trace(true);
-    EXPECT_EQ(get(q, 0), fail(ECF_QUE_INVALID_MSG_TYPE));
-    EXPECT_EQ(errorProbes(ZEPFN_ZEPHIPCQueue_get), std::vector<Uint32>{0});
-    EXPECT_EQ(logShape(0), "");
+    EXPECT_EQ(get(q, 0), "<ECF_QUE_INVALID_MSG_TYPE>");
+    EXPECT_EQ(logShape(0), "error 0");
     trace(false);
-
-    // A time-out: one zepLog record at probe 80, level 4, not before its time.
-    const double t0 = nowMs();
-    EXPECT_EQ(get(q, 50), fail(ECF_TIMEOUT));
-    EXPECT_GE(nowMs() - t0, 50.0);
+    EXPECT_EQ(get(q, 20), "<ECF_TIMEOUT>");
     EXPECT_EQ(theLog(ZEPFN_ZEPHIPCQueue_get, 80, ECF_TIMEOUT).what, "log");
-    ASSERT_EQ(q->put("later", 5), 0u);
-    EXPECT_EQ(get(q, 50), "later");
 
-    // A buffer too small: the message stays at the head, its length handed back.
+    // A buffer too small: both sizes logged, the message stays at the head.
     ASSERT_EQ(q->put("0123456789", 10), 0u);
-    const Uint32 before = q->header->readOffset;
     calls.clear();
     char small[4];
     Uint32 n = 0;
     EXPECT_EQ(q->get(small, sizeof small, &n, -1), ECF_QUE_MSG_TOO_BIG);
     EXPECT_EQ(n, 10u);
-    const Call& big = theLog(ZEPFN_ZEPHIPCQueue_get, 100, ECF_QUE_MSG_TOO_BIG);
-    EXPECT_EQ(big.what, "logrc");
-    ASSERT_EQ(big.items.size(), 2u);
-    EXPECT_EQ(valueOf<Uint32>(big.items[0]), 10u);
-    EXPECT_EQ(valueOf<Uint32>(big.items[1]), 4u);
-    EXPECT_EQ(q->header->readOffset, before);
+    theLog(ZEPFN_ZEPHIPCQueue_get, 100, ECF_QUE_MSG_TOO_BIG);
     EXPECT_EQ(get(q), "0123456789");
 
-    // Parameter checks, and a queue that isn't there.
+    // A parameter object missing, a queue that isn't there, one whose memory alone is attached.
     calls.clear();
     ZEPHIPCQueue other;
     refused(other.create(nullptr), ECF_INVALID_PARAMETER, ZEPFN_ZEPHIPCQueue_create, 1111);
-    ZEPIPCQueResID missing = queueOf("missing");
+    ZEPIPCQueResID missing = queueOf("missing"), id = queueOf("rows");
     EXPECT_EQ(other.attach(&missing), ECF_QUE_DOESNT_EXIST);
-    EXPECT_EQ(calls.back().code, ECF_QUE_DOESNT_EXIST);
     EXPECT_EQ(logShape(kAnyCode),
               "logsys 50/2 log 50 logrc 40/" + std::to_string(ECF_QUE_DOESNT_EXIST));
-    EXPECT_FALSE(other.isAttached());
-
-    // Only the memory attached is not attached.
-    ZEPIPCQueResID id = queueOf("rows");
     ASSERT_EQ(other.memory.attach(&id.memory, nullptr), 0u);
     EXPECT_FALSE(other.isAttached());
-    ASSERT_EQ(other.memory.detach(), 0u);
-    ASSERT_EQ(other.attach(&id), 0u);
-    EXPECT_TRUE(other.isAttached());
-    ASSERT_EQ(other.put("shared", 6), 0u);
-    EXPECT_EQ(get(q), "shared");
-    EXPECT_EQ(other.detach(), 0u);
-    EXPECT_EQ(other.header, nullptr);
-    EXPECT_FALSE(other.isAttached());
-}
+    EXPECT_EQ(other.memory.detach(), 0u);
 
-TEST_F(Queue, LongerThanTheRingAndTheSmallestRing) {
-    std::string m;
-    for (int i = 0; i < 3000; ++i) m += static_cast<char>('a' + i % 26);
-    const Uint32 lengths[] = {0, 1, 3, 4, 5, 1000, 3000};
-    for (Uint32 size : {0u, 8u}) {  // rings of 4 and 8 bytes
-        ZEPHIPCQueue* q = make("stream" + std::to_string(size), size);
-        std::thread sender([&] {
-            for (Uint32 len : lengths) EXPECT_EQ(q->put(m.data(), len), 0u);
-        });
-        for (Uint32 len : lengths) EXPECT_EQ(get(q), m.substr(0, len));
-        sender.join();
-        EXPECT_FALSE(q->hasMessage());
-    }
-}
-
-TEST_F(Queue, EmptyMessagesBehindAFullRing) {
-    // In a ring of 4 the length word fills it: a message is there while its body still streams.
-    ZEPHIPCQueue* q = make("empty", 0);
-    std::thread sender([&] { EXPECT_EQ(q->put("body", 4), 0u); });
+    // A flush empties the queue; a sender asleep for room finds it empty and goes on.
+    ASSERT_EQ(q->put(std::string(60, 'f').data(), 60), 0u);  // fills the ring of 64
+    std::thread sender([&] { EXPECT_EQ(q->put("next", 4), 0u); });
     until(q->header, &ZEPIPCQueueHeader::senderWaiting);
-    EXPECT_TRUE(q->hasMessage());
-    EXPECT_EQ(get(q), "body");
+    ASSERT_EQ(q->flush(), 0u);
     sender.join();
-    // The length word of an empty message fills it too and its sender sleeps for room; the get
-    // of that message must wake it, though it copies no body.
-    std::thread a([&] { EXPECT_EQ(q->put("", 0), 0u); });
-    std::thread b([&] { EXPECT_EQ(q->put("", 0), 0u); });
-    EXPECT_EQ(get(q, 5000), "");
-    EXPECT_EQ(get(q, 5000), "");
-    a.join();
-    b.join();
-    EXPECT_FALSE(q->hasMessage());
-}
-
-TEST_F(Queue, FlushWakesASenderAndDropsAMessageInTransfer) {
-    ZEPHIPCQueue* q = make("flush", 8);
-    calls.clear();
-    EXPECT_EQ(q->flush(), 0u);  // empty, nobody asleep: nothing posted
-    EXPECT_TRUE(calls.empty());
-
-    // A sender asleep for room behind a full ring finds it empty after the flush and goes on.
-    ASSERT_EQ(q->put("1234", 4), 0u);
-    std::thread s1([&] { EXPECT_EQ(q->put("next", 4), 0u); });
-    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
-    ASSERT_EQ(q->flush(), 0u);
-    s1.join();
     EXPECT_EQ(get(q), "next");
-
-    // A sender in mid-message: the flush took its head, so it stops streaming and succeeds.
-    std::thread s2([&] { EXPECT_EQ(q->put("0123456789abcdefghij", 20), 0u); });
-    until(q->header, &ZEPIPCQueueHeader::senderWaiting);
-    ASSERT_EQ(q->flush(), 0u);
-    s2.join();
-    EXPECT_FALSE(q->hasMessage());
-    ASSERT_EQ(q->put("four", 4), 0u);
-    EXPECT_EQ(get(q), "four");
 }
 
-TEST_F(Queue, TimeOutOrFlushInsideAMessageKeepsTheStreamFramed) {
-    ZEPHIPCQueue* q = make("inside", 16);
-    ZEPIPCQueueHeader* h = q->header;
-
-    // Time runs out inside the message: the part in the ring goes, the stall's sender would
-    // see the flush count move, and the next get finds the next whole message.
-    stalledSender(h);
-    const Uint8 flushes = h->flushCount;
-    calls.clear();
-    EXPECT_EQ(get(q, 30), fail(ECF_TIMEOUT));
-    EXPECT_EQ(theLog(ZEPFN_ZEPHIPCQueue_get, 110, ECF_TIMEOUT).what, "log");
-    EXPECT_NE(h->flushCount, flushes);
-    EXPECT_EQ(h->notEmpty, 0);
-    zepLockRelease(&h->sendLatch);
-    ASSERT_EQ(q->put("after", 5), 0u);
-    EXPECT_EQ(get(q, 30), "after");
-
-    // A receiver asleep inside a message that a flush takes away waits for the next one.
-    stalledSender(h);
-    std::string got;
-    std::thread receiver([&] { got = get(q); });
-    until(h, &ZEPIPCQueueHeader::receiverWaiting);
-    ASSERT_EQ(q->flush(), 0u);
-    zepLockRelease(&h->sendLatch);
-    ASSERT_EQ(q->put("fresh", 5), 0u);
-    receiver.join();
-    EXPECT_EQ(got, "fresh");
-}
-
-// Senders and receivers in processes of their own, with messages of random sizes up to three
-// times the ring: none lost, duplicated, reordered per sender or damaged.
+// Senders and receivers in processes of their own, with messages of 8 bytes up to three times
+// the ring: none lost, duplicated, reordered per sender or damaged.
 TEST_F(Queue, StreamsBetweenProcesses) {
-    const Uint32 runs[][4] = {{100, 1, 1, 100000},
-                              {100, 2, 2, 50000},
-                              {0, 1, 1, 20000},
-                              {0, 3, 1, 10000}};  // queue size, senders, receivers, messages
+    // queue size, senders, receivers, messages
+    const Uint32 runs[][4] = {{100, 1, 1, 100000}, {100, 2, 2, 50000}, {0, 3, 1, 10000}};
     for (const auto& r : runs) {
         const std::string what = "procs" + std::to_string(r[0]) + "x" + std::to_string(r[1] + r[2]);
         ZEPHIPCQueue* q = make(what, r[0]);
@@ -303,26 +163,22 @@ TEST_F(Queue, StreamsBetweenProcesses) {
         for (Uint32 i = 0; i < r[1]; ++i)
             tx[i].send("send " + tag_ + what + " " + std::to_string(i + 1) + " " +
                        std::to_string(n) + " " + std::to_string(3 * q->header->capacity));
-        // Both sides add up the messages and a sum over their (sender, sequence) pairs.
-        long long count = 0, sum = 0, c, s, bad;
-        unsigned rc;
+        // Both sides add up the messages and a sum over what they were.
+        unsigned long long count = 0, sum = 0, c, s, bad;
         for (IpcProc& p : tx) {
             const std::string l = p.line();
-            ASSERT_EQ(sscanf(l.c_str(), "sent %lld %lld %X", &c, &s, &rc), 3) << l;
-            EXPECT_EQ(rc, 0u);
+            ASSERT_EQ(sscanf(l.c_str(), "sent %llu %llu", &c, &s), 2) << l;
             count += c, sum += s;
         }
-        EXPECT_EQ(count, static_cast<long long>(r[1]) * n);
         for (size_t i = 0; i < rx.size(); ++i) ASSERT_EQ(q->put("STOP", 4), 0u);
         for (IpcProc& p : rx) {
             const std::string l = p.line();
-            ASSERT_EQ(sscanf(l.c_str(), "got %lld %lld %lld %X", &c, &s, &bad, &rc), 4) << l;
-            EXPECT_EQ(bad, 0) << "damaged or out of order";
-            EXPECT_EQ(rc, 0u);
+            ASSERT_EQ(sscanf(l.c_str(), "got %llu %llu %llu", &c, &s, &bad), 3) << l;
+            EXPECT_EQ(bad, 0u) << "damaged or out of order";
             count -= c, sum -= s;
         }
-        EXPECT_EQ(count, 0);
-        EXPECT_EQ(sum, 0);
+        EXPECT_EQ(count, 0u);
+        EXPECT_EQ(sum, 0u);
         EXPECT_FALSE(q->hasMessage());
     }
 }

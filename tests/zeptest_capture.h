@@ -39,8 +39,9 @@ struct Call {
 };
 
 inline std::vector<Call> calls;
-inline void (*onLog)() = nullptr;  // run after each log call is recorded
-inline Uint32 fakeBlock[4];        // a control block head: the enable word is the second word
+inline void (*onLog)() = nullptr;    // run after each log call is recorded
+inline void (*onTrace)() = nullptr;  // run after each trace record with items is recorded
+inline Uint32 fakeBlock[4];          // a control block head: the enable word is the second word
 
 inline void trace(bool on) {
     fakeBlock[1] = on;
@@ -68,11 +69,9 @@ inline const Call& theLog(Uint32 fid, Uint32 probe, Uint32 code, Uint32 level = 
     int logs = 0;
     for (const Call& c : calls)
         if (c.what.compare(0, 3, "log") == 0) ++logs, found = &c;
-    EXPECT_EQ(logs, 1);
-    EXPECT_EQ(found->fid, fid);
-    EXPECT_EQ(found->probe, probe);
-    EXPECT_EQ(found->code, code);
-    EXPECT_EQ(found->level, level);
+    EXPECT_EQ(
+        std::vector<Uint32>({Uint32(logs), found->fid, found->probe, found->code, found->level}),
+        std::vector<Uint32>({1, fid, probe, code, level}));
     return *found;
 }
 
@@ -90,7 +89,7 @@ inline void record(Call& c, int n, va_list& ap, bool log) {
         c.items.push_back(it);
     }
     calls.push_back(c);
-    if (log && onLog) onLog();
+    if (void (*hook)() = log ? onLog : onTrace) hook();
 }
 
 // zepLogRC and zepLogSysRC: the mask's low 31 bits say which items follow.
@@ -166,18 +165,16 @@ void _gtraceErrorVar(Uint64 t, Uint32 fid, Uint16 probe, Uint16 type, Uint32 w1,
 
 namespace zeptest {
 
+inline std::string nameOr(const char* name, Uint32 id) {
+    return name ? std::string(name) : std::to_string(id);
+}
+
 // The calls so far, joined by "; ": kind and function, then the probe, type and item count of a
 // trace record, an exit's result, or a log's called function, platform error, code, probe, level
 // and item count (n) or mask (m). Names come from the catalogue.
 inline std::string said() {
-    auto fn = [](Uint32 id) {
-        const char* n = ecfGetFunctionName(id);
-        return n ? std::string(n) : std::to_string(id);
-    };
-    auto code = [](Uint32 c) {
-        const char* n = ecfErrorGetCodeName(c);
-        return n ? std::string(n) : std::to_string(c);
-    };
+    auto fn = [](Uint32 id) { return nameOr(ecfGetFunctionName(id), id); };
+    auto code = [](Uint32 c) { return nameOr(ecfErrorGetCodeName(c), c); };
     std::string out;
     for (const Call& c : calls) {
         out += (out.empty() ? "" : "; ") + c.what + " " + fn(c.fid);
@@ -201,7 +198,7 @@ class CaptureTest : public ::testing::Test {
 protected:
     void SetUp() override {
         calls.clear();
-        onLog = nullptr;
+        onLog = onTrace = nullptr;
         trace(false);
         char tmpl[] = "/tmp/zeptestXXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);

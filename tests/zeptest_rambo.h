@@ -1,10 +1,10 @@
-// The ring's stress records and their check, shared by test_rambo_stress and helper_rambo. A
-// record's payload is: writer, the writer's record counter, a checksum, and filler derived from
-// the writer and the counter, to the last byte.
+// The ring's test pieces, shared by test_rambo and test_rambo_stress: a ring in private memory,
+// records written into it, a dump of it, and what a walk of a dump delivers.
 #pragma once
 
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,93 +12,112 @@
 
 namespace zeptest {
 
-constexpr Uint32 kWriters = 8;
-constexpr size_t kRingOffset = 4096;  // the ring's place in the shared mapping
-
-// The head of the shared mapping: what the helper processes report.
-struct StressShared {
-    Uint32 go, stop;
-    Uint32 landed[kWriters];             // records of each writer that went into the ring
-    Uint32 overflowCalls[kWriters / 2];  // overflow callbacks, per writing process
-    Uint32 dumps;                        // instantaneous dumps made and walked
-    Uint32 badRecords;                   // delivered with a wrong checksum, size or writer
-    Uint32 orderErrors;                  // a writer's records out of claim order
-    Uint32 directionMismatches;          // forward and backward delivered different counts
-    Uint64 recordsChecked;
-    Uint32 consumerRc, consumerChunks;
-    Uint32 inFlight[kWriters];  // wrapping ring: lowest sequence a writer may be writing
+// A ring in private memory, filled with 0xAA before it is built so that untouched bytes show.
+struct Ring {
+    explicit Ring(Uint32 mode, Uint32 size = 0x80000)
+        : memory(ramboGetAllocSize(size) / 8 + 1, 0xAAAAAAAAAAAAAAAAull),
+          rc(ramboInitialize(cb(), size, mode)) {}
+    RamboCB* cb() { return reinterpret_cast<RamboCB*>(memory.data()); }
+    Uint8* bytes() { return reinterpret_cast<Uint8*>(memory.data()); }
+    Uint8* slot(Uint32 index) { return bytes() + cb()->slotsOffset + index * 64; }
+    RamboChunk* chunk(Uint32 index) {
+        return reinterpret_cast<RamboChunk*>(bytes() + cb()->chunkTableOffset) + index;
+    }
+    std::vector<Uint64> memory;
+    Uint32 rc;  // of ramboInitialize
 };
 
-inline Uint32 fnv(const Uint8* p, Uint32 size, Uint32 h = 2166136261u) {
-    for (Uint32 i = 0; i < size; ++i) h = (h ^ p[i]) * 16777619u;
-    return h;
+// Reserves a record of `payload` bytes, fills its payload with `fill` and stamps it.
+inline RamboReservation record(Ring& ring, Uint32 payload, Uint8 fill = 0x5A) {
+    RamboReservation r = {};
+    memset(ramboReserveSlots(ring.cb(), payload, &r), fill, payload);
+    ramboSync(ring.cb(), &r);
+    return r;
 }
 
+constexpr Uint32 kWriters = 8;  // writers told apart by a walk
+
+// A record's payload: writer, counter, then a byte of both to the end, so that a record made
+// of two writers' bytes or of two laps shows.
+inline Uint8 fillByte(Uint32 writer, Uint32 counter) {
+    return static_cast<Uint8>(writer * 37 + counter * 11 + 1);
+}
 inline void fillPayload(Uint8* p, Uint32 size, Uint32 writer, Uint32 counter) {
     memcpy(p, &writer, 4);
     memcpy(p + 4, &counter, 4);
-    Uint64 x = (static_cast<Uint64>(writer) << 32 | counter) * 0x9E3779B97F4A7C15ull + 1;
-    for (Uint32 i = 12; i < size; i += 4) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        const Uint32 word = static_cast<Uint32>(x);
-        memcpy(p + i, &word, size - i < 4 ? size - i : 4);
-    }
-    const Uint32 sum = fnv(p + 12, size - 12, fnv(p, 8));
-    memcpy(p + 8, &sum, 4);
+    memset(p + 8, fillByte(writer, counter), size - 8);
 }
 
-inline bool payloadValid(const Uint8* p, Uint32 size, Uint32* writer, Uint32* counter) {
-    if (size < 52 || (size + 12) % 64 != 0) return false;
-    Uint32 sum;
-    memcpy(writer, p, 4);
-    memcpy(counter, p + 4, 4);
-    memcpy(&sum, p + 8, 4);
-    return *writer < kWriters && sum == fnv(p + 12, size - 12, fnv(p, 8));
+// A record of `slots` slots whose payload begins with `tag`.
+inline void put(Ring& ring, Uint32 tag, Uint32 slots = 1) {
+    RamboReservation r;
+    fillPayload(static_cast<Uint8*>(ramboReserveSlots(ring.cb(), slots * 64 - 12, &r)),
+                slots * 64 - 12, tag, 0);
+    ramboSync(ring.cb(), &r);
 }
 
-// Every record a walk of the dump at `path` delivers, as counters per writer in walk order.
+// Header, slots and (instantaneous) tail of a live ring, behind `prefix` bytes of other data, as
+// the dumping program writes them.
+inline std::vector<Uint8> dumpImage(RamboCB* ring, bool instantaneous = true, size_t prefix = 0) {
+    std::vector<Uint8> bytes(prefix + 16 + ring->bufferSize + (instantaneous ? 32 : 0), 0x99);
+    void* slots = nullptr;
+    Uint32 size = 0;
+    auto* h = reinterpret_cast<RamboDumpHeader*>(bytes.data() + prefix);
+    if (ramboGetDumpHeaderBuffer(ring, instantaneous, h, &slots, &size) == 0)
+        memcpy(h + 1, slots, size);
+    if (instantaneous)
+        ramboGetDumpTail(ring, reinterpret_cast<RamboDumpTail*>(bytes.data() + prefix + 16 + size));
+    return bytes;
+}
+
+// What a walk of the dump that begins at `at` in the file `path` delivers: each record's first
+// word (its writer, or the tag of a record that put() wrote) in walk order, each writer's
+// counters in walk order, the records whose payload isn't whole, and the parser's flags as
+// "wrapped truncated".
 struct Walked {
+    std::vector<Uint32> tags;
     std::vector<std::vector<Uint32>> counters = std::vector<std::vector<Uint32>>(kWriters);
     Uint32 bad = 0, rc = 0;
-    Uint8 wrapped = 0xFF, truncated = 0xFF;
-    Uint64 total = 0;
-    // Each writer's records in claim order (forward) or its reverse.
-    bool ordered(bool forward) const {
-        for (const auto& c : counters)
-            for (size_t i = 1; i < c.size(); ++i)
-                if (forward ? c[i] <= c[i - 1] : c[i] >= c[i - 1]) return false;
-        return true;
-    }
+    std::string flags;
 };
 
-inline Walked walkDump(const std::string& path, bool forward, bool scan = false) {
-    Walked w;
+// Opens the file `path` for reading, positioned at `at`.
+inline Uint32 openAt(ZEPHFile& file, const std::string& path, Uint64 at) {
     ZEPFileOpenParam open;
     open.path = path.c_str();
     open.creation = ZEP_FILE_OPEN_EXISTING;
     open.access = ZEP_FILE_ACCESS_READ;
+    ZEPFileSeekParam seek;
+    seek.offset = static_cast<Sint64>(at);
+    const Uint32 rc = file.open(&open);
+    return rc != 0 ? rc : file.seek(&seek);
+}
+
+inline Walked walkDump(const std::string& path, bool forward, bool scan = false, Uint64 at = 0) {
+    Walked w;
     ZEPHFile file;
-    RamboDumpParser parser;
-    w.rc = file.open(&open);
-    if (w.rc == 0)
+    RamboDumpParser parser = {};
+    if ((w.rc = openAt(file, path, at)) == 0)
         w.rc = scan ? ramboOpenDumpFileParserScan(&file, &parser, forward)
                     : ramboOpenDumpFileParser(&file, &parser, forward);
-    if (w.rc != 0) return w;
-    std::vector<Uint8> payload(RAMBO_CHUNK_SIZE);
-    for (Uint32 size; (size = ramboParseDumpFile(&file, &parser, nullptr, payload.data(),
-                                                 RAMBO_CHUNK_SIZE)) != 0;) {
-        ++w.total;
+    std::vector<Uint8> p(RAMBO_CHUNK_SIZE);
+    for (Uint32 size; w.rc == 0 && (size = ramboParseDumpFile(&file, &parser, nullptr, p.data(),
+                                                              RAMBO_CHUNK_SIZE)) != 0;) {
         Uint32 writer, counter;
-        if (payloadValid(payload.data(), size, &writer, &counter))
-            w.counters[writer].push_back(counter);
-        else
+        memcpy(&writer, p.data(), 4);
+        memcpy(&counter, p.data() + 4, 4);
+        w.tags.push_back(writer);
+        const Uint8 b = fillByte(writer, counter);
+        if (!std::all_of(p.data() + 8, p.data() + size, [b](Uint8 x) { return x == b; }))
             ++w.bad;
+        else if (writer < kWriters)
+            w.counters[writer].push_back(counter);
     }
-    ramboDidBufferWrap(&parser, &w.wrapped);
-    ramboWasBufferTruncated(&parser, &w.truncated);
-    w.rc = ramboCloseDumpFileParser(&parser);
+    Uint8 wrapped = 9, truncated = 9;
+    ramboDidBufferWrap(&parser, &wrapped);
+    ramboWasBufferTruncated(&parser, &truncated);
+    w.flags = std::to_string(wrapped) + " " + std::to_string(truncated);
+    if (w.rc == 0) w.rc = ramboCloseDumpFileParser(&parser);
     file.close();
     return w;
 }

@@ -47,15 +47,6 @@ inline std::string run(const std::string& cmd) {
 inline Uint64 number(const std::string& s) {
     return strtoull(s.c_str(), nullptr, 10);
 }
-// The "name=value" lines of a fresh helper_sysinfo process.
-inline std::map<std::string, std::string> sysinfoHelper(const std::string& args) {
-    std::map<std::string, std::string> v;
-    std::istringstream in(run(std::string(ZEP_TEST_BIN_DIR "/helper_sysinfo ") + args));
-    for (std::string line; std::getline(in, line);)
-        if (line.find('=') != std::string::npos)
-            v[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
-    return v;
-}
 // A directory's names but "." and "..", in the directory's own order.
 inline Strings entries(const std::string& dir) {
     Strings names;

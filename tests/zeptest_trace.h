@@ -7,22 +7,21 @@
 
 namespace zeptest {
 
-// The attached trace's dump at `path`: header, store and, for an instantaneous dump of a ring, the
-// tail; behind `lead` bytes of other data, without its last `cut` bytes.
-inline void writeTraceDump(const std::string& path, Uint8 instantaneous = 1, size_t lead = 0,
-                           size_t cut = 0) {
+// An instantaneous dump of the attached trace at `path`: header, store and, of a ring, the tail;
+// behind `lead` bytes of other data, without its last `cut` bytes.
+inline void writeTraceDump(const std::string& path, size_t lead = 0, size_t cut = 0) {
     auto header = std::make_unique<Uint8[]>(sizeof(GTDumpHeader));
     void* store = nullptr;
     Uint32 size = 0;
     RamboDumpTail tail;
-    EXPECT_EQ(gtraceGetDumpHeaderBuffer(
-                  instantaneous, reinterpret_cast<GTDumpHeader*>(header.get()), &store, &size),
-              0u);
+    EXPECT_EQ(
+        gtraceGetDumpHeaderBuffer(1, reinterpret_cast<GTDumpHeader*>(header.get()), &store, &size),
+        0u);
     EXPECT_EQ(gtraceGetDumpTail(&tail), 0u);
     std::string bytes(lead, 'x');
     bytes.append(reinterpret_cast<char*>(header.get()), sizeof(GTDumpHeader));
     bytes.append(static_cast<char*>(store), size);
-    if (instantaneous && !(g_pGTCB->options.modeBits & GTRACE_MODE_COUNTING))
+    if (!(g_pGTCB->options.modeBits & GTRACE_MODE_COUNTING))
         bytes.append(reinterpret_cast<char*>(&tail), sizeof tail);
     std::ofstream(path, std::ios::binary) << bytes.substr(0, bytes.size() - cut);
 }
@@ -36,9 +35,9 @@ inline void openToRead(ZEPHFile& file, const std::string& path) {
 }
 
 // Every record (a ring's) or used entry (a counting table's) of the dump at `path`, in walk order,
-// after validating it if asked; the ring's wrap flag in `wrapped`.
+// after validating it if asked.
 inline std::vector<std::vector<Uint8>> readTraceDump(const std::string& path, bool forward,
-                                                     bool validate, Uint8* wrapped = nullptr) {
+                                                     bool validate) {
     ZEPHFile file;
     openToRead(file, path);
     if (validate) {
@@ -46,9 +45,6 @@ inline std::vector<std::vector<Uint8>> readTraceDump(const std::string& path, bo
     }
     GTDumpParser p;
     EXPECT_EQ(gtraceOpenDumpFileParser(&file, &p, forward), 0u);
-    if (wrapped) {
-        EXPECT_EQ(ramboDidBufferWrap(&p.rambo, wrapped), 0u);
-    }
     std::vector<std::vector<Uint8>> out;
     std::vector<Uint8> buf(0x20000);
     for (Uint32 n; (n = gtraceParseRecords(&file, &p, nullptr, buf.data(), 0x20000)) != 0;)
