@@ -497,6 +497,33 @@ TEST_F(Trace, DelayingMode) {
     EXPECT_EQ(claimed(), 0u);  // no records at all behind a delaying trace
 }
 
+// Trace points read the flags word at any moment: while the options change under them, a
+// counting or delaying block must never let one through to the ring path.
+TEST_F(Trace, OptionsChangeUnderRunningTracePoints) {
+    for (Uint32 mode : {GTRACE_MODE_COUNTING, GTRACE_MODE_DELAYING}) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            GTCBOptions o = options(mode);
+            o.stopReturnCode = 0xFFFFFFFFu;  // delaying: an interval never reached, no sleeps
+            build(o);
+            std::atomic<bool> stop{false};
+            std::thread writer([&] {
+                while (!stop.load(std::memory_order_relaxed)) _gtraceEntry(T, F);
+            });
+            for (int i = 0; i < 1000; ++i) {
+                gtraceSetOptions(&o);
+                sched_yield();
+            }
+            stop = true;
+            writer.join();
+            const bool stray = mode == GTRACE_MODE_COUNTING ? used() != 1 : claimed() != 0;
+            _exit(g_disables != 0 ? 1 : cb_->enabled != 1 ? 2 : stray ? 3 : 0);
+        }
+        EXPECT_EQ(zeptest::waitExit(child), 0) << mode;
+    }
+}
+
 // ---------------------------------------------------------------- processes
 
 // Two threads here and a helper process write one stopping ring at once: every record arrives,
