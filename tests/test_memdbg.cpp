@@ -221,6 +221,27 @@ TEST_F(MemDbg, ReportOfLiveBlocks) {
     for (char* block : {a, b}) release(block);
 }
 
+// An underrun over a block's header and record, links included: the report stops there with a
+// line that says so, and neither it nor the leak report at the end fails on the list.
+TEST_F(MemDbg, ReportWalksADamagedListWithoutCrashing) {
+    mode(ZEP_MEMDBG_FULL);
+    char* a = alloc(10, 0, "one.c", 11);
+    char* b = alloc(20, 0, "two.c", 22);
+    const size_t reach = 16 + sizeof(ZEPMemDebugRecord);
+    std::vector<char> saved(b - reach, b);
+    memset(b - reach, 0x41, reach);
+    EXPECT_EQ(_zepMemAllocList("lister.c", 5, 1), 0u);
+    EXPECT_EQ(g_findings, Findings{"Damaged list of live blocks found at:"});
+    char damaged[96];
+    snprintf(damaged, sizeof damaged,
+             "Addr: %08lx Damaged list: the blocks behind it are not shown\n",
+             reinterpret_cast<unsigned long>(b - 16));
+    EXPECT_NE(slurp(zeptest::threadFile(dir_)).find(damaged), std::string::npos);
+    EXPECT_EQ(zepMemAllocList(0), 0u);
+    memcpy(b - reach, saved.data(), reach);
+    for (char* block : {a, b}) release(block);
+}
+
 TEST_F(MemDbg, ThreadsAllocateFreeAndReportTogether) {
     mode(ZEP_MEMDBG_FULL);
     std::vector<std::thread> threads;

@@ -290,6 +290,20 @@ TEST_F(Trap, CrashingProcessesLeaveReadableTrapFiles) {
     }
 }
 
+// A binary rebuilt since the crash no longer describes its addresses: the reader says so instead
+// of naming wrong functions.
+TEST_F(Trap, ReaderRefusesABinaryThatIsNotTheOneThatCrashed) {
+    const std::string copy = at("crasher"), trap = at("copy.trap");
+    ASSERT_EQ(run("cp " + kCrash + " " + copy).first, 0);
+    EXPECT_EQ(run(copy + " null " + trap).first, 128 + SIGSEGV);
+    EXPECT_THAT(run(kReader + " " + trap).second, HasSubstr("crashHere"));
+    ASSERT_EQ(run("cp " + kReader + " " + copy).first, 0);
+    const auto [status, out] = run(kReader + " " + trap);
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(out, HasSubstr("not the one that crashed"));
+    EXPECT_THAT(out, ::testing::Not(HasSubstr("crashHere")));
+}
+
 TEST_F(Trap, HeaderSectionsAndACutFile) {
     const std::string f = write(ZEP_TRAP_ALL_BUT_MEMORY);
     expectSections(at("t.trap"), kAllButMemory);
