@@ -4,7 +4,6 @@
 //                                    symbol engine's mutexes (one of them for good)
 //   helper_crash ARGS...             zepcrash ARGS...
 #include <pthread.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <string>
@@ -34,14 +33,11 @@ void* holder(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc == 3 ? argv[1] : "";
-    if (mode == "heldlock") {
-        pthread_t t;
-        pthread_create(&t, nullptr, holder, nullptr);
-        while (!__atomic_load_n(&g_heldReady, __ATOMIC_ACQUIRE)) usleep(1000);
-        char null[] = "null";
-        char* args[] = {argv[0], null, argv[2], nullptr};
-        return zepcrashMain(3, args);
-    }
-    return zepcrashMain(argc, argv);
+    if (argc != 3 || std::string(argv[1]) != "heldlock") return zepcrashMain(argc, argv);
+    pthread_t t;
+    pthread_create(&t, nullptr, holder, nullptr);
+    while (!__atomic_load_n(&g_heldReady, __ATOMIC_ACQUIRE)) usleep(1000);
+    char null[] = "null";
+    char* args[] = {argv[0], null, argv[2], nullptr};
+    return zepcrashMain(3, args);
 }

