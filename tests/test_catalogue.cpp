@@ -32,9 +32,8 @@ TEST(Catalogue, Codes) {
          "ECF_ARCHIVE_SHARE_NAME_NOT_FOUND|object name within archive is not "
          "found.|VRN Common|operating system|setecf"},
         {0, "OK|OK|-|-|-"},
-        // One past the last index, index 0 of the set, a set field of 2.
+        // One past the last index, a set field of 2.
         {0x9000052B, "-|-|-|-|setecf"},
-        {0x10000000, "-|-|-|-|setecf"},
         {0x2000001A, "-|-|-|-|-"},
     };
     for (const auto& [c, want] : rows) EXPECT_EQ(code(c), want) << std::hex << c;

@@ -20,6 +20,7 @@ TEST_F(Tsd, NullReadsAsAnErrorUntilSet) {
     trace(true);
     ZEPHThreadSpecificData tsd;
     ASSERT_EQ(tsd.create(), 0u);
+    EXPECT_NE(tsd.index(), 0xFFFFFFFFu);
     EXPECT_EQ(take(),
               "entry ZEPHThreadSpecificData::create; exit ZEPHThreadSpecificData::create OK");
     // Never set: logged by the worker at probe 10, level 4, no items; entry and exit with the
