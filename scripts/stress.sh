@@ -22,7 +22,8 @@ run() {
   fi
 }
 run test_rambo_stress '*'
-run test_rambo 'Rambo.ConcurrentClaims'
+run test_ipcqueue 'Queue.StreamsBetweenProcesses'
+run test_ipcwaitpost 'Waitpost.AnotherProcessNeverSeesTwoPostsMixed'
 run test_gtrace 'Trace.ThreadsAndProcessesConcurrently'
 run test_log 'Log.ManyProcessesAppendToOneFile'
 run test_alloc 'Area.ThreadsShareOneArea'

@@ -2,6 +2,9 @@
 // level rule, the targets, typed items and dumps, many processes appending to one file, and the
 // zeplog tool reading it back.
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include "zeplogitems.h"
 #include "zeptest_stress.h"
 #include "zeptest_util.h"
@@ -169,6 +172,13 @@ TEST_F(Log, ItemRendering) {
     EXPECT_EQ(typed("abc", 2, ZEP_LOGDATA_STRING), "String, 2 bytes\r\nabc\r\n");
     EXPECT_EQ(typed(x600.c_str(), 512, ZEP_LOGDATA_STRING),
               "String, 512 bytes\r\n" + std::string(511, 'x') + "\r\n");
+    // An item of no bytes at the very end of readable memory: nothing behind it is read.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char* two = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_EQ(mprotect(two + page, page, PROT_NONE), 0);
+    EXPECT_EQ(typed(two + page, 0, ZEP_LOGDATA_CHAR), "Char, 0 bytes\r\n\r\n");
+    munmap(two, 2 * page);
 
     // Dumps: 20 bytes in two lines; 600 bytes of true length; a record nearly full, where 200
     // bytes hold three lines of 61 but for the head: two whole lines come out, none cut.

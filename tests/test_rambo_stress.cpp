@@ -1,5 +1,7 @@
-// Stress of the chunked ring: writer threads with records of 1 to 40 slots while this thread
-// drains the ring into an auto dump, where the thread sanitizer can follow the protocol.
+// Stress of the chunked ring: writers with records of 1 to 40 slots while this thread drains the
+// ring into an auto dump; threads alone, where the thread sanitizer can follow the protocol, and
+// threads with processes.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <thread>
@@ -65,6 +67,42 @@ void expectEveryRecord(const std::string& path, Uint32 writers, Uint32 records) 
 }
 
 }  // namespace
+
+// Writer threads and forked writer processes share one chunked ring in a shared mapping while
+// this thread drains it: the ring's protocol between processes is the product's.
+TEST(RamboStress, ChunkedRingWithWritersInThreadsAndProcesses) {
+    const Uint32 kThreads = 2, kProcesses = 2, kRecords = 3000 * zeptestStress();
+    const size_t size = 64 + ramboGetAllocSize(kRingSize);
+    void* shared = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    Uint32* done = static_cast<Uint32*>(shared);
+    RamboCB* ring = reinterpret_cast<RamboCB*>(static_cast<Uint8*>(shared) + 64);
+    ASSERT_EQ(ramboInitialize(ring, kRingSize, RAMBO_MODE_CHUNKED), 0u);
+    TempDir dir("zepramboauto");
+    Uint32 chunks = 0;
+    std::vector<pid_t> children;
+    for (Uint32 w = kThreads; w < kThreads + kProcesses; ++w) {
+        const pid_t child = fork();
+        if (child == 0) {
+            writeRecords(ring, w, kRecords);
+            __atomic_add_fetch(done, 1, __ATOMIC_RELEASE);
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    std::vector<std::thread> writers;
+    for (Uint32 w = 0; w < kThreads; ++w)
+        writers.emplace_back([&, w] {
+            writeRecords(ring, w, kRecords);
+            __atomic_add_fetch(done, 1, __ATOMIC_RELEASE);
+        });
+    EXPECT_EQ(consume(ring, dir / "auto.dump", done, kThreads + kProcesses, &chunks), 0u);
+    for (auto& w : writers) w.join();
+    for (pid_t child : children) EXPECT_EQ(waitExit(child), 0);
+    EXPECT_GT(ring->nextSequence / kSlotCount, 10u);
+    expectEveryRecord(dir / "auto.dump", kThreads + kProcesses, kRecords);
+    munmap(shared, size);
+}
 
 TEST(RamboThreads, ChunkedRingWithConsumerThread) {
     const Uint32 kThreads = 4, kRecords = 3000 * zeptestStress();

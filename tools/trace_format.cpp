@@ -313,8 +313,5 @@ bool recordHasRc(Uint32 type) {
 bool recordHasWords(Uint32 type) {
     return hasWords(type);
 }
-bool recordHasProbe(Uint32 type) {
-    return hasProbe(type);
-}
 
 }  // namespace zeptrace

@@ -87,10 +87,9 @@ struct RecordItem {
 };
 std::vector<RecordItem> recordItems(const void* payload, Uint32 size);
 
-// Whether the record type carries a return code, the two words, a probe.
+// Whether the record type carries a return code, the two words.
 bool recordHasRc(Uint32 type);
 bool recordHasWords(Uint32 type);
-bool recordHasProbe(Uint32 type);
 
 }  // namespace zeptrace
 
