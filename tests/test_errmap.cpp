@@ -1,9 +1,12 @@
-// The platform error map: the code, level and name of each platform error of a called function.
+// The platform error map: the code, level and name of each platform error of a called function,
+// and the OS layer's errno translation that feeds it.
+#include <errno.h>
 #include <gtest/gtest.h>
 
 #include "zepecf.h"
 #include "zeperror.h"
 #include "zeplog.h"
+#include "zepos.h"
 
 namespace {
 
@@ -59,6 +62,27 @@ TEST(ErrorMap, CodeLevelAndName) {
     EXPECT_EQ(mapped(SYSFN__stat, {2, 22, 5}),
               "2 FILE_DOESNT_EXIST I ENOENT; 22 FILE_DOESNT_EXIST I -; 5 UNKNOWN E -");
     EXPECT_EQ(mapped(SYSFN_TlsGetValue, {0}), "0 INVALID_INVOCATION_SEQUENCE I NO_ERROR");
+}
+
+TEST(OsLayer, ErrnoTranslation) {
+    using namespace zepos;
+    const int rows[][2] = {
+        {ENOENT, 2},      {ENOTDIR, 3}, {EACCES, 5},   {EPERM, 5},    {EBADF, 6},
+        {ENOMEM, 8},      {EEXIST, 80}, {ENOSPC, 112}, {EMFILE, 18},  {ENAMETOOLONG, 206},
+        {ENOTEMPTY, 145}, {EBUSY, 32},  {EINVAL, 87},  {EFAULT, 487}, {0, 0}};
+    for (const auto& r : rows) EXPECT_EQ(TranslateErrno(r[0]), Uint32(r[1])) << r[0];
+    EXPECT_EQ(TranslateErrno(EEXIST, ErrnoUse::Create), 183u);
+    EXPECT_EQ(TranslateErrno(EAGAIN, ErrnoUse::Lock), 33u);
+    EXPECT_EQ(TranslateErrno(EACCES, ErrnoUse::Lock), 33u);
+    // Every errno becomes a non-zero platform number, and the ones a file, memory or process
+    // call commonly meets land on a code that says more than "unknown".
+    for (int e = 1; e < 134; ++e) EXPECT_NE(TranslateErrno(e), 0u) << e;
+    for (int e : {ENOENT, ENOTDIR, EACCES, EPERM, EBADF, ENOMEM, EEXIST, ENOSPC, ENAMETOOLONG,
+                  ENOTEMPTY, EMFILE, ENFILE, EBUSY, ETXTBSY, EINVAL, EFAULT, EISDIR, ENXIO}) {
+        const Uint32 os = TranslateErrno(e);
+        EXPECT_NE(zepErrorMapSystem(0, 0, SYSFN_CreateFile, os, nullptr), ECF_UNKNOWN) << e;
+        EXPECT_NE(zepErrorNameMapSystem(SYSFN_CreateFile, os), nullptr) << e;
+    }
 }
 
 }  // namespace
