@@ -282,10 +282,16 @@ TEST_F(SysInfo, RecordedGroupsBoundMemorySwapAndProcessors) {
     // kernel's meminfo without MemAvailable, one processor offline. v2-container: the mount's root
     // is taken off the group's path; the group is full.
     // clang-format off
-    const struct { const char* dir; std::vector<Sint32> mb; Uint32 configured, online, quota; }
+    const struct {
+        const char* dir;
+        std::vector<Sint32> mb;
+        Uint32 configured, online, quota;
+    }
     cases[] = {  // mb: physTotal, physFree, swapTotal, swapFree
-        {"v2-nested", {512, 384, 256, 192}, 8, 8, 1}, {"v1", {1024, 768, 512, 448}, 4, 4, 3},
-        {"v1-unlimited", {16000, 7032, 0, 0}, 4, 3, 0}, {"v2-container", {2048, 0, 0, 0}, 16, 16, 4}};
+        {"v2-nested", {512, 384, 256, 192}, 8, 8, 1},
+        {"v1", {1024, 768, 512, 448}, 4, 4, 3},
+        {"v1-unlimited", {16000, 7032, 0, 0}, 4, 3, 0},
+        {"v2-container", {2048, 0, 0, 0}, 16, 16, 4}};
     // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.dir);
