@@ -54,7 +54,10 @@ std::string items(const Rec& r, const std::string& ref = "") {
 template <typename Field>
 std::string list(const std::vector<Rec>& r, Field GTRecord::*field) {
     std::string out;
-    for (const Rec& x : r) out += (out.empty() ? "" : " ") + std::to_string(x.h.*field);
+    for (const Rec& x : r) {
+        if (!out.empty()) out += ' ';
+        out += std::to_string(x.h.*field);
+    }
     return out;
 }
 

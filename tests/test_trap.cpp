@@ -276,7 +276,8 @@ TEST_F(Trap, CrashingProcessesLeaveReadableTrapFiles) {
         // The faulting function with its source line, then the callers in order.
         size_t at = out.find(c.faulting, out.find("Stack, innermost first:"));
         ASSERT_NE(at, std::string::npos) << out;
-        const std::string site = c.site ? ":" + std::to_string(sourceLine(c.site)) : "";
+        std::string site;
+        if (c.site) site.append(":").append(std::to_string(sourceLine(c.site)));
         EXPECT_THAT(out.substr(at, out.find('\n', at) - at), HasSubstr("zepcrash.cpp" + site));
         std::istringstream callers(c.callers);
         for (std::string caller; callers >> caller;)
