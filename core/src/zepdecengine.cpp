@@ -15,6 +15,8 @@
 
 #include <string.h>
 
+#include "zepdigits.h"
+
 namespace {
 
 const Sint32 kMaxDigits = ZEP_DEC_UNITS * 4;
@@ -154,19 +156,14 @@ Sint32 countDigits(const Uint16* u) {
     return 1;
 }
 
-const char kDigitPairs[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
-
 // Writes the coefficient's units as characters, four a unit, ending at `end`; the `digits`
 // characters before `end` are then the coefficient.
 void unitsToChars(const Uint16* u, Sint32 digits, char* end) {
     for (Sint32 k = 0; 4 * k < digits; ++k) {
         unsigned v = u[k], hi = v / 100, lo = v - hi * 100;
         end -= 4;
-        memcpy(end, kDigitPairs + 2 * hi, 2);
-        memcpy(end + 2, kDigitPairs + 2 * lo, 2);
+        memcpy(end, kZepDigitPairs + 2 * hi, 2);
+        memcpy(end + 2, kZepDigitPairs + 2 * lo, 2);
     }
 }
 

@@ -10,6 +10,8 @@
 #include <ctype.h>
 #include <string.h>
 
+#include "zepdigits.h"
+
 namespace {
 
 typedef unsigned __int128 U128;
@@ -22,11 +24,6 @@ inline Uint128 fromU128(U128 v) {
 }
 
 const Uint64 kTen19 = 10000000000000000000ull;
-
-const char kDigitPairs[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
 
 // Quotient of (hi:lo) by d, which must be above hi, so that the quotient fits 64 bits.
 inline Uint64 divide128By64(Uint64 hi, Uint64 lo, Uint64 d, Uint64* rem) {
@@ -43,31 +40,14 @@ inline Uint64 divide128By64(Uint64 hi, Uint64 lo, Uint64 d, Uint64* rem) {
 #endif
 }
 
-// Both writers fill backwards from `end` and return the first character written.
-inline char* putDigits(char* end, Uint64 v) {
-    while (v >= 100) {
-        Uint64 q = v / 100;
-        unsigned r = (unsigned)(v - q * 100);
-        end -= 2;
-        memcpy(end, kDigitPairs + 2 * r, 2);
-        v = q;
-    }
-    if (v >= 10) {
-        end -= 2;
-        memcpy(end, kDigitPairs + 2 * v, 2);
-    } else {
-        *--end = (char)('0' + v);
-    }
-    return end;
-}
-
-// Exactly 19 digits, leading zeros included: a lower chunk of a split value.
+// Exactly 19 digits, leading zeros included, ending at `end` like zepPutDigits: a lower chunk
+// of a split value.
 inline char* putDigits19(char* end, Uint64 v) {
     for (int i = 0; i < 9; ++i) {
         Uint64 q = v / 100;
         unsigned r = (unsigned)(v - q * 100);
         end -= 2;
-        memcpy(end, kDigitPairs + 2 * r, 2);
+        memcpy(end, kZepDigitPairs + 2 * r, 2);
         v = q;
     }
     *--end = (char)('0' + v);
@@ -162,7 +142,7 @@ Sint32 int128::tostr(Char* buffer, Uint32 size, bool isSigned) const {
     char* p;
     Uint64 hi = (Uint64)(v >> 64), lo = (Uint64)v;
     if (hi == 0) {
-        p = putDigits(end, lo);
+        p = zepPutDigits(end, lo);
     } else {
         // v = (qhi:qlo) * 10^19 + r0, and the quotient is below 2^65.
         Uint64 r0, r1;
@@ -170,11 +150,11 @@ Sint32 int128::tostr(Char* buffer, Uint32 size, bool isSigned) const {
         Uint64 qhi = hi / kTen19;
         p = putDigits19(end, r0);
         if (qhi == 0 && qlo < kTen19) {
-            p = putDigits(p, qlo);
+            p = zepPutDigits(p, qlo);
         } else {
             Uint64 top = divide128By64(qhi, qlo, kTen19, &r1);
             p = putDigits19(p, r1);
-            p = putDigits(p, top);
+            p = zepPutDigits(p, top);
         }
     }
     Uint32 count = (Uint32)(end - p);

@@ -10,6 +10,7 @@
 
 #include <string.h>
 
+#include "zepdigits.h"
 #include "zeptypes.h"
 
 class ZepText {
@@ -63,26 +64,7 @@ public:
         char tmp[2 * kDigitRoom];
         memset(tmp, '0', sizeof tmp);
         char* const end = tmp + kDigitRoom;
-        char* p = end;
-        // Two digits a step.
-        static const char kPairs[] =
-            "0001020304050607080910111213141516171819"
-            "2021222324252627282930313233343536373839"
-            "4041424344454647484950515253545556575859"
-            "6061626364656667686970717273747576777879"
-            "8081828384858687888990919293949596979899";
-        while (v >= 100) {
-            const Uint64 q = v / 100;
-            p -= 2;
-            memcpy(p, kPairs + 2 * (v - q * 100), 2);
-            v = q;
-        }
-        if (v >= 10) {
-            p -= 2;
-            memcpy(p, kPairs + 2 * v, 2);
-        } else {
-            *--p = static_cast<char>('0' + v);
-        }
+        char* p = zepPutDigits(end, v);
         if (digits > kDigitRoom - 4) digits = kDigitRoom - 4;
         if (p > end - digits) p = end - digits;
         return digitsOut(p, static_cast<Uint32>(end - p));
